@@ -1,0 +1,39 @@
+# How every piece of our own code is compiled: the language level, the warnings, and the two flags on which the
+# bits depend.
+
+set(CMAKE_CXX_STANDARD 20)
+set(CMAKE_CXX_STANDARD_REQUIRED ON)
+set(CMAKE_CXX_EXTENSIONS OFF)
+set(CMAKE_C_STANDARD 11)
+set(CMAKE_C_STANDARD_REQUIRED ON)
+set(CMAKE_POSITION_INDEPENDENT_CODE ON)
+set(CMAKE_CXX_VISIBILITY_PRESET hidden)
+set(CMAKE_VISIBILITY_INLINES_HIDDEN ON)
+set(CMAKE_C_VISIBILITY_PRESET hidden)
+# The libraries of one build lie together, so that they find each other by $ORIGIN as they do once installed.
+set(CMAKE_LIBRARY_OUTPUT_DIRECTORY "${CMAKE_BINARY_DIR}/lib")
+set(CMAKE_RUNTIME_OUTPUT_DIRECTORY "${CMAKE_BINARY_DIR}/bin")
+set(CMAKE_INSTALL_RPATH "$ORIGIN;$ORIGIN/../${CMAKE_INSTALL_LIBDIR}")
+
+if(NOT CMAKE_BUILD_TYPE)
+    set(CMAKE_BUILD_TYPE Release)
+endif()
+
+add_library(kelRt_compile INTERFACE)
+target_compile_options(kelRt_compile INTERFACE
+    -Wall -Wextra -Wconversion -Wshadow -Werror
+    -ffp-contract=off                                   # a product is rounded before it is added, always
+    "-ffile-prefix-map=${CMAKE_SOURCE_DIR}/="           # two checkouts log the same source paths
+)
+
+# The library and the simulator need neither exceptions nor run-time types.
+add_library(kelRt_runtime_compile INTERFACE)
+target_link_libraries(kelRt_runtime_compile INTERFACE kelRt_compile)
+target_compile_options(kelRt_runtime_compile INTERFACE
+    $<$<COMPILE_LANGUAGE:CXX>:-fno-exceptions> $<$<COMPILE_LANGUAGE:CXX>:-fno-rtti>)
+
+set(KELRT_SANITIZE "" CACHE STRING "Sanitizers, as -fsanitize takes them")
+if(KELRT_SANITIZE)
+    add_compile_options("-fsanitize=${KELRT_SANITIZE}" -fno-sanitize-recover=all -fno-omit-frame-pointer)
+    add_link_options("-fsanitize=${KELRT_SANITIZE}")
+endif()

@@ -1,0 +1,230 @@
+/*
+ * libkelRt: the CPU operator runtime of a neural-network-accelerator driver stack.
+ *
+ * The driver hands over the layers that its accelerator cannot run, one context at a time, through
+ * kelRt_executeContext. The kernels that the operators run are exported as well and can be called directly.
+ *
+ * Rules that hold for everything here, unless a function says otherwise:
+ * - The library has no state, threads or locks. Calls are safe side by side as long as no two of them touch
+ * the same memory id or the same arrays, and the driver does not change the CPU buffer table meanwhile.
+ * - Nothing aborts. A failure is a status code and, where stated, a log line; a kernel that refuses its
+ * arguments has written nothing.
+ * - Tensors are dense and row-major, 32-bit floats in native byte order. Pointers may sit at any byte
+ * address: no kernel asks for alignment.
+ * - Sizes are trusted: no kernel knows how large the memory behind a pointer is.
+ */
+#ifndef KEL_RT_H
+#define KEL_RT_H
+
+#include <stdint.h>
+
+#define KEL_RT_API __attribute__((visibility("default")))
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+/* ------------------------------------------------------------------------------------------------ status
+ * codes -- */
+
+/** Status of every function that returns uint32_t. Platform functions may return further values of their own.
+ */
+enum NnaStatus {
+    NNA_STATUS_FAILED = 1000, /**< a handler met an operator that it does not serve; index out of range */
+    NNA_STATUS_OK = 1001,     /**< success */
+    NNA_STATUS_ALREADY_ALLOCATED = 1012, /**< the memory id already has a CPU buffer */
+    NNA_STATUS_NOT_ALLOCATED = 1013,     /**< the memory id has no CPU buffer to release */
+    NNA_STATUS_WRITE_OVERFLOW = 1016,    /**< write past the end of a CPU buffer */
+    NNA_STATUS_READ_OVERFLOW = 1018,     /**< read past the end of a CPU buffer */
+    NNA_STATUS_OUT_OF_MEMORY = 1042,     /**< the heap is exhausted */
+    NNA_STATUS_NULL_POINTER =
+        1056, /**< null context, pointer or table, or a pointer that is not the id's own */
+    NNA_STATUS_UNSUPPORTED = 1063,        /**< a combination of flags that the operator does not support */
+    NNA_STATUS_INVALID_ARGUMENT = 1064,   /**< bad target, count, operator id, type code or size */
+    NNA_STATUS_TYPE_MISMATCH = 1065,      /**< an argument's type is not the operator's */
+    NNA_STATUS_MEMORY_SYNC_FAILED = 1070, /**< size query or cache maintenance of accelerator memory failed */
+};
+
+/* -----------------------------------------------------------------------------------------------------
+ * records -- */
+
+/** Type codes of context arguments; only the low byte of KelRtContextArg.type is examined. */
+enum KelRtArgType {
+    KEL_RT_ARG_NONE = 0, /**< "init_none" */
+    KEL_RT_ARG_VAL = 1,  /**< "init_to_val": value is an integer */
+    KEL_RT_ARG_MEM = 2, /**< "init_to_mem_idx": value is a memory id, offset a byte offset into that memory */
+    KEL_RT_ARG_FLT = 3, /**< "init_to_flt": value is the bit pattern of a single-precision float */
+};
+
+/** Memory id that stands for no tensor. */
+#define KEL_RT_NO_MEMORY_ID 0xFFFFFFFFu
+/** The only accepted KelRtContext.target. */
+#define KEL_RT_TARGET_CPU 1
+/** Number of rows of the operator table; operator ids are 0 to KEL_RT_NUM_OPS - 1. */
+#define KEL_RT_NUM_OPS 19
+
+/** One argument of a context: 12 bytes. */
+typedef struct KelRtContextArg {
+    uint32_t type;   /**< a KelRtArgType in the low byte; the other bytes are not read */
+    uint32_t offset; /**< memory arguments: byte offset of the operand inside the memory; otherwise unused */
+    uint32_t value;  /**< integer, memory id or float bits, by type */
+} KelRtContextArg;
+
+/**
+ * One operator invocation. Argument 0 carries the number of operator arguments that follow arguments 0 and 1,
+ * argument 1 the operator id (low 8 bits), both as KEL_RT_ARG_VAL; the operator's own arguments start at 2.
+ * The library only reads it.
+ */
+typedef struct KelRtContext {
+    const KelRtContextArg* args;
+    uint32_t reserved0[2]; /**< not read */
+    int32_t
+        num_args; /**< number of records in args, more than 2; the operator's own count is read regardless */
+    uint32_t reserved1; /**< not read */
+    uint32_t target;    /**< KEL_RT_TARGET_CPU */
+} KelRtContext;
+
+/** CPU buffer of one memory id; a table of these is indexed by memory id. */
+typedef struct CpuBufferEntry {
+    void* ptr;     /**< heap buffer, null when the id has none */
+    uint32_t size; /**< its size in bytes, 0 when none */
+} CpuBufferEntry;
+
+/**
+ * The driver's instance, handed to every call. The library uses four fields; the words between belong to the
+ * driver. The tables for allocation and for lookup are two fields on purpose: a driver that wants lookups to
+ * see the buffers it allocated stores the same pointer in both.
+ */
+typedef struct KelRtInstance {
+    void* device; /**< handle for the platform's memory functions */
+    uintptr_t driver0[4];
+    CpuBufferEntry* cpu_buffers; /**< table of tivNnaCpuMemAlloc, Dealloc, Write and Read */
+    uintptr_t driver1[2];
+    CpuBufferEntry* cpu_buffer_lookup; /**< table of tivNnaCpuMemPtr, which every operator consults */
+    uintptr_t driver2[4];
+    uint8_t out_shift; /**< 0 to 4, written by "cpu_copy_fmt_conv" when it chooses the output scale itself */
+    uint8_t driver3[sizeof(uintptr_t) - 1];
+} KelRtInstance;
+
+/* ------------------------------------------------------------------------------------------------- entry
+ * point -- */
+
+/**
+ * Checks `context` against the operator table, runs its operator on the calling thread and returns its
+ * status. `instance` is passed on untouched. A null context is an error (1056), not a fault.
+ */
+KEL_RT_API uint32_t kelRt_executeContext(KelRtInstance* instance, const KelRtContext* context);
+
+/* -------------------------------------------------------------------------------------------- CPU buffer
+ * table -- */
+/* The driver's own heap buffers for tensors that live only between CPU operators. The driver provides the
+ * table and sizes it for every memory id that it uses; no function here knows its capacity. `instance` is
+ * never null-checked. */
+
+/** Creates the buffer of `memid`, uninitialised. 1012 (and an ERR line) if it has one, 1042, 1056 without a
+ * table. */
+KEL_RT_API uint32_t tivNnaCpuMemAlloc(KelRtInstance* instance, uint32_t memid, uint32_t size);
+
+/** Frees the buffer of `memid`. 1013 (and a DEBUG line) if it has none, 1056 without a table. */
+KEL_RT_API uint32_t tivNnaCpuMemDealloc(KelRtInstance* instance, uint32_t memid);
+
+/**
+ * Copies `size` bytes from `src` into the buffer at byte `offset`. 1016 (and an ERR line) when offset + size,
+ * in wrapping 32-bit arithmetic, exceeds the buffer; 1056 without a table or buffer.
+ */
+KEL_RT_API uint32_t tivNnaCpuMemWrite(KelRtInstance* instance, uint32_t memid, uint32_t offset,
+                                      const void* src, uint32_t size);
+
+/** Copies `size` bytes from the buffer at byte `offset` to `dst`. As tivNnaCpuMemWrite, with 1018 for 1016.
+ */
+KEL_RT_API uint32_t tivNnaCpuMemRead(KelRtInstance* instance, uint32_t memid, uint32_t offset, void* dst,
+                                     uint32_t size);
+
+/**
+ * Stores the buffer of `memid` in *out_ptr: null, with status 1001, when the id has none. 1056 when out_ptr
+ * is null, and, leaving *out_ptr as it was, when the instance has no lookup table.
+ */
+KEL_RT_API uint32_t tivNnaCpuMemPtr(KelRtInstance* instance, uint32_t memid, void** out_ptr);
+
+/* ---------------------------------------------------------------------------------------------- runtime
+ * memory -- */
+/* A memory id is served by its CPU buffer or, failing that, by the CPU's mapping of the accelerator memory.
+ * Nothing is copied or allocated: these functions choose, check and synchronise caches, always over the whole
+ * memory. */
+
+/** An output that the CPU will write: *out_ptr becomes its pointer (null for KEL_RT_NO_MEMORY_ID). No cache
+ * work. */
+KEL_RT_API uint32_t kel_rtMemory_allocate(KelRtInstance* instance, uint32_t memid, void** out_ptr);
+
+/** An input that the CPU will read: as allocate, after making the caches coherent. 1070 when that fails. */
+KEL_RT_API uint32_t kel_rtMemory_copyFrom(KelRtInstance* instance, uint32_t memid, void** out_ptr);
+
+/** Publishes what the CPU wrote at `ptr`. 1056 when ptr is null or not the id's CPU buffer, 1070 as copyFrom.
+ */
+KEL_RT_API uint32_t kel_rtMemory_copyTo(KelRtInstance* instance, void* ptr, uint32_t memid);
+
+/** Hands a pointer back: checks that it is the one the id resolves to (else 1056); frees nothing. */
+KEL_RT_API uint32_t kel_rtMemory_deallocate(KelRtInstance* instance, void* ptr, uint32_t memid);
+
+/* --------------------------------------------------------------------------------------------- operator
+ * kernels -- */
+
+/**
+ * out[i] = a[i] + b[i] for i in 0..n-1. `out` may be `a` or `b`. *out_bytes, if given, becomes 4n (wrapping).
+ * 1056 (and an ERR line) if out, a or b is null.
+ */
+KEL_RT_API uint32_t kelRt_ewopAdd(float* out, const float* a, const float* b, uint32_t n,
+                                  uint32_t* out_bytes);
+
+/** Copies `nbytes` bytes; the areas must not overlap. Source first. 1056 (and an ERR line) if either is null.
+ */
+KEL_RT_API uint32_t kelRt_split(const void* src, void* dst, uint32_t nbytes);
+
+/**
+ * Normalises frames of `featureLen` values: output[f][k] = (input[f][k] - mean[k]) / var[k], a true division
+ * by `var` as given. `total` counts the floats of the input; a trailing partial frame is not written, and
+ * nothing is when featureLen > total. `output` may be `input`; it must not overlap mean or var. 1056 (and an
+ * ERR line) if a pointer is null.
+ */
+KEL_RT_API uint32_t kelRt_featurenorm(const float* input, uint32_t total, const float* mean, const float* var,
+                                      uint32_t featureLen, float* output);
+
+/**
+ * c = op(a) * op(b), where op transposes when its flag is non-zero. aRows x aCols and bRows x bCols are the
+ * shapes as stored; c is M x N with M = transA ? aCols : aRows, N = transB ? bRows : bCols. The inner
+ * dimension is a's; b is taken to have that many rows. Each c element is a single-precision sum in increasing
+ * k. `a` and `b` are left transposed in place when their flags are set. c must not overlap them. Dimensions
+ * are not checked; zero or negative ones give no work. 1056 (and an ERR line) if a pointer is null.
+ */
+KEL_RT_API uint32_t kelRt_matmul(float* a, float* b, float* c, int32_t aRows, int32_t aCols, int32_t bRows,
+                                 int32_t bCols, int32_t transA, int32_t transB);
+
+/* ---------------------------------------------------------------------------------------------- matrix
+ * toolkit -- */
+
+/** A dense row-major matrix of floats. Mind the order: columns first. */
+typedef struct KelRtMatrix {
+    uint32_t cols;
+    uint32_t rows;
+    float* data;
+} KelRtMatrix;
+
+/** Fills the descriptor; the data stays the caller's. */
+KEL_RT_API void m_init(KelRtMatrix* m, uint32_t cols, uint32_t rows, float* data);
+
+/** Address of element (row, col); no bounds check. */
+KEL_RT_API float* m_get(const KelRtMatrix* m, uint32_t row, uint32_t col);
+
+/** c = a * b, for the rows and columns that c has; the inner dimension is a's columns. c must not overlap a
+ * or b. */
+KEL_RT_API void m_multiply(const KelRtMatrix* c, const KelRtMatrix* a, const KelRtMatrix* b);
+
+/** Transposes in place: `data` holds newCols rows of newRows columns and becomes newRows rows of newCols
+ * columns. */
+KEL_RT_API void transpose(float* data, int32_t newRows, int32_t newCols);
+
+#ifdef __cplusplus
+}
+#endif
+
+#endif

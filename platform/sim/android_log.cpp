@@ -1,0 +1,21 @@
+// liblog of the simulated accelerator: prints Android's brief form, "E/tag( pid): message", on standard
+// error.
+#include <unistd.h>
+
+#include <cstdarg>
+#include <cstdio>
+#include <cstring>
+
+#include "kelRt_platform.h"
+
+int __android_log_print(int priority, const char* tag, const char* format, ...) {
+    constexpr char kLetters[] = "??VDIWEF";
+    const char letter = priority >= 0 && priority < 8 ? kLetters[priority] : '?';
+    char message[1024];  // Android cuts longer messages too
+    va_list args;
+    va_start(args, format);
+    std::vsnprintf(message, sizeof message, format, args);
+    va_end(args);
+    message[std::strcspn(message, "\n")] = '\0';
+    return std::fprintf(stderr, "%c/%s(%5d): %s\n", letter, tag, static_cast<int>(getpid()), message);
+}

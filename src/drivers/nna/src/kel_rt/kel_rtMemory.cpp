@@ -1,0 +1,91 @@
+// Memory id -> CPU pointer. A CPU buffer of the driver's table comes first, the CPU's mapping of accelerator
+// memory second; caches are maintained around the CPU's work on accelerator memory only. Nothing is copied or
+// freed.
+#include "kelRt.h"
+#include "kelRt_platform.h"
+#include "log.h"
+
+namespace {
+
+// Directions of tivNnaMemorySyncCache.
+constexpr uint32_t kCpuWillRead = 1;
+constexpr uint32_t kCpuHasWritten = 0;
+
+// The id's CPU buffer, or null. A failing lookup (no table) leaves null too: the id is then accelerator
+// memory.
+void* cpu_buffer(KelRtInstance* instance, uint32_t memid) {
+    void* ptr = nullptr;
+    tivNnaCpuMemPtr(instance, memid, &ptr);
+    return ptr;
+}
+
+// Maintains the caches over the whole memory, never over just the operand's range.
+uint32_t sync_whole(KelRtInstance* instance, uint32_t memid, uint32_t direction) {
+    uint32_t size = 0;
+    uint32_t status = tivNnaMemorySize(instance->device, memid, &size);
+    if (status != NNA_STATUS_OK) {
+        KEL_LOG_ERR("tivNnaMemorySize failed, err = %d", status);
+        return NNA_STATUS_MEMORY_SYNC_FAILED;
+    }
+    status = tivNnaMemorySyncCache(instance->device, memid, direction, 0, size);
+    if (status != NNA_STATUS_OK) {
+        KEL_LOG_ERR("tivNnaMemorySyncCache failed. Err = %d", status);
+        return NNA_STATUS_MEMORY_SYNC_FAILED;
+    }
+    return NNA_STATUS_OK;
+}
+
+uint32_t check_match(uint32_t memid, const void* ptr, const void* expected) {
+    if (ptr == expected)
+        return NNA_STATUS_OK;
+    KEL_LOG_ERR("Pointer Mismatch Mem[%d] %p %p", memid, ptr, expected);
+    return NNA_STATUS_NULL_POINTER;
+}
+
+}  // namespace
+
+uint32_t kel_rtMemory_allocate(KelRtInstance* instance, uint32_t memid, void** out_ptr) {
+    *out_ptr = nullptr;
+    if (memid == KEL_RT_NO_MEMORY_ID)
+        return NNA_STATUS_OK;
+    *out_ptr = cpu_buffer(instance, memid);
+    if (*out_ptr)
+        return NNA_STATUS_OK;
+    return tivNnaMemoryPtr(instance->device, memid, out_ptr);
+}
+
+uint32_t kel_rtMemory_copyFrom(KelRtInstance* instance, uint32_t memid, void** out_ptr) {
+    *out_ptr = nullptr;
+    if (memid == KEL_RT_NO_MEMORY_ID)
+        return NNA_STATUS_OK;
+    *out_ptr = cpu_buffer(instance, memid);
+    if (*out_ptr)
+        return NNA_STATUS_OK;
+    const uint32_t status = sync_whole(instance, memid, kCpuWillRead);
+    if (status != NNA_STATUS_OK)
+        return status;
+    return tivNnaMemoryPtr(instance->device, memid, out_ptr);
+}
+
+// KEL_RT_NO_MEMORY_ID has no special case here on purpose: an output must be a real tensor.
+uint32_t kel_rtMemory_copyTo(KelRtInstance* instance, void* ptr, uint32_t memid) {
+    if (!ptr) {
+        KEL_LOG_ERR("KEL RT Null address");
+        return NNA_STATUS_NULL_POINTER;
+    }
+    if (const void* const buffer = cpu_buffer(instance, memid))
+        return check_match(memid, ptr, buffer);
+    return sync_whole(instance, memid, kCpuHasWritten);
+}
+
+uint32_t kel_rtMemory_deallocate(KelRtInstance* instance, void* ptr, uint32_t memid) {
+    if (memid == KEL_RT_NO_MEMORY_ID)
+        return NNA_STATUS_OK;
+    if (const void* const buffer = cpu_buffer(instance, memid))
+        return check_match(memid, ptr, buffer);
+    void* mapped = nullptr;
+    const uint32_t status = tivNnaMemoryPtr(instance->device, memid, &mapped);
+    if (!ptr || status != NNA_STATUS_OK)
+        return status;
+    return check_match(memid, ptr, mapped);
+}

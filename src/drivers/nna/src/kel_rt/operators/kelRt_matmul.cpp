@@ -1,0 +1,65 @@
+// Matrix multiply with optional in-place transposition of the operands, and the matrix toolkit that shares
+// both.
+#include "element.h"
+#include "kelRt.h"
+#include "log.h"
+#include "transpose.h"
+
+using kelrt::f32;
+
+namespace {
+
+// c[i][j] = sum over k of a[i][k] * b[k][j], for rows x cols results; each product is rounded, then added to
+// a single-precision sum in increasing k, which decides the last bit.
+void multiply(f32* c, const f32* a, const f32* b, uint32_t rows, uint32_t inner, uint32_t cols,
+              size_t c_stride, size_t b_stride) {
+    for (size_t i = 0; i < rows; ++i) {
+        for (size_t j = 0; j < cols; ++j) {
+            float sum = 0.0f;
+            for (size_t k = 0; k < inner; ++k)
+                sum += a[i * inner + k] * b[k * b_stride + j];
+            c[i * c_stride + j] = sum;
+        }
+    }
+}
+
+uint32_t count(int32_t dimension) {
+    return dimension > 0 ? static_cast<uint32_t>(dimension) : 0;
+}
+
+}  // namespace
+
+uint32_t kelRt_matmul(float* a, float* b, float* c, int32_t aRows, int32_t aCols, int32_t bRows,
+                      int32_t bCols, int32_t transA, int32_t transB) {
+    if (!a || !b || !c) {
+        KEL_LOG_ERR("Bad Address Input1 %p Input2 %p Output %p", static_cast<const void*>(a),
+                    static_cast<const void*>(b), static_cast<const void*>(c));
+        return NNA_STATUS_NULL_POINTER;
+    }
+    if (transA)
+        kelrt::transpose_in_place(a, aRows, aCols);
+    if (transB)
+        kelrt::transpose_in_place(b, bRows, bCols);
+
+    const uint32_t rows = count(transA ? aCols : aRows);
+    const uint32_t inner = count(transA ? aRows : aCols);
+    const uint32_t cols = count(transB ? bRows : bCols);
+    multiply(c, a, b, rows, inner, cols, cols, cols);
+    return NNA_STATUS_OK;
+}
+
+void m_init(KelRtMatrix* m, uint32_t cols, uint32_t rows, float* data) {
+    *m = {cols, rows, data};
+}
+
+float* m_get(const KelRtMatrix* m, uint32_t row, uint32_t col) {
+    return m->data + static_cast<uint32_t>(row * m->cols + col);
+}
+
+void m_multiply(const KelRtMatrix* c, const KelRtMatrix* a, const KelRtMatrix* b) {
+    multiply(c->data, a->data, b->data, c->rows, a->cols, c->cols, c->cols, b->cols);
+}
+
+void transpose(float* data, int32_t newRows, int32_t newCols) {
+    kelrt::transpose_in_place(data, newCols, newRows);
+}

@@ -1,0 +1,12 @@
+// In-place matrix transposition.
+#pragma once
+
+#include <cstdint>
+
+namespace kelrt {
+
+// Transposes a dense row-major rows x cols matrix, at any byte address, into cols x rows. Nothing is done
+// unless the 32-bit signed product of the dimensions is at least 1.
+void transpose_in_place(float* data, int32_t rows, int32_t cols);
+
+}  // namespace kelrt

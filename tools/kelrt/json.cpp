@@ -2,10 +2,7 @@
 #include "json.h"
 
 #include <algorithm>
-#include <cerrno>
-#include <cstring>
-#include <fstream>
-#include <iterator>
+#include <functional>
 #include <set>
 
 #include "bad_input.h"
@@ -68,13 +65,11 @@ class Follower {
 };
 
 std::string read_file(const std::string& file) {
-    std::ifstream stream(file, std::ios::binary);
-    if (!stream)
-        throw BadInput(file + ": cannot open the file (" + std::strerror(errno) + ")");
-    std::string text{std::istreambuf_iterator<char>(stream), {}};
-    if (stream.bad())
-        throw BadInput(file + ": cannot read the file");
-    return text;
+    try {
+        return npy::read_file(file);
+    } catch (const npy::Error& error) {
+        throw BadInput(error.what());
+    }
 }
 
 }  // namespace

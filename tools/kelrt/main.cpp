@@ -93,6 +93,9 @@ int run(int argc, char** argv) {
     } catch (const CLI::Success& help) {
         return app.exit(help);
     } catch (const CLI::ParseError& error) {
+        if (app.get_subcommands().empty() && !app.remaining().empty())
+            throw tool::BadInput(app.remaining().front() +
+                                 ": there is no such command; there are ops, run and op");
         throw tool::BadInput(error.what());
     }
     g_log_lvl = kLogLevels.at(log);

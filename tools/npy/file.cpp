@@ -22,7 +22,9 @@ struct Close {
     throw Error(path + ": " + what + " (" + std::strerror(errno) + ")");
 }
 
-std::string read_all(const std::string& path) {
+}  // namespace
+
+std::string read_file(const std::string& path) {
     const std::unique_ptr<std::FILE, Close> file(std::fopen(path.c_str(), "rb"));
     if (!file)
         fail(path, "cannot open the file");
@@ -35,10 +37,8 @@ std::string read_all(const std::string& path) {
     return contents;
 }
 
-}  // namespace
-
 Array load(const std::string& path) {
-    const std::string contents = read_all(path);
+    const std::string contents = read_file(path);
     try {
         return parse(contents);
     } catch (const Error& error) {

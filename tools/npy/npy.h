@@ -76,6 +76,9 @@ Array parse(std::string_view contents);
 // The contents of the file of an array.
 std::string format(const Array& array);
 
+// Any file, whole.
+std::string read_file(const std::string& path);
+
 Array load(const std::string& path);
 
 // A file written beside its final place. `commit` moves it there in one step; without it, nothing remains.

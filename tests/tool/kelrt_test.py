@@ -315,6 +315,21 @@ class Runs(KelrtTest):
         self.assertEqual(result.returncode, 1)
         self.assertIn("NNA_STATUS_NULL_POINTER (1056)", result.stdout)
 
+    def test_sram_rows_move_both_ways(self):
+        job = {"memories": {"m": memory([6], "u1", kind="cpu")},
+               "sram": memory([16], "u1", base=4096, values=list(range(16))),
+               "contexts": [{"op": "nna_sram_get", "args": [4097, 3, 8, 2, {"mem": "m"}]},
+                            {"op": "nna_sram_set", "args": [4100, 2, 2, 3, {"mem": "m"}]}],
+               "outputs": ["m", "sram"]}
+        result = self.run_job(job)
+        if "NNA_STATUS_UNSUPPORTED" in result.stdout:
+            self.skipTest("the library has no SRAM operators")
+        self.assertEqual(result.returncode, 0, result)
+        self.assertEqual(self.written(), {"m.npy": npy("u1", [6], [1, 2, 3, 9, 10, 11]), "sram.npy": npy(
+            "u1", [16], [0, 1, 2, 3, 1, 2, 3, 9, 10, 11, 10, 11, 12, 13, 14, 15])})
+        job["contexts"][0]["args"][0] = 4110
+        self.assertIn("NNA_SIM_STATUS_OUT_OF_RANGE (2002)", self.run_job(job).stdout)
+
     def test_the_catalogue_is_shown(self):
         result = self.kelrt("ops")
         self.assertEqual(result.returncode, 0)
@@ -413,6 +428,7 @@ class Extents(KelrtTest):
             ("cpu_softmax", dict(out=28, n=7, **{"in": 28})),
             ("cpu_hw32_fmt_conv", dict(out=64, size=17, dir=0, **{"in": 64})),
             ("cpu_hw32_fmt_conv_param", dict(out=68, size=17, dir=1, nna_out_line_sz=17, **{"in": 68})),
+            ("cpu_hw32_fmt_conv_param", dict(out=52, size=10, dir=0, nna_out_line_sz=5, **{"in": 43})),
             ("cpu_hw32_fmt_conv_param", dict(out=0, size=4, dir=0, nna_out_line_sz=5, **{"in": 0})),
             ("cpu_embedding", dict(out=12, index=4, table=12, w=3)),
             ("cpu_im2col", dict(im2col, out=4 * 24, **{"in": 60})),

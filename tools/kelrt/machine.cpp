@@ -2,6 +2,7 @@
 #include "machine.h"
 
 #include <algorithm>
+#include <chrono>
 #include <cstring>
 #include <new>
 
@@ -22,7 +23,7 @@ size_t table_size(const Job& job) {
     size_t size = job.memories.size();
     for (const Context& context : job.contexts) {
         for (const KelRtContextArg& arg : context.args) {
-            if (arg.value <= kMaxMemoryId)
+            if ((arg.type & 0xFF) == KEL_RT_ARG_MEM && arg.value <= kMaxMemoryId)
                 size = std::max(size, size_t{arg.value} + 1);
         }
     }
@@ -71,9 +72,7 @@ void Machine::reset() {
     nna_sim_clear_calls(sim_.get());
 }
 
-uint32_t Machine::execute(const Context& context) {
-    if (context.null)
-        return kelRt_executeContext(&instance_, nullptr);
+Machine::Result Machine::execute(const Context& context) {
     // The library reads as many records as the operator has, whatever num_args says.
     std::vector<KelRtContextArg> args = context.args;
     args.resize(std::max<size_t>(args.size(), 32));
@@ -85,7 +84,11 @@ uint32_t Machine::execute(const Context& context) {
     record.args = args.data();
     record.num_args = context.num_args;
     record.target = context.target;
-    return kelRt_executeContext(&instance_, &record);
+
+    using Clock = std::chrono::steady_clock;
+    const Clock::time_point start = Clock::now();
+    const uint32_t status = kelRt_executeContext(&instance_, context.null ? nullptr : &record);
+    return {status, std::chrono::duration<double, std::micro>(Clock::now() - start).count()};
 }
 
 npy::Array Machine::read(uint32_t memory_id) {

@@ -21,7 +21,11 @@ class Machine {
     // into the CPU's view of accelerator memory, which is the library's to make coherent.
     void reset();
 
-    uint32_t execute(const Context& context);
+    struct Result {
+        uint32_t status;
+        double microseconds;  // of the library alone
+    };
+    Result execute(const Context& context);
 
     // What a memory holds now: the device image or the CPU buffer.
     npy::Array read(uint32_t memory_id);

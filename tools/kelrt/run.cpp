@@ -3,7 +3,6 @@
 #include "run.h"
 
 #include <algorithm>
-#include <chrono>
 #include <cstdio>
 #include <filesystem>
 
@@ -96,7 +95,9 @@ class Run {
             machine_.reset();
             double total = 0;
             for (size_t i = 0; i < job_.contexts.size(); ++i) {
-                const uint32_t status = execute(i, total);
+                const auto [status, microseconds] = machine_.execute(job_.contexts[i]);
+                times_[i].add(microseconds);
+                total += microseconds;
                 if (status != NNA_STATUS_OK || turn == options_.repeat)
                     print_context(i, status);
                 if (status != NNA_STATUS_OK) {
@@ -112,16 +113,6 @@ class Run {
     }
 
   private:
-    uint32_t execute(size_t index, double& total) {
-        using Clock = std::chrono::steady_clock;
-        const Clock::time_point start = Clock::now();
-        const uint32_t status = machine_.execute(job_.contexts[index]);
-        const double microseconds = std::chrono::duration<double, std::micro>(Clock::now() - start).count();
-        times_[index].add(microseconds);
-        total += microseconds;
-        return status;
-    }
-
     void print_times(const Times& times) const {
         if (options_.repeat == 1)
             std::printf("%.1f us", times.least());

@@ -96,6 +96,7 @@ class Refusals(KelrtTest):
             ('{"contexts": [{}, {"args": [1, {"mem": "x", "mem": "y"}]}]}',
              "contexts[1].args[1].mem: the key is there twice"),
             ('{"contexts": [{"op": 4, "args": [1e999]}]}', "contexts[0].args[0]: the number is too large"),
+            ('{"contexts": ' + "[" * 200000 + "]" * 200000 + "}", "contexts" + "[0]" * 16 + ": this is nested too deeply"),
             ("[]", "an object is wanted here"),
             ("{}", "the key contexts is missing"),
             (add_job(context=[]), "context: unknown key; known are memories, sram, contexts, outputs"),

@@ -10,6 +10,8 @@
 namespace tool {
 namespace {
 
+constexpr size_t kMaxDepth = 16;
+
 using Event = nlohmann::ordered_json::parse_event_t;
 
 // Follows the parser, to know the path of the value that is being read and the keys of every open object.
@@ -18,6 +20,9 @@ class Follower {
     explicit Follower(const std::string& file) : file_(file) {}
 
     bool operator()(int, Event event, Json::Value& value) {
+        // The document is copied and freed by recursion, and no job is deep.
+        if (levels_.size() > kMaxDepth)
+            throw BadInput(file_ + ": " + path() + ": this is nested too deeply");
         switch (event) {
             case Event::object_start:
                 levels_.push_back({false, 0, {}, {}});

@@ -1,19 +1,9 @@
-# cmake -DEXIT_CODE=n -DOUTPUT=regex -P run.cmake -- command...: fails unless the command ends with that code
+# cmake -DCOMMAND=list -DEXIT_CODE=n -DOUTPUT=regex -P run.cmake: fails unless the command ends with that code
 # and what it prints fits.
-set(command "")
-set(after_dashes FALSE)
-foreach(i RANGE 1 ${CMAKE_ARGC})
-    if(after_dashes)
-        list(APPEND command "${CMAKE_ARGV${i}}")
-    elseif("${CMAKE_ARGV${i}}" STREQUAL "--")
-        set(after_dashes TRUE)
-    endif()
-endforeach()
-
-execute_process(COMMAND ${command} RESULT_VARIABLE result OUTPUT_VARIABLE output ERROR_VARIABLE output)
+execute_process(COMMAND ${COMMAND} RESULT_VARIABLE result OUTPUT_VARIABLE output ERROR_VARIABLE output)
 message("${output}")
 if(NOT result STREQUAL EXIT_CODE)
-    message(FATAL_ERROR "ended with ${result}, not ${EXIT_CODE}: ${command}")
+    message(FATAL_ERROR "ended with ${result}, not ${EXIT_CODE}: ${COMMAND}")
 endif()
 if(NOT output MATCHES "${OUTPUT}")
     message(FATAL_ERROR "the output does not fit ${OUTPUT}")

@@ -16,10 +16,12 @@ import numpy as np
 import dataset
 
 UNITS, ROWS, COLUMNS, DIGITS = 32, 8, 8, 10
-EPOCHS = 80
+# Chosen by three-fold cross-validation inside the training pictures; the held-out ones had no say.
+EPOCHS = 60
 BATCH = 50
-RATE = 5e-3  # of Adam, falling to nothing along half a cosine
-DECAY = 3e-4  # of the matrices, towards zero
+RATE = 1e-2  # of Adam, falling to nothing along half a cosine
+DECAY = 1e-3  # of the matrices, towards zero
+SHIFTS = [(0, 0), (1, 0), (-1, 0), (0, 1), (0, -1)]  # every picture trains in five places
 
 
 def start(random):
@@ -37,6 +39,13 @@ def start(random):
     }
     network["gate_bias"][UNITS : 2 * UNITS] = 1
     return network
+
+
+def shifted(pictures, down, right):
+    """The pictures moved by a pixel or none, with blank paper coming in at the edge."""
+    paper = np.zeros((len(pictures), ROWS + 2, COLUMNS + 2))
+    paper[:, 1 + down : 1 + down + ROWS, 1 + right : 1 + right + COLUMNS] = pictures.reshape(-1, ROWS, COLUMNS)
+    return paper[:, 1 : 1 + ROWS, 1 : 1 + COLUMNS].reshape(-1, ROWS * COLUMNS)
 
 
 def sigmoid(x):
@@ -115,7 +124,8 @@ def train(x, labels):
 def main():
     pictures, labels, held_out, held_out_labels = dataset.split()
     mean, divisor = (vector.astype(float) for vector in dataset.statistics(pictures))
-    network = train((pictures - mean) / divisor, labels)
+    moved = np.vstack([shifted(pictures, *shift) for shift in SHIFTS])
+    network = train((moved - mean) / divisor, np.tile(labels, len(SHIFTS)))
 
     # From here on the network as the device holds it, rounded to single precision, computed in double.
     rounded = {name: value.astype(np.float32).astype(float) for name, value in network.items()}

@@ -112,6 +112,28 @@ TEST(Matmul, EqualsTheOrderedSumForEveryFlagAndOffset) {
     }
 }
 
+// Scalar arithmetic keeps subnormals, also where the compiler sums many columns side by side; NEON would not.
+TEST(Matmul, KeepsSubnormals) {
+    const float tiny = 0x1p-127f;
+    Floats a = {tiny, tiny}, b(2 * 40, 1.5f), c(40);
+    EXPECT_EQ(kelRt_matmul(a.data(), b.data(), c.data(), 1, 2, 2, 40, 0, 0), NNA_STATUS_OK);
+    EXPECT_EQ(c, Floats(40, 3 * tiny));
+    b.assign(2 * 40, 0.25f);
+    EXPECT_EQ(kelRt_matmul(a.data(), b.data(), c.data(), 1, 2, 2, 40, 0, 0), NNA_STATUS_OK);
+    EXPECT_EQ(c, Floats(40, tiny / 2));
+}
+
+TEST(Matmul, AResultOverAnOperandIsWrittenRowByRow) {
+    Floats a = {1, 2, 3, 4}, b = {5, 6, 7, 8};
+    EXPECT_EQ(kelRt_matmul(a.data(), b.data(), a.data(), 2, 2, 2, 2, 0, 0), NNA_STATUS_OK);
+    EXPECT_EQ(a, (Floats{19, 130, 43, 290}));
+    a = {1, 2, 3, 4};
+    EXPECT_EQ(kelRt_matmul(a.data(), b.data(), b.data(), 2, 2, 2, 2, 0, 0), NNA_STATUS_OK);
+    EXPECT_EQ(b, (Floats{19, 22, 19 * 3 + 7 * 4, 22 * 3 + 8 * 4}));
+    KelRtMatrix vast{UINT32_MAX, 0, b.data()};  // no rows: no work, however many columns
+    m_multiply(&vast, &vast, &vast);
+}
+
 TEST(Matmul, NullPointersAndEmptyResults) {
     Floats x = {1, 2, 3, 4}, c = {-1, -1};
     probe::Probe probe;

@@ -34,10 +34,23 @@ inline void sum_block(f32* result, const f32* row, const f32* column, uint32_t i
 
 // c[i][j] = sum over k of a[i][k] * b[k][j], for rows x cols results; each product is rounded, then added to
 // a single-precision sum in increasing k, which decides the last bit.
-void multiply(f32* c, const f32* a, const f32* b, uint32_t rows, uint32_t inner, uint32_t cols,
-              size_t b_stride) {
-    for (uint32_t j = 0; j < cols; j += kBlock) {
-        const uint32_t width = std::min(kBlock, cols - j);
+void multiply_plainly(f32* c, const f32* a, const f32* b, size_t rows, size_t inner, size_t cols,
+                      size_t b_stride) {
+    for (size_t i = 0; i < rows; ++i) {
+        for (size_t j = 0; j < cols; ++j) {
+            float sum = 0.0f;
+            for (size_t k = 0; k < inner; ++k)
+                sum += a[i * inner + k] * b[k * b_stride + j];
+            c[i * cols + j] = sum;
+        }
+    }
+}
+
+// The same by blocks of columns.
+void multiply_by_blocks(f32* c, const f32* a, const f32* b, size_t rows, uint32_t inner, size_t cols,
+                        size_t b_stride) {
+    for (size_t j = 0; j < cols; j += kBlock) {
+        const auto width = static_cast<uint32_t>(std::min<size_t>(kBlock, cols - j));
         for (size_t i = 0; i < rows; ++i) {
             f32* const result = c + i * cols + j;
             const f32* const row = a + i * inner;
@@ -47,6 +60,25 @@ void multiply(f32* c, const f32* a, const f32* b, uint32_t rows, uint32_t inner,
                 sum_block(result, row, b + j, inner, b_stride, width);
         }
     }
+}
+
+bool overlap(const f32* x, size_t x_count, const f32* y, size_t y_count) {
+    const auto x_start = reinterpret_cast<uintptr_t>(x), y_start = reinterpret_cast<uintptr_t>(y);
+    return x_start < y_start + y_count * sizeof(float) && y_start < x_start + x_count * sizeof(float);
+}
+
+// A result that overlaps an operand changes what later sums read. Then the order of the results counts too,
+// and it is the plain one.
+void multiply(f32* c, const f32* a, const f32* b, uint32_t rows, uint32_t inner, uint32_t cols,
+              uint32_t b_stride) {
+    if (rows == 0 || cols == 0)
+        return;
+    const size_t results = static_cast<size_t>(rows) * cols;
+    if (overlap(c, results, a, static_cast<size_t>(rows) * inner) ||
+        overlap(c, results, b, static_cast<size_t>(inner) * b_stride))
+        multiply_plainly(c, a, b, rows, inner, cols, b_stride);
+    else
+        multiply_by_blocks(c, a, b, rows, inner, cols, b_stride);
 }
 
 uint32_t count(int32_t dimension) {

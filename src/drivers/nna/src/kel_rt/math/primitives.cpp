@@ -1,5 +1,5 @@
 // The exported four-lane and two-lane functions: each passes its operands through one algorithm.
-#include <cstring>
+#include <bit>
 
 #include "kelRt.h"
 #include "math/algorithms.h"
@@ -17,71 +17,80 @@ using kelrt::lanes::Floats;
 using kelrt::lanes::Ints;
 using Table = kelrt::CallersTable<Floats>;
 
-// Calls f with four lanes (two lanes: the pair twice) and returns what it stores, in a vector part.
+Ints stored(Ints x) {
+    return x;
+}
+Ints stored(Floats x) {
+    return bits(x);
+}
+
+// f over the lanes of x, as a vector part. Two lanes go in twice and come out once.
 template <class Vector, class Function>
-Vector on_lanes(const Vector& x, Function f) {
-    alignas(16) char lanes[16];
-    std::memcpy(lanes, &x, sizeof x);
-    std::memcpy(lanes + 16 - sizeof x, &x, sizeof x);
-    kelrt::vector_part([f, p = static_cast<void*>(lanes)] { store(p, f(p)); });
-    Vector result;
-    std::memcpy(&result, lanes, sizeof result);
-    return result;
+Vector on_lanes(Vector x, Function f) {
+    struct Copies {
+        Vector copy[16 / sizeof(Vector)];
+    } operand;
+    for (Vector& copy : operand.copy)
+        copy = x;
+    const Ints lanes = std::bit_cast<Ints>(operand);
+    Ints result;
+    kelrt::vector_part([=, &result] { result = stored(f(lanes)); });
+    return std::bit_cast<Copies>(result).copy[0];
 }
 
 auto sine() {
-    return [](const void* x) {
+    return [](Ints x) {
         const float c[4] = {te_sin_coeff2, te_sin_coeff3, te_sin_coeff4, te_sin_coeff5};
-        return kelrt::sin(Floats::load(x), c);
+        return kelrt::sin(from_bits(x), c);
     };
 }
 
 }  // namespace
 
 kelRt_float32x4_t vfloorq_f32(kelRt_float32x4_t x) {
-    return on_lanes(x, [](const void* p) { return kelrt::floor(Floats::load(p)); });
+    return on_lanes(x, [](Ints x_bits) { return kelrt::floor(from_bits(x_bits)); });
 }
 
 kelRt_float32x4_t vroundq_rte_f32(kelRt_float32x4_t x) {
-    return on_lanes(x, [](const void* p) { return kelrt::round_to_even(Floats::load(p)); });
+    return on_lanes(x, [](Ints x_bits) { return kelrt::round_to_even(from_bits(x_bits)); });
 }
 
 kelRt_float32x2_t vinvsqrt_f32(kelRt_float32x2_t x) {
-    return on_lanes(x, [](const void* p) { return kelrt::inverse_sqrt(Floats::load(p)); });
+    return on_lanes(x, [](Ints x_bits) { return kelrt::inverse_sqrt(from_bits(x_bits)); });
 }
 
 kelRt_float32x4_t vinvsqrtq_f32(kelRt_float32x4_t x) {
-    return on_lanes(x, [](const void* p) { return kelrt::inverse_sqrt(Floats::load(p)); });
+    return on_lanes(x, [](Ints x_bits) { return kelrt::inverse_sqrt(from_bits(x_bits)); });
 }
 
 kelRt_float32x2_t vinv_f32(kelRt_float32x2_t x) {
-    return on_lanes(x, [](const void* p) { return kelrt::reciprocal(Floats::load(p)); });
+    return on_lanes(x, [](Ints x_bits) { return kelrt::reciprocal(from_bits(x_bits)); });
 }
 
 kelRt_float32x4_t vinvq_f32(kelRt_float32x4_t x) {
-    return on_lanes(x, [](const void* p) { return kelrt::reciprocal(Floats::load(p)); });
+    return on_lanes(x, [](Ints x_bits) { return kelrt::reciprocal(from_bits(x_bits)); });
 }
 
 kelRt_float32x4_t vtaylor_polyq_f32(kelRt_float32x4_t x, const kelRt_float32x4_t* table) {
-    return on_lanes(x, [=](const void* p) { return kelrt::taylor_poly(Floats::load(p), Table{table}); });
+    return on_lanes(x, [=](Ints x_bits) { return kelrt::taylor_poly(from_bits(x_bits), Table{table}); });
 }
 
 kelRt_float32x4_t vexpq_f32(kelRt_float32x4_t x, const kelRt_float32x4_t* exp_table) {
-    return on_lanes(x, [=](const void* p) { return kelrt::exp(Floats::load(p), Table{exp_table}); });
+    return on_lanes(x, [=](Ints x_bits) { return kelrt::exp(from_bits(x_bits), Table{exp_table}); });
 }
 
 kelRt_float32x4_t vlogq_f32(kelRt_float32x4_t x, const kelRt_float32x4_t* log_table) {
-    return on_lanes(x, [=](const void* p) { return kelrt::log<Floats>(Ints::load(p), Table{log_table}); });
+    return on_lanes(x, [=](Ints x_bits) { return kelrt::log<Floats>(x_bits, Table{log_table}); });
 }
 
 kelRt_float32x4_t vtanhq_f32(kelRt_float32x4_t x, const kelRt_float32x4_t* exp_table) {
-    return on_lanes(x, [=](const void* p) { return kelrt::tanh(Floats::load(p), Table{exp_table}); });
+    return on_lanes(x, [=](Ints x_bits) { return kelrt::tanh(from_bits(x_bits), Table{exp_table}); });
 }
 
 kelRt_float32x4_t vpowq_f32(kelRt_float32x4_t x, kelRt_float32x4_t n, const kelRt_float32x4_t* log_table,
                             const kelRt_float32x4_t* exp_table) {
-    return on_lanes(x, [=, pn = static_cast<const void*>(&n)](const void* p) {
-        return kelrt::pow(Ints::load(p), Floats::load(pn), Table{log_table}, Table{exp_table});
+    return on_lanes(x, [=](Ints x_bits) {
+        return kelrt::pow(x_bits, from_bits(std::bit_cast<Ints>(n)), Table{log_table}, Table{exp_table});
     });
 }
 

@@ -171,7 +171,7 @@ inline Floats rsqrt_estimate(Floats a) {
 inline __m128 step_product(Floats a, Floats b) {
     const __m128 p = mul_loose(a, b).v;
     if (__builtin_expect(any(nan_lanes(p)), 0))
-        return _mm_and_ps(p, _mm_cmpunord_ps(a.v, b.v));
+        return _mm_and_ps(p, _mm_or_ps(_mm_cmpord_ps(p, p), _mm_cmpunord_ps(a.v, b.v)));
     return p;
 }
 inline Floats recip_step(Floats a, Floats b) {

@@ -129,6 +129,10 @@ inline Floats neg(Floats a) {
 inline Floats max(Floats a, Floats b) {
     return neg(min(neg(a), neg(b)));
 }
+// With x as the second operand both instructions return it when it is NaN.
+inline Floats clamp(Floats x, float low, float high) {
+    return {_mm_min_ps(_mm_set1_ps(high), _mm_max_ps(_mm_set1_ps(low), x.v))};
+}
 inline Floats abs(Floats a) {
     return {_mm_andnot_ps(_mm_set1_ps(-0.0f), a.v)};
 }

@@ -10,8 +10,8 @@
 //   one is put in only where bits leave the arithmetic: in `bits` and `store`.
 // - Minima, maxima, saturation, estimates and their steps, each put right where it is written.
 //
-// Operations that a compiler may drop as having no effect, such as a product with one, do have one under a
-// flush mode; nothing here or in the algorithms relies on them.
+// Under a flush mode even x * 1 has an effect, of which compilers know nothing: they would drop it. So
+// nothing here flushes by arithmetic of no other effect, but by masks.
 #pragma once
 
 #include <emmintrin.h>

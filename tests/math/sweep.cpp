@@ -32,8 +32,7 @@ float as_float(uint32_t bits) {
     return std::bit_cast<float>(bits);
 }
 
-// ---------------------------------------------------------------------------------------- functions of one
-// float
+// ---- functions of one float
 
 template <auto primitive, class... More>
 void each4(const float* x, float* y, const More&... more) {
@@ -162,8 +161,7 @@ Words special_patterns() {
     return patterns;
 }
 
-// ----------------------------------------------------------------------------------------------- pairs of
-// operands
+// ---- pairs of operands
 
 namespace lanes = kelrt::lanes;
 using lanes::Floats;
@@ -304,8 +302,7 @@ void draw(Random& random, uint32_t& a, uint32_t& b, uint32_t& c) {
     }
 }
 
-// ---------------------------------------------------------------------------------------------------------
-// digests
+// ---- digests
 
 struct Digest {
     uint64_t h = 0x6A09E667F3BCC908u;

@@ -204,8 +204,7 @@ TEST(ArrayKernels, FloatToInt8) {
         }
 }
 
-// -------------------------------------------------------------------------------------------------
-// reductions
+// ---- reductions
 
 float reference_sum(const Floats& x, float mean, bool squares) {
     float lanes[4] = {};
@@ -301,8 +300,7 @@ TEST(Reductions, MinMax) {
     }
 }
 
-// ----------------------------------------------------------------------------------------------- batch
-// kernels
+// ---- batch kernels
 
 TEST(BatchKernels, WholeBlocksAndNothingElse) {
     const struct {
@@ -343,8 +341,7 @@ TEST(BatchKernels, WholeBlocksAndNothingElse) {
         }
 }
 
-// ------------------------------------------------------------------------------------------- the caller's
-// mode
+// ---- the caller's mode
 
 #if defined(__SSE2__)
 // Whatever mode the caller computes in, vector parts give the same bits, raise no trap and leave the mode

@@ -190,8 +190,7 @@ TEST(Primitives, SineCoefficientsAreReadAtEveryCall) {
     EXPECT_NE(bits(ref::sin(1.4f, kSine)), bits(ref::sin(1.4f, {kSine[0], kSine[1], kSine[2], 0.75f})));
 }
 
-// ------------------------------------------------------------------------------------------- rounding
-// helpers
+// ---- rounding helpers
 
 int32_t divide_a(int32_t x, int32_t exponent) {
     const int32_t values[4] = {7, -7, x, 1}, exponents[4] = {1, 2, exponent, 0};

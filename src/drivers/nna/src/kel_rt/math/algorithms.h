@@ -80,9 +80,8 @@ F taylor_poly(F x, const Table& c) {
     return add(add(a, product(b, x2)), product(add(cc, product(d, x2)), x4));
 }
 
-// e^x as 2^m * e^r: the bits, because m is added into the exponent field by integer steps. At m = -126 the
-// field may become zero, and from m = 128 it is all ones: deliberately no clamp, the result is then a NaN
-// pattern.
+// e^x as 2^m * e^r: the bits, because m is added into the exponent field by integer steps. At m = -126 that
+// field may become zero, and from m = 128 it is all ones, a NaN pattern: deliberately there is no clamp.
 template <class F, class Table>
 typename F::Bits exp(F x, const Table& table) {
     using I = typename F::Bits;
@@ -92,8 +91,7 @@ typename F::Bits exp(F x, const Table& table) {
     return keep(greater(m, I::splat(-127)), add_sat(bits(p), shl_sat<23>(m)));
 }
 
-// ln x from the bits of x, as m ln 2 + ln v with v in [1, 2). For positive normal x; nothing else is looked
-// for.
+// ln x from the bits of x, as m ln 2 + ln v with v in [1, 2). For positive normal x only.
 template <class F, class Table>
 F log(typename F::Bits x, const Table& table) {
     using I = typename F::Bits;

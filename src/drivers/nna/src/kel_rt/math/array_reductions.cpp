@@ -60,8 +60,8 @@ uint32_t kelRt_minMaxf(const float* in, float* min_out, float* max_out, uint32_t
     const float first = x[0];
     *least = *most = first;
 
-    // The first block is taken as it stands, even where n is below four: it then reaches beyond n,
-    // deliberately.
+    // The first block is taken as it stands, even where n is below four: deliberately, it then
+    // reaches beyond n.
     float low[4] = {x[0], x[1], x[2], x[3]};
     float high[4] = {x[0], x[1], x[2], x[3]};
     if (whole >= 8)

@@ -1,5 +1,4 @@
-// The batch kernels: whole blocks of four and nothing else. A count that is not a multiple of four is rounded
-// up.
+// The batch kernels: whole blocks of four and nothing else. Other counts are rounded up.
 #include "kelRt.h"
 #include "math/vector_part.h"
 

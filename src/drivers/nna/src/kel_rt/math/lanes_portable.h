@@ -20,8 +20,7 @@ struct Ints {
     }
 };
 
-// Single-precision lanes. As in the unit, a subnormal operand counts as zero of its sign whatever is asked of
-// it.
+// Single-precision lanes. A subnormal operand counts as zero of its sign whatever is asked of it.
 struct Floats {
     using Bits = Ints;
     float v[4];
@@ -108,8 +107,7 @@ inline int32_t saturate(int64_t x) {
     return x > INT32_MAX ? INT32_MAX : x < INT32_MIN ? INT32_MIN : static_cast<int32_t>(x);
 }
 
-// An 8-bit estimate of 1/x: the mantissa to 9 bits, half a step added, divided into one and rounded to 9
-// bits.
+// An 8-bit estimate of 1/x: the mantissa to 9 bits, half a step added, divided into one, rounded to 9 bits.
 inline float scalar_recip_estimate(float x) {
     const uint32_t bits = word(x), sign = bits & 0x80000000u, exponent = bits >> 23 & 0xFF;
     if (std::isnan(x))
@@ -315,8 +313,7 @@ inline Ints sign_if_both_negative(Ints a, Ints b) {  // -1 or 0
     return each_int([&](int i) { return (a.v[i] & b.v[i]) >> 31; });
 }
 
-// Shifts left by the low byte of the count, taken as signed; a negative count shifts right and rounds half
-// up.
+// Shifts left by the low byte of the count, taken as signed; a negative one shifts right, rounding.
 inline int32_t scalar_shift_rounding(int32_t x, int32_t count) {
     const int by = static_cast<int8_t>(count & 0xFF);
     if (by >= 32 || by <= -32)

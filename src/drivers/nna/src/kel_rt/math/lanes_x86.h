@@ -1,13 +1,11 @@
 // Four-lane arithmetic on x86 with SSE2. Used inside vector parts only (vector_part.h): there the processor
-// itself flushes subnormal operands and results and rounds to nearest. Where it differs from NEON all the
-// same:
+// itself flushes subnormal operands and results and rounds to nearest. It still differs from NEON in this:
 //
-// - A result is flushed here when it is tiny after rounding, there before. The two part where a product
-// rounds
+// - A result is flushed when it is tiny after rounding, on NEON before. The two part where a product rounds
 //   up to exactly 2^-126, which `mul` recognises and settles in double precision. (Sums that small are exact,
 //   and no quotient of two floats rounds up to it.)
-// - NaN results here carry a sign or a payload. Nothing arithmetic depends on which NaN it is, so the default
-//   one is put in only where bits leave the arithmetic: in `bits` and `store`.
+// - NaN results carry a sign or a payload. Nothing arithmetic depends on which NaN it is, so the default one
+//   is put in only where bits leave the arithmetic: in `bits` and `store`.
 // - Minima, maxima, saturation, estimates and their steps, each put right where it is written.
 //
 // Under a flush mode even x * 1 has an effect, of which compilers know nothing: they would drop it. So

@@ -20,13 +20,11 @@ constexpr uint32_t kControl = kFlushing;
 
 // Compilers do not know that arithmetic depends on the control word, and would move it across a plain change
 // of it. Here nothing can move:
-// - out of the part or into it: the empty asm makes `part` an unknown function, so its body is neither
-// inlined
-//   here nor known, in this file or by link-time optimisation, to be without side effects; the call then
-//   stays between the two volatile statements that clobber memory;
-// - from the caller's own arithmetic: this function is never inlined, contains no arithmetic, and what it
-// returns
-//   reaches the caller through memory.
+// - out of the part or into it: the empty asm makes `part` an unknown function, so that its body is neither
+//   inlined here nor known, by link-time optimisation either, to be without side effects; the call then stays
+//   between the two volatile statements that clobber memory;
+// - from the caller: this function is never inlined and contains no arithmetic, and results reach the caller
+//   through memory.
 __attribute__((noinline)) void kelrt::run_vector_part(void (*part)(void*), void* context) {
     uint32_t callers;
     asm volatile("stmxcsr %0" : "=m"(callers) : : "memory");

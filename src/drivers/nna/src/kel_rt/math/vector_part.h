@@ -1,5 +1,5 @@
-// Runs the vector part of a kernel under the arithmetic that its lanes need, and leaves the caller's as it
-// was.
+// Runs the vector part of a kernel in the floating-point mode that its lanes need, and restores the
+// caller's.
 #pragma once
 
 #include <cstdint>
@@ -28,8 +28,7 @@ inline void vector_part(Part part) {
 #endif
 }
 
-// Runs step(i) for the first element i of every whole block of `width` among n; returns where the tail
-// starts.
+// Runs step(i) for the first element i of every whole block among n; returns where the tail starts.
 template <uint32_t width, class Step>
 inline uint32_t for_blocks(uint32_t n, Step step) {
     const uint32_t tail = n - n % width;

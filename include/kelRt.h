@@ -166,6 +166,57 @@ KEL_RT_API uint32_t kel_rtMemory_copyTo(KelRtInstance* instance, void* ptr, uint
 /** Hands a pointer back: checks that it is the one the id resolves to (else 1056); frees nothing. */
 KEL_RT_API uint32_t kel_rtMemory_deallocate(KelRtInstance* instance, void* ptr, uint32_t memid);
 
+/**
+ * Moves `rows` rows of `row_size` bytes between SRAM, where row r lies at sram_address + r * sram_stride, and
+ * `memory`, where rows are packed; all in wrapping 32-bit arithmetic. The platform knows the direction, and
+ * get and set are the same. Returns the status of the last row: earlier failures neither count nor stop it.
+ * No cache is maintained. No rows, no platform call: 1001.
+ */
+KEL_RT_API uint32_t kel_rtNnaSramGet(KelRtInstance* instance, uint32_t sram_address, uint32_t row_size,
+                                     uint32_t sram_stride, uint32_t rows, void* memory);
+KEL_RT_API uint32_t kel_rtNnaSramSet(KelRtInstance* instance, uint32_t sram_address, uint32_t row_size,
+                                     uint32_t sram_stride, uint32_t rows, void* memory);
+
+/* ------------------------------------------------------------------------------------------- format
+ * conversion -- */
+/* hw32 is the accelerator's layout of 32-bit data: lines of L elements, each stored as four planes of L
+ * bytes, the least significant bytes of all its elements first. Bytes are moved, not interpreted, so integers
+ * and floats convert alike. Linear layout is the plain array of little-endian words. */
+
+/**
+ * Converts the whole lines of `size` elements in lines of `nna_out_line_sz`: from hw32 to linear when `dir`
+ * is 0, to hw32 otherwise. Any line size is exact. The elements after the last whole line are not written;
+ * fewer elements than one line, or a line size of 0, convert nothing and return 1001 all the same.
+ * *out_bytes, if given, becomes 4 * size (wrapping) regardless. `output` may be `input`. 1056 (and an ERR
+ * line) if either is null.
+ */
+KEL_RT_API uint32_t kelRt_hw32FmtConvParam(uint8_t* output, const uint8_t* input, uint32_t size, uint32_t dir,
+                                           uint32_t nna_out_line_sz, uint32_t* out_bytes);
+
+/** kelRt_hw32FmtConvParam with lines of 8 elements. */
+KEL_RT_API uint32_t kelRt_hw32FmtConv(uint8_t* output, const uint8_t* input, uint32_t size, uint32_t dir,
+                                      uint32_t* out_bytes);
+
+/** One line of L elements, hw32 to linear. Any L; `dst` and `src` may overlap. Pointers are not checked. */
+KEL_RT_API void convert_hw_lin(uint8_t* dst, const uint8_t* src, uint32_t L);
+
+/**
+ * 1, 2, 4 or 8 lines of the same L, anywhere in memory, hw32 to linear. L must be a multiple of 8, for the
+ * sake of implementations that overrun the line otherwise; this one does not. No destination may overlap a
+ * source. Pointers are not checked.
+ */
+KEL_RT_API void convert_hw_lin_neon_1(uint8_t* dst, const uint8_t* src, uint32_t L);
+KEL_RT_API void convert_hw_lin_neon_2(uint8_t* dst0, const uint8_t* src0, uint8_t* dst1, const uint8_t* src1,
+                                      uint32_t L);
+KEL_RT_API void convert_hw_lin_neon_4(uint8_t* dst0, const uint8_t* src0, uint8_t* dst1, const uint8_t* src1,
+                                      uint8_t* dst2, const uint8_t* src2, uint8_t* dst3, const uint8_t* src3,
+                                      uint32_t L);
+KEL_RT_API void convert_hw_lin_neon_8(uint8_t* dst0, const uint8_t* src0, uint8_t* dst1, const uint8_t* src1,
+                                      uint8_t* dst2, const uint8_t* src2, uint8_t* dst3, const uint8_t* src3,
+                                      uint8_t* dst4, const uint8_t* src4, uint8_t* dst5, const uint8_t* src5,
+                                      uint8_t* dst6, const uint8_t* src6, uint8_t* dst7, const uint8_t* src7,
+                                      uint32_t L);
+
 /* --------------------------------------------------------------------------------------------- operator
  * kernels -- */
 

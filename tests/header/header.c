@@ -1,0 +1,3 @@
+/* The public headers, each on its own. */
+#include "kelRt.h"
+#include "kelRt_platform.h"

@@ -1,0 +1,3 @@
+/* The public headers as C++. */
+#include "kelRt.h"
+#include "kelRt_platform.h"

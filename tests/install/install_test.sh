@@ -1,0 +1,33 @@
+#!/usr/bin/env bash
+# Installs into an empty prefix, moves it, and builds and runs an outside driver by find_package and by pkg-config.
+# usage: install_test.sh BUILD_DIR SOURCE_DIR C_COMPILER CXX_COMPILER "FLAGS" [EMULATOR...]
+set -euo pipefail
+build=$1 source=$2 cc=$3 cxx=$4 flags=$5
+emulator=("${@:6}")
+
+scratch=$(mktemp -d)
+trap 'rm -rf "$scratch"' EXIT
+cmake --install "$build" --prefix "$scratch/first" >"$scratch/log" || { cat "$scratch/log"; exit 1; }
+mv "$scratch/first" "$scratch/moved"
+prefix=$scratch/moved
+if grep -rlF -e "$scratch/first" -e "$source" "$prefix/include" "$prefix"/lib*/cmake "$prefix"/lib*/pkgconfig \
+    "$prefix"/lib/*/cmake "$prefix"/lib/*/pkgconfig 2>/dev/null; then
+    echo "the files above name the place they were built or installed in"
+    exit 1
+fi
+
+echo "find_package"
+cmake -S "$source/tests/install" -B "$scratch/build" -G Ninja -DCMAKE_PREFIX_PATH="$prefix" \
+    -DCMAKE_C_COMPILER="$cc" -DCMAKE_CXX_COMPILER="$cxx" -DCMAKE_C_FLAGS="$flags" -DCMAKE_CXX_FLAGS="$flags" \
+    >"$scratch/log" && cmake --build "$scratch/build" >>"$scratch/log" || { cat "$scratch/log"; exit 1; }
+"${emulator[@]}" "$scratch/build/driver"
+
+echo "pkg-config"
+PKG_CONFIG_PATH=$(dirname "$(find "$prefix" -name kelRt.pc)")
+export PKG_CONFIG_PATH
+libdir=$(pkg-config --variable=libdir kelRt)
+# shellcheck disable=SC2046,SC2086
+"$cc" -std=c11 $flags "$source/tests/install/driver.c" $(pkg-config --cflags --libs kelRt) -Wl,-rpath,"$libdir" \
+    -o "$scratch/driver"
+"${emulator[@]}" "$scratch/driver"
+echo "both ways work"

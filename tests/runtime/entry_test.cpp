@@ -213,7 +213,6 @@ TEST(OperatorTable, MissingOperatorsAreKnown) {
     const std::vector<std::string> still_missing = {
         "cpu_onnx_inst_norm",
         "cpu_lstm_states",
-        "cpu_copy_fmt_conv",
         "cpu_onnx_onehot",
         "cpu_softmax",
         "cpu_embedding",

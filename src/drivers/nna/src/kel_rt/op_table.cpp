@@ -25,7 +25,7 @@ constexpr KelRtOpEntry row(const char* name, const uint8_t (&types)[total], KelR
 constexpr KelRtOpEntry kOpTable[KEL_RT_NUM_OPS] = {
     /*  0 */ row("cpu_onnx_inst_norm",                  kTypes<MEM, MEM, VAL, FLT, FLT>,                          unwritten),
     /*  1 */ row("cpu_lstm_states",                     kTypes<MEM, MEM, MEM, VAL>,                               unwritten),
-    /*  2 */ row("cpu_copy_fmt_conv",                   kTypes<MEM, VAL, VAL, VAL, MEM, VAL, VAL, VAL, VAL>,      unwritten),
+    /*  2 */ row("cpu_copy_fmt_conv",                   kTypes<MEM, VAL, VAL, VAL, MEM, VAL, VAL, VAL, VAL>,      run_copyFormatConv),
     /*  3 */ row("cpu_onnx_onehot",                     kTypes<MEM, MEM, VAL, FLT, FLT>,                          unwritten),
     /*  4 */ row("cpu_ewop_add",                        kTypes<MEM, MEM, MEM, VAL>,                               run_ewopAdd),
     /*  5 */ row("cpu_softmax",                         kTypes<MEM, MEM, VAL>,                                    unwritten),

@@ -50,7 +50,7 @@ std::vector<uint32_t> line_lengths() {
     std::vector<uint32_t> lengths(65);
     std::iota(lengths.begin(), lengths.end(), 0u);
     // Around the block size of in-place conversion, and far above it.
-    lengths.insert(lengths.end(), {1000, 4095, 4096, 4097, 8193, 30011});
+    lengths.insert(lengths.end(), {1000, 4095, 4096, 4097, 8193, 30011, 40000});
     return lengths;
 }
 

@@ -183,6 +183,20 @@ TEST(Hw32Kernel, ConvertsWholeLinesAndLeavesTheRest) {
     }
 }
 
+// More lines than are converted at once in place, and lines longer than that.
+TEST(Hw32Kernel, ConvertsLargeBuffersInPlace) {
+    for (const auto& [L, size] :
+         {std::pair{3u, 5000u}, {64u, 130 * 64 + 7u}, {1000u, 9003u}, {5000u, 10001u}}) {
+        for (const uint32_t dir : {0u, 1u}) {
+            const Bytes area = noise(4 * size, L);
+            Bytes actual = area;
+            EXPECT_EQ(kelRt_hw32FmtConvParam(actual.data(), actual.data(), size, dir, L, nullptr),
+                      NNA_STATUS_OK);
+            EXPECT_EQ(actual, convert_lines(area, 0, 0, size, dir, L)) << L;
+        }
+    }
+}
+
 TEST(Hw32Kernel, HugeLinesConvertNothingAndReportWrappedBytes) {
     Bytes in(4, 1), out(4, 2);
     uint32_t out_bytes = 0;

@@ -188,17 +188,17 @@ Convert best_to_hw32() {
     return convert_lines<ToHw32>;
 }
 
-// A line in place. Neither a stack nor a heap can be trusted to hold a copy of any line, and nobody could be
-// told. Lines of up to kScratch elements go through the stack; a longer one is converted by halves, whose
-// planes are joined (or were parted) by rotation, at the cost of a pass or two for each halving.
+// Lines in place. Neither a stack nor a heap can be trusted to hold a copy of any line, and nobody could be
+// told. Up to kScratch elements go through the stack; a longer line is converted by halves, whose planes are
+// joined (or were parted) by rotation, at the cost of a pass or two for each halving.
 
 constexpr size_t kScratch = 4096;
 
 // Its own frame, so that recursion does not hold one scratch area a level.
-[[gnu::noinline]] void convert_through_stack(Convert convert, uint8_t* line, size_t L) {
+[[gnu::noinline]] void convert_through_stack(Convert convert, uint8_t* area, size_t L, size_t lines) {
     uint8_t scratch[4 * kScratch];
-    convert(scratch, line, L, 1);
-    std::memcpy(line, scratch, 4 * L);
+    convert(scratch, area, L, lines);
+    std::memcpy(area, scratch, 4 * L * lines);
 }
 
 // Exchanges two neighbouring blocks of `left` and `right` bytes.
@@ -228,7 +228,7 @@ void rotate(uint8_t* first, size_t left, size_t right) {
 
 void to_hw32_in_place(Convert convert, uint8_t* line, size_t L) {
     if (L <= kScratch)
-        return convert_through_stack(convert, line, L);
+        return convert_through_stack(convert, line, L, 1);
     const size_t a = L / 2, b = L - a;
     to_hw32_in_place(convert, line, a);
     to_hw32_in_place(convert, line + 4 * a, b);
@@ -239,7 +239,7 @@ void to_hw32_in_place(Convert convert, uint8_t* line, size_t L) {
 
 void to_linear_in_place(Convert convert, uint8_t* line, size_t L) {
     if (L <= kScratch)
-        return convert_through_stack(convert, line, L);
+        return convert_through_stack(convert, line, L, 1);
     const size_t a = L / 2, b = L - a;
     for (size_t p = 3; p-- > 0;)
         rotate(line + p * L + a, b, (3 - p) * a);
@@ -252,13 +252,20 @@ bool apart(const uint8_t* a, const uint8_t* b, size_t bytes) {
     return (x < y ? y - x : x - y) >= bytes;
 }
 
-template <void (*in_place)(Convert, uint8_t*, size_t)>
+template <void (*long_line_in_place)(Convert, uint8_t*, size_t)>
 void convert_buffer(Convert convert, uint8_t* dst, const uint8_t* src, size_t L, size_t lines) {
-    if (apart(dst, src, 4 * L * lines) || (dst == src && L == 8))
+    const bool in_place = dst == src;
+    if (apart(dst, src, 4 * L * lines) || (in_place && (L == 8 || L == 16)))
         return convert(dst, src, L, lines);
-    for (size_t at = 0; at < 4 * L * lines; at += 4 * L) {
-        std::memmove(dst + at, src + at, 4 * L);
-        in_place(convert, dst + at, L);
+    const size_t at_once = in_place && L <= kScratch ? kScratch / L : 1;
+    for (size_t c = 0; c < lines; c += at_once) {
+        uint8_t* const line = dst + 4 * L * c;
+        if (!in_place)
+            std::memmove(line, src + 4 * L * c, 4 * L);
+        if (L <= kScratch)
+            convert_through_stack(convert, line, L, std::min(at_once, lines - c));
+        else
+            long_line_in_place(convert, line, L);
     }
 }
 

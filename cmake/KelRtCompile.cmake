@@ -23,7 +23,7 @@ add_library(kelRt_compile INTERFACE)
 target_compile_options(kelRt_compile INTERFACE
     -Wall -Wextra -Wconversion -Wshadow -Werror
     -ffp-contract=off                                   # a product is rounded before it is added, always
-    "-ffile-prefix-map=${CMAKE_SOURCE_DIR}/="           # two checkouts log the same source paths
+    "-ffile-prefix-map=${PROJECT_SOURCE_DIR}/="           # two checkouts log the same source paths
 )
 
 # The library and the simulator need neither exceptions nor run-time types.
@@ -31,6 +31,11 @@ add_library(kelRt_runtime_compile INTERFACE)
 target_link_libraries(kelRt_runtime_compile INTERFACE kelRt_compile)
 target_compile_options(kelRt_runtime_compile INTERFACE
     $<$<COMPILE_LANGUAGE:CXX>:-fno-exceptions> $<$<COMPILE_LANGUAGE:CXX>:-fno-rtti>)
+# On 32-bit Arm clang turns neighbouring scalar sums into NEON arithmetic, which flushes subnormals; scalar code must
+# not. What is to run on the unit is written for it.
+if(CMAKE_CXX_COMPILER_ID MATCHES "Clang" AND CMAKE_SYSTEM_PROCESSOR MATCHES "^arm")
+    target_compile_options(kelRt_runtime_compile INTERFACE -fno-vectorize -fno-slp-vectorize)
+endif()
 
 set(KELRT_SANITIZE "" CACHE STRING "Sanitizers, as -fsanitize takes them")
 if(KELRT_SANITIZE)

@@ -285,7 +285,8 @@ KEL_RT_API uint32_t kelRt_featurenorm(const float* input, uint32_t total, const 
  * c = op(a) * op(b), where op transposes when its flag is non-zero. aRows x aCols and bRows x bCols are the
  * shapes as stored; c is M x N with M = transA ? aCols : aRows, N = transB ? bRows : bCols. The inner
  * dimension is a's; b is taken to have that many rows. Each c element is a single-precision sum in increasing
- * k. `a` and `b` are left transposed in place when their flags are set. c must not overlap them. Dimensions
+ * k. `a` and `b` are left transposed in place when their flags are set. Where c overlaps them, it is written row by row,
+ * each result as soon as it is summed (and slowly). Dimensions
  * are not checked; zero or negative ones give no work. 1056 (and an ERR line) if a pointer is null.
  */
 KEL_RT_API uint32_t kelRt_matmul(float* a, float* b, float* c, int32_t aRows, int32_t aCols, int32_t bRows,

@@ -10,12 +10,10 @@ imported=$(awk '$7 == "UND" && NF >= 8 { sub(/@.*/, "", $8); print $8 }' <<<"$sy
 wanted=$(grep -v '^#' "$expected" | sort)
 
 failed=0
-if ! diff <(echo "$wanted") <(echo "$exported") >/tmp/exports.$$; then
-    echo "exports differ (< wanted, > exported):"
-    cat /tmp/exports.$$
+if ! difference=$(diff <(echo "$wanted") <(echo "$exported")); then
+    printf 'exports differ (< wanted, > exported):\n%s\n' "$difference"
     failed=1
 fi
-rm -f /tmp/exports.$$
 for name in tivNnaMemoryPtr tivNnaMemorySize tivNnaMemorySyncCache tivNnaUdrv_dumpSram g_log_lvl g_log_file_max_size \
     resetTivLogFile tivIsProfileEvent __android_log_print; do
     grep -qx "$name" <<<"$imported" || { echo "$name is not imported from the platform"; failed=1; }

@@ -4,6 +4,7 @@
 #include <cstring>
 #include <random>
 
+#include "kel_rt/operators/transpose.h"
 #include "support/probe.h"
 #include "support/rig.h"
 
@@ -28,20 +29,28 @@ Floats transposed(const Floats& m, size_t rows, size_t cols) {
     return t;
 }
 
+// Both ways of transposing: the one that callers get, and the one it falls back on without memory.
 void expect_transposes(int32_t rows, int32_t cols) {
-    const Floats m = numbered(static_cast<size_t>(rows) * static_cast<size_t>(cols));
+    const auto r = static_cast<uint32_t>(rows), c = static_cast<uint32_t>(cols);
+    const Floats m = numbered(size_t{r} * c), expected = transposed(m, r, c);
     Floats in_place = m;
     transpose(in_place.data(), cols, rows);
-    ASSERT_EQ(in_place, transposed(m, static_cast<size_t>(rows), static_cast<size_t>(cols)))
-        << rows << " x " << cols;
+    ASSERT_EQ(in_place, expected) << rows << " x " << cols;
+    if (rows < 2 || cols < 2)
+        return;
+    std::vector<uint8_t> odd_address(m.size() * 4 + 1);
+    std::memcpy(&odd_address[1], m.data(), m.size() * 4);
+    kelrt::transpose_by_cycles(reinterpret_cast<float*>(&odd_address[1]), r, c);
+    ASSERT_EQ(std::memcmp(&odd_address[1], expected.data(), m.size() * 4), 0)
+        << rows << " x " << cols << " by cycles";
 }
 
 TEST(Transpose, EqualsTheNaiveOneForEverySmallShapeAndForWideOnes) {
     for (int32_t rows = 1; rows <= 40; ++rows)
         for (int32_t cols = 1; cols <= 40; ++cols)
             expect_transposes(rows, cols);
-    const int32_t wide[][2] = {{2, 50000}, {50000, 2}, {3, 33333}, {127, 1009},
-                               {1024, 96}, {96, 1024}, {257, 513}, {640, 480}};
+    const int32_t wide[][2] = {{2, 50000}, {50000, 2}, {3, 33333}, {127, 1009}, {1024, 96},
+                               {96, 1024}, {257, 513}, {640, 480}, {300, 300}};
     for (const auto& shape : wide)
         expect_transposes(shape[0], shape[1]);
 }
@@ -101,6 +110,28 @@ TEST(Matmul, EqualsTheOrderedSumForEveryFlagAndOffset) {
             EXPECT_EQ(view, a) << "the CPU's view is left transposed";
         }
     }
+}
+
+// Scalar arithmetic keeps subnormals, also where the compiler sums many columns side by side; NEON would not.
+TEST(Matmul, KeepsSubnormals) {
+    const float tiny = 0x1p-127f;
+    Floats a = {tiny, tiny}, b(2 * 40, 1.5f), c(40);
+    EXPECT_EQ(kelRt_matmul(a.data(), b.data(), c.data(), 1, 2, 2, 40, 0, 0), NNA_STATUS_OK);
+    EXPECT_EQ(c, Floats(40, 3 * tiny));
+    b.assign(2 * 40, 0.25f);
+    EXPECT_EQ(kelRt_matmul(a.data(), b.data(), c.data(), 1, 2, 2, 40, 0, 0), NNA_STATUS_OK);
+    EXPECT_EQ(c, Floats(40, tiny / 2));
+}
+
+TEST(Matmul, AResultOverAnOperandIsWrittenRowByRow) {
+    Floats a = {1, 2, 3, 4}, b = {5, 6, 7, 8};
+    EXPECT_EQ(kelRt_matmul(a.data(), b.data(), a.data(), 2, 2, 2, 2, 0, 0), NNA_STATUS_OK);
+    EXPECT_EQ(a, (Floats{19, 130, 43, 290}));
+    a = {1, 2, 3, 4};
+    EXPECT_EQ(kelRt_matmul(a.data(), b.data(), b.data(), 2, 2, 2, 2, 0, 0), NNA_STATUS_OK);
+    EXPECT_EQ(b, (Floats{19, 22, 19 * 3 + 7 * 4, 22 * 3 + 8 * 4}));
+    KelRtMatrix vast{UINT32_MAX, 0, b.data()};  // no rows: no work, however many columns
+    m_multiply(&vast, &vast, &vast);
 }
 
 TEST(Matmul, NullPointersAndEmptyResults) {

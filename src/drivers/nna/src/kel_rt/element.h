@@ -7,8 +7,10 @@
 
 namespace kelrt {
 
-using f32 = float __attribute__((aligned(1)));
-using i32 = int32_t __attribute__((aligned(1)));
-using i16 = int16_t __attribute__((aligned(1)));
+// typedef, because clang ignores the attribute behind `using`.
+typedef float f32 __attribute__((aligned(1)));
+typedef int32_t i32 __attribute__((aligned(1)));
+typedef int16_t i16 __attribute__((aligned(1)));
+static_assert(alignof(f32) == 1 && alignof(i32) == 1 && alignof(i16) == 1);
 
 }  // namespace kelrt

@@ -1,0 +1,47 @@
+// A driver on the simulated accelerator: the job's memories, the instance record, and one call per context.
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <vector>
+
+#include "job.h"
+#include "nna_sim.h"
+
+namespace tool {
+
+class Machine {
+  public:
+    explicit Machine(const Job& job);
+    ~Machine();
+    Machine(const Machine&) = delete;
+    Machine& operator=(const Machine&) = delete;
+
+    // Puts every memory back to its initial bytes: into the device image or the CPU buffer. Nothing is put
+    // into the CPU's view of accelerator memory, which is the library's to make coherent.
+    void reset();
+
+    struct Result {
+        uint32_t status;
+        double microseconds;  // of the library alone
+    };
+    Result execute(const Context& context);
+
+    // What a memory holds now: the device image or the CPU buffer.
+    npy::Array read(uint32_t memory_id);
+    npy::Array read_sram();
+
+    uint64_t synced_bytes(uint32_t direction) const { return nna_sim_synced_bytes(sim_.get(), direction); }
+
+  private:
+    struct Destroy {
+        void operator()(NnaSim* sim) const { nna_sim_destroy(sim); }
+    };
+
+    const Job& job_;
+    std::unique_ptr<NnaSim, Destroy> sim_;
+    std::vector<CpuBufferEntry> cpu_buffers_;
+    KelRtInstance instance_{};
+};
+
+}  // namespace tool

@@ -1,0 +1,129 @@
+// kelrt: runs operator contexts on the simulated accelerator, from a job file or straight from the shell.
+// Exit codes: 0 all well, 1 a context failed, 2 bad input.
+#include <CLI/CLI.hpp>
+#include <cstdio>
+#include <map>
+#include <new>
+
+#include "bad_input.h"
+#include "kelRt_platform.h"
+#include "operators.h"
+#include "run.h"
+#include "shell.h"
+
+namespace {
+
+const std::map<std::string, int32_t> kLogLevels = {{"debug", 0}, {"warn", 2}, {"err", 3}, {"off", 4}};
+
+constexpr const char* kRunHelp = R"(
+A job is a JSON object (all numbers may be bit patterns, "0x3F000000"; negative integers only so):
+  "memories": {NAME: {"npy": FILE} or {"dtype": "f4", "shape": [2, 3], "values": [...]},
+               and "kind": "accelerator" or "cpu"}     ids are 0, 1, ... in this order
+  "sram":     {"base": ADDRESS, and "npy" or "dtype" and "shape" as for a memory}
+  "contexts": [{"op": NAME or ID, "args": [{"mem": NAME, "offset": 0}, {"mem": null}, 4, {"flt": 0.5}]}]
+  "outputs":  [NAME, ...]
+With --unchecked nothing is compared with the catalogue, and a context may also have
+  "raw": [[TYPE, OFFSET, VALUE], ...] instead of op and args: all records, arguments 0 and 1 included; VALUE
+         may be {"mem": NAME}
+  "target", "num_args": what the context says instead of 1 and the number of records
+  "null": true alone: a call without a context
+The library trusts sizes: an unchecked context that reaches a kernel can bring the tool down.
+)";
+
+constexpr const char* kOpHelp = R"(
+Each argument of the operator (see kelrt ops NAME) is given as NAME=VALUE:
+  integer   4 or 0xFFFFFFFF
+  float     0.5 or its bits, 0x3F000000
+  memory    FILE.npy, f4[2,3] (zeros), f4[3]:1,2,3, @NAME (the memory of that argument), none (no memory);
+            with NAME.offset=BYTES and NAME.kind=cpu
+Outputs can be left out; they are then as large as they must be. SRAM operators take sram= and sram.base= too.
+)";
+
+void add_run_options(CLI::App& command, tool::RunOptions& options, std::string& log) {
+    command.add_option("--out", options.out,
+                       "folder for the outputs, as NAME.npy; without it they are only shown");
+    command.add_option("--log", log, "the library's log: debug, warn, err or off")
+        ->check(CLI::IsMember({"debug", "warn", "err", "off"}))
+        ->capture_default_str();
+    command
+        .add_option("--repeat", options.repeat,
+                    "how often, from the same start; shows least and median times")
+        ->check(CLI::Range(1u, 1000000u))
+        ->capture_default_str();
+}
+
+int list_operators(const std::string& name) {
+    if (name.empty()) {
+        tool::print_operators();
+        return 0;
+    }
+    const tool::Operator* const op = tool::find_operator(name);
+    if (!op)
+        throw tool::BadInput(name + ": there is no such operator (see kelrt ops)");
+    tool::print_operator(*op);
+    return 0;
+}
+
+int run(int argc, char** argv) {
+    CLI::App app("Runs operator contexts on the simulated accelerator.", "kelrt");
+    app.require_subcommand(1);
+
+    std::string operator_name, job_file, log = "warn";
+    std::vector<std::string> words;
+    tool::RunOptions options;
+    bool unchecked = false;
+
+    CLI::App* const ops = app.add_subcommand("ops", "List the operators, or show the arguments of one");
+    ops->add_option("NAME", operator_name, "name or id");
+
+    CLI::App* const run = app.add_subcommand("run", "Run the contexts of a job file");
+    run->add_option("JOB", job_file, "job file, JSON")->required();
+    add_run_options(*run, options, log);
+    run->add_flag("--unchecked", unchecked, "admit contexts that the library refuses, to replay them");
+    run->footer(kRunHelp);
+
+    CLI::App* const op = app.add_subcommand("op", "Run one operator on arguments given here");
+    op->add_option("NAME", operator_name, "name or id")->required();
+    op->add_option("ARGUMENTS", words, "NAME=VALUE ...");
+    add_run_options(*op, options, log);
+    op->footer(kOpHelp);
+
+    try {
+        app.parse(argc, argv);
+    } catch (const CLI::Success& help) {
+        return app.exit(help);
+    } catch (const CLI::ParseError& error) {
+        if (app.get_subcommands().empty() && !app.remaining().empty())
+            throw tool::BadInput(app.remaining().front() +
+                                 ": there is no such command; there are ops, run and op");
+        throw tool::BadInput(error.what());
+    }
+    g_log_lvl = kLogLevels.at(log);
+    if (ops->parsed())
+        return list_operators(operator_name);
+    return tool::run_job(
+        op->parsed() ? tool::job_from_words(operator_name, words) : tool::read_job(job_file, unchecked),
+        options);
+}
+
+int complain(std::string sentence) {
+    // One line, whatever names the input is made of.
+    for (char& c : sentence) {
+        if (static_cast<unsigned char>(c) < ' ')
+            c = '?';
+    }
+    std::fprintf(stderr, "kelrt: %s\n", sentence.c_str());
+    return 2;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    try {
+        return run(argc, argv);
+    } catch (const tool::BadInput& error) {
+        return complain(error.what());
+    } catch (const std::bad_alloc&) {
+        return complain("the job does not fit into this machine's memory");
+    }
+}

@@ -1,0 +1,278 @@
+// The .npy format: a magic string, a version, the length of a header, the header (a Python dictionary in one
+// line of text), and then the elements.
+#include "npy.h"
+
+#include <algorithm>
+#include <bit>
+#include <limits>
+#include <optional>
+
+namespace npy {
+namespace {
+
+static_assert(std::endian::native == std::endian::little, "elements are copied as they stand in the file");
+
+struct TypeRow {
+    const char* name;
+    const char* descr;
+    size_t size;
+};
+
+// Indexed by Type.
+constexpr TypeRow kRows[] = {
+    {"f4", "<f4", 4}, {"i4", "<i4", 4}, {"i2", "<i2", 2}, {"i1", "|i1", 1}, {"u1", "|u1", 1},
+};
+
+const TypeRow& row(Type type) {
+    return kRows[static_cast<size_t>(type)];
+}
+
+constexpr std::string_view kMagic = "\x93NUMPY";
+constexpr size_t kMaxRank = 32;
+constexpr size_t kHeaderAlignment = 64;
+
+struct Header {
+    Type type;
+    Shape shape;
+};
+
+// Reads the header's dictionary: exactly the keys descr, fortran_order and shape, each once, in any order.
+class HeaderParser {
+  public:
+    explicit HeaderParser(std::string_view text) : rest_(text) {}
+
+    Header parse() {
+        std::optional<Type> type;
+        std::optional<Shape> shape;
+        bool order_seen = false;
+        const auto once = [](bool seen, const char* key) {
+            if (seen)
+                throw Error(std::string("the header has the key ") + key + " twice");
+        };
+
+        expect('{');
+        while (!accept('}')) {
+            const std::string_view key = quoted();
+            expect(':');
+            if (key == "descr") {
+                once(type.has_value(), "descr");
+                type = descr();
+            } else if (key == "fortran_order") {
+                once(order_seen, "fortran_order");
+                c_order();
+                order_seen = true;
+            } else if (key == "shape") {
+                once(shape.has_value(), "shape");
+                shape = tuple();
+            } else {
+                throw Error("the header has the unknown key '" + std::string(key) + "'");
+            }
+            if (!accept(',')) {
+                expect('}');
+                break;
+            }
+        }
+        // What remains is padding, closed by the line's end.
+        skip_blanks();
+        if (rest_ != "\n")
+            throw Error("the header does not end in blanks and a line break");
+        if (!type)
+            throw Error("the header has no key descr");
+        if (!order_seen)
+            throw Error("the header has no key fortran_order");
+        if (!shape)
+            throw Error("the header has no key shape");
+        return {*type, *shape};
+    }
+
+  private:
+    void skip_blanks() {
+        while (!rest_.empty() && rest_.front() == ' ')
+            rest_.remove_prefix(1);
+    }
+
+    bool accept(char c) {
+        skip_blanks();
+        if (rest_.empty() || rest_.front() != c)
+            return false;
+        rest_.remove_prefix(1);
+        return true;
+    }
+
+    void expect(char c) {
+        if (!accept(c))
+            throw Error(std::string("the header lacks a '") + c + "' before '" +
+                        std::string(rest_.substr(0, 12)) + "'");
+    }
+
+    bool accept_word(std::string_view word) {
+        skip_blanks();
+        if (!rest_.starts_with(word))
+            return false;
+        rest_.remove_prefix(word.size());
+        return true;
+    }
+
+    std::string_view quoted() {
+        const char quote = accept('"') ? '"' : '\'';
+        if (quote == '\'')
+            expect('\'');
+        const size_t end = rest_.find(quote);
+        if (end == std::string_view::npos)
+            throw Error("the header has a string without an end");
+        const std::string_view text = rest_.substr(0, end);
+        rest_.remove_prefix(end + 1);
+        return text;
+    }
+
+    Type descr() {
+        if (skip_blanks(); rest_.starts_with('['))
+            throw Error("records are not supported, only <f4, <i4, <i2, |i1 and |u1");
+        const std::string_view text = quoted();
+        for (const Type type : kTypes) {
+            if (text == row(type).descr)
+                return type;
+        }
+        throw Error("element type '" + std::string(text) +
+                    "' is not supported, only <f4, <i4, <i2, |i1 and |u1");
+    }
+
+    void c_order() {
+        if (accept_word("True"))
+            throw Error("Fortran order is not supported, only C order");
+        if (!accept_word("False"))
+            throw Error("fortran_order is neither True nor False");
+    }
+
+    Shape tuple() {
+        Shape shape;
+        expect('(');
+        while (!accept(')')) {
+            if (shape.size() == kMaxRank)
+                throw Error("the shape has more than 32 dimensions");
+            shape.push_back(dimension());
+            if (!accept(',')) {
+                // Without a comma, one number in parentheses is no tuple.
+                if (shape.size() == 1)
+                    throw Error("the shape is not a tuple");
+                expect(')');
+                break;
+            }
+        }
+        return shape;
+    }
+
+    size_t dimension() {
+        skip_blanks();
+        const auto digit = [&] { return !rest_.empty() && rest_.front() >= '0' && rest_.front() <= '9'; };
+        if (!digit())
+            throw Error("the shape has a dimension that is not a plain number");
+        const bool leading_zero = rest_.front() == '0';
+        size_t value = 0, digits = 0;
+        for (; digit(); rest_.remove_prefix(1), ++digits) {
+            const size_t next = static_cast<size_t>(rest_.front() - '0');
+            if (value > (std::numeric_limits<size_t>::max() - next) / 10)
+                throw Error("the shape is too large");
+            value = value * 10 + next;
+        }
+        if (leading_zero && digits > 1)
+            throw Error("the shape has a dimension that is not a plain number");
+        return value;
+    }
+
+    std::string_view rest_;
+};
+
+}  // namespace
+
+const char* name_of(Type type) {
+    return row(type).name;
+}
+
+size_t size_of(Type type) {
+    return row(type).size;
+}
+
+size_t byte_size(Type type, const Shape& shape) {
+    // An axis of length 0 does not excuse the others.
+    size_t bytes = size_of(type);
+    bool empty = false;
+    for (const size_t dimension : shape) {
+        if (dimension == 0) {
+            empty = true;
+        } else if (bytes > static_cast<size_t>(std::numeric_limits<ptrdiff_t>::max()) / dimension) {
+            throw Error("the shape " + to_string(shape) + " is too large");
+        } else {
+            bytes *= dimension;
+        }
+    }
+    return empty ? 0 : bytes;
+}
+
+std::string to_string(const Shape& shape) {
+    std::string text = "(";
+    for (size_t i = 0; i < shape.size(); ++i)
+        text += (i ? ", " : "") + std::to_string(shape[i]);
+    return text + (shape.size() == 1 ? ",)" : ")");
+}
+
+Array parse(std::string_view contents) {
+    std::string_view rest = contents;
+    const auto take = [&rest](size_t size, const char* what) {
+        if (rest.size() < size)
+            throw Error(std::string("the file ends inside ") + what);
+        const std::string_view taken = rest.substr(0, size);
+        rest.remove_prefix(size);
+        return taken;
+    };
+
+    const size_t magic_size = std::min(rest.size(), kMagic.size());
+    if (rest.substr(0, magic_size) != kMagic.substr(0, magic_size))
+        throw Error("the file is not a .npy file");
+    take(kMagic.size(), "the magic string");
+
+    const std::string_view version = take(2, "the version");
+    const int major = static_cast<uint8_t>(version[0]), minor = static_cast<uint8_t>(version[1]);
+    if ((major != 1 && major != 2) || minor != 0)
+        throw Error("format version " + std::to_string(major) + "." + std::to_string(minor) +
+                    " is not supported, only 1.0 and 2.0");
+
+    size_t header_size = 0, shift = 0;
+    for (const char byte : take(major == 1 ? 2 : 4, "the length of the header")) {
+        header_size |= static_cast<size_t>(static_cast<uint8_t>(byte)) << shift;
+        shift += 8;
+    }
+    Header header = HeaderParser(take(header_size, "the header")).parse();
+
+    const size_t size = byte_size(header.type, header.shape);
+    if (rest.size() != size)
+        throw Error("shape " + to_string(header.shape) + " of " + name_of(header.type) + " needs " +
+                    std::to_string(size) + " bytes of elements and the file has " +
+                    std::to_string(rest.size()));
+    return {header.type, std::move(header.shape), {rest.begin(), rest.end()}};
+}
+
+std::string format(const Array& array) {
+    if (array.bytes.size() != byte_size(array.type, array.shape))
+        throw Error("an array of shape " + to_string(array.shape) + " has " +
+                    std::to_string(array.bytes.size()) + " bytes");
+    if (array.shape.size() > kMaxRank)
+        throw Error("the shape has more than 32 dimensions");
+
+    std::string header = "{'descr': '";
+    header += row(array.type).descr;
+    header += "', 'fortran_order': False, 'shape': " + to_string(array.shape) + ", }";
+    const size_t before = kMagic.size() + 4;  // version and header length
+    const size_t unpadded = before + header.size() + 1;
+    header.append((kHeaderAlignment - unpadded % kHeaderAlignment) % kHeaderAlignment, ' ');
+    header += '\n';
+
+    // 32 dimensions of 20 digits are far below what version 1 can hold.
+    std::string contents(kMagic);
+    contents += {'\1', '\0', static_cast<char>(header.size() & 0xFF), static_cast<char>(header.size() >> 8)};
+    contents += header;
+    contents.append(array.bytes.begin(), array.bytes.end());
+    return contents;
+}
+
+}  // namespace npy

@@ -1,0 +1,103 @@
+// A strict reader and writer of .npy files: format versions 1 and 2, C order, and the five element types that
+// tensors have here. A file that is not exactly that is refused, never repaired: a truncated one above all.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <cstring>
+#include <stdexcept>
+#include <string>
+#include <string_view>
+#include <type_traits>
+#include <vector>
+
+namespace npy {
+
+// What is wrong, as one sentence without a full stop. From load and save it begins with the path.
+struct Error : std::runtime_error {
+    using std::runtime_error::runtime_error;
+};
+
+enum class Type : uint8_t { f4, i4, i2, i1, u1 };
+
+constexpr Type kTypes[] = {Type::f4, Type::i4, Type::i2, Type::i1, Type::u1};
+
+// "f4" and so on.
+const char* name_of(Type type);
+// Bytes of one element.
+size_t size_of(Type type);
+
+template <typename T>
+constexpr Type type_of() {
+    if constexpr (std::is_same_v<T, float>)
+        return Type::f4;
+    else if constexpr (std::is_same_v<T, int32_t>)
+        return Type::i4;
+    else if constexpr (std::is_same_v<T, int16_t>)
+        return Type::i2;
+    else if constexpr (std::is_same_v<T, int8_t>)
+        return Type::i1;
+    else {
+        static_assert(std::is_same_v<T, uint8_t>, "no such element type");
+        return Type::u1;
+    }
+}
+
+using Shape = std::vector<size_t>;
+
+// A dense row-major array. An empty shape is a single element.
+struct Array {
+    Type type = Type::f4;
+    Shape shape;
+    std::vector<uint8_t> bytes;
+
+    size_t count() const { return bytes.size() / size_of(type); }
+
+    // The elements, which must be of type T.
+    template <typename T>
+    std::vector<T> values() const {
+        if (type != type_of<T>())
+            throw Error(std::string("the array holds ") + name_of(type) + ", not " + name_of(type_of<T>()));
+        std::vector<T> result(count());
+        if (!bytes.empty())
+            std::memcpy(result.data(), bytes.data(), bytes.size());
+        return result;
+    }
+};
+
+// Bytes of an array of this type and shape; throws when there is no such number.
+size_t byte_size(Type type, const Shape& shape);
+
+// "(2, 3)", as the file writes it.
+std::string to_string(const Shape& shape);
+
+// The array in the contents of a file.
+Array parse(std::string_view contents);
+// The contents of the file of an array.
+std::string format(const Array& array);
+
+// Any file, whole.
+std::string read_file(const std::string& path);
+
+Array load(const std::string& path);
+
+// A file written beside its final place. `commit` moves it there in one step; without it, nothing remains.
+// That way several files can be written and appear only once all of them are whole.
+class StagedFile {
+  public:
+    StagedFile(std::string path, std::string_view contents);
+    ~StagedFile();
+    StagedFile(StagedFile&& other) noexcept;
+    StagedFile& operator=(StagedFile&&) = delete;
+
+    void commit();
+
+  private:
+    std::string path_;
+    std::string temporary_;  // empty once moved or committed
+};
+
+// Writes the file whole or not at all.
+void save(const std::string& path, const Array& array);
+
+}  // namespace npy

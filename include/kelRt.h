@@ -355,13 +355,14 @@ KEL_RT_API kelRt_float32x4_t vfloorq_f32(kelRt_float32x4_t x);
  * NaN gives 1. */
 KEL_RT_API kelRt_float32x4_t vroundq_rte_f32(kelRt_float32x4_t x);
 
-/** 1/sqrt(x) for positive normal x, from an 8-bit estimate and two refining steps (about 22 bits). Zeros and
- * +infinity give NaN, as do negative numbers. */
+/** 1/sqrt(x) for positive normal x, from an 8-bit estimate and two refining steps: within 2 units in the last
+ * place. Zeros and +infinity give NaN, as do negative numbers. */
 KEL_RT_API kelRt_float32x2_t vinvsqrt_f32(kelRt_float32x2_t x);
 KEL_RT_API kelRt_float32x4_t vinvsqrtq_f32(kelRt_float32x4_t x);
 
-/** 1/x from an 8-bit estimate and two refining steps (about 23 bits). Zeros and subnormals give infinity of
- * their sign; |x| >= 2^126 gives zero of its sign, which is also where the true result stops being normal. */
+/** 1/x from an 8-bit estimate and two refining steps: within 2 units in the last place. Zeros and subnormals
+ * give infinity of their sign; |x| >= 2^126 gives zero of its sign, which is also where the true result stops
+ * being normal. */
 KEL_RT_API kelRt_float32x2_t vinv_f32(kelRt_float32x2_t x);
 KEL_RT_API kelRt_float32x4_t vinvq_f32(kelRt_float32x4_t x);
 
@@ -372,10 +373,10 @@ KEL_RT_API kelRt_float32x4_t vinvq_f32(kelRt_float32x4_t x);
 KEL_RT_API kelRt_float32x4_t vtaylor_polyq_f32(kelRt_float32x4_t x, const kelRt_float32x4_t* table);
 
 /**
- * e^x for x from about -87.3 to 88.72. There is no clamp above: from 88.7228 (0x42B17218 gives infinity,
- * larger inputs NaN) the result is a NaN pattern, not always the default one, up to 0x7FFFFFFF. Below -87.34
- * the result is subnormal or wrong in its exponent, below -88.03 it is +0. NaN gives the value of a NaN
- * polynomial, a NaN.
+ * e^x for x from about -87.34 to 88.72; the error grows with |x|, from 2 units in the last place to about 70
+ * at the ends. There is no clamp above: 0x42B17218 (88.7228) gives infinity, and larger inputs a NaN pattern,
+ * not always the default one, up to 0x7FFFFFFF. From -87.34 down to -88.03 the bits are those of integer
+ * steps, a subnormal that is not e^x; further down the result is +0. NaN gives NaN.
  */
 KEL_RT_API kelRt_float32x4_t vexpq_f32(kelRt_float32x4_t x, const kelRt_float32x4_t* exp_table);
 
@@ -383,7 +384,8 @@ KEL_RT_API kelRt_float32x4_t vexpq_f32(kelRt_float32x4_t x, const kelRt_float32x
  * infinite and NaN inputs are not looked for: they give numbers without meaning. */
 KEL_RT_API kelRt_float32x4_t vlogq_f32(kelRt_float32x4_t x, const kelRt_float32x4_t* log_table);
 
-/** tanh x; |x| is taken as 10 beyond 10. Near zero the error is absolute (about 1e-7), not relative. */
+/** tanh x; |x| is taken as 10 beyond 10. The error is absolute (about 2.5e-7): near zero few digits are
+ * right. */
 KEL_RT_API kelRt_float32x4_t vtanhq_f32(kelRt_float32x4_t x, const kelRt_float32x4_t* exp_table);
 
 /** x^n as e^(n ln x), for positive normal x; the limits of vlogq_f32 and vexpq_f32 apply to their parts. */

@@ -14,8 +14,8 @@ if ! difference=$(diff <(echo "$wanted") <(echo "$exported")); then
     printf 'exports differ (< wanted, > exported):\n%s\n' "$difference"
     failed=1
 fi
-for name in tivNnaMemoryPtr tivNnaMemorySize tivNnaMemorySyncCache g_log_lvl g_log_file_max_size resetTivLogFile \
-    tivIsProfileEvent __android_log_print; do
+for name in tivNnaMemoryPtr tivNnaMemorySize tivNnaMemorySyncCache tivNnaUdrv_dumpSram g_log_lvl g_log_file_max_size \
+    resetTivLogFile tivIsProfileEvent __android_log_print; do
     grep -qx "$name" <<<"$imported" || { echo "$name is not imported from the platform"; failed=1; }
 done
 for name in $wanted; do

@@ -213,19 +213,14 @@ TEST(OperatorTable, MissingOperatorsAreKnown) {
     const std::vector<std::string> still_missing = {
         "cpu_onnx_inst_norm",
         "cpu_lstm_states",
-        "cpu_copy_fmt_conv",
         "cpu_onnx_onehot",
         "cpu_softmax",
-        "cpu_hw32_fmt_conv",
         "cpu_embedding",
         "cpu_lstm_states_cpu_activation",
         "cpu_im2col",
         "cpu_lstm_states_cifg",
         "cpu_lstm_states_cpu_activation_cifg",
         "cpu_lstm_states_norm_cifg_cpuactv",
-        "cpu_hw32_fmt_conv_param",
-        "nna_sram_get",
-        "nna_sram_set",
     };
     std::vector<std::string> missing;
     probe::Probe probe;
@@ -234,7 +229,8 @@ TEST(OperatorTable, MissingOperatorsAreKnown) {
         probe.clear();
         rig::Rig rig;
         rig.run(id, arguments_of(row, 0));
-        if (probe.messages().at(0) == std::string("Operator ") + row.name + " is not available")
+        const auto messages = probe.messages();
+        if (!messages.empty() && messages[0] == std::string("Operator ") + row.name + " is not available")
             missing.push_back(row.name);
     }
     EXPECT_EQ(missing, still_missing);

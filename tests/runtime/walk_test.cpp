@@ -39,6 +39,16 @@ const Row kRows[] = {
      {{'A', 2}, {'F', 3}, {'F', 4}},
      {{'T', 2}, {'D', 3}, {'D', 4}},
      {4, 4, 4}},
+    // cpu_copy_fmt_conv
+    {2,
+     {mem(0), val(8), val(7), val(0), mem(1), val(UINT32_MAX), val(0), val(0), val(16)},
+     {{'A', 2}, {'F', 6}},
+     {{'T', 2}, {'D', 6}},
+     {4, 16}},
+    // cpu_hw32_fmt_conv
+    {6, {mem(0), mem(1), val(8), val(0)}, {{'A', 2}, {'F', 3}}, {{'T', 2}, {'D', 3}}, {8, 8}},
+    // cpu_hw32_fmt_conv_param
+    {16, {mem(0), mem(1), val(8), val(1), val(4)}, {{'A', 2}, {'F', 3}}, {{'T', 2}, {'D', 3}}, {8, 8}},
     // cpu_matmul
     {10,
      {mem(0), mem(1), mem(2), val(2), val(3), val(3), val(4), val(0), val(0)},

@@ -345,6 +345,14 @@ class Runs(KelrtTest):
         result = self.kelrt("run", JOBS / "dense_layer.json", "--out", self.out)
         self.assertEqual(result.returncode, 0, result)
         self.assertEqual(self.written(), {"y.npy": npy("f4", [2, 2], [-1.5, 1.5, -1.5, 4.5])})
+        result = self.kelrt("run", JOBS / "fixed_point.json", "--out", self.out)
+        self.assertEqual(result.returncode, 0, result)
+        real = [3.5, -7.25, 0.125, 11, -12.5, 1, 0, 6.75, 9.5, -0.75, 2, -3, 12.625, -10, 0.0625, 5]
+        self.assertEqual({name: data for name, data in self.written().items() if name != "y.npy"}, {
+            "fixed.npy": npy("i4", [16], [int(x * 2**16) for x in real]),
+            "real.npy": npy("f4", [16], real),
+            # 12.625 needs a shift of 1 to fit a range of 8: 2^4 / 2^1 an unit, truncated.
+            "bytes.npy": npy("i1", [16], [int(x * 8) for x in real])})
         result = self.kelrt("run", JOBS / "refused.json", "--unchecked")
         self.assertEqual(result.returncode, 1, result)
         self.assertIn("Unknown Context Argument[3] Type 9", result.stdout)

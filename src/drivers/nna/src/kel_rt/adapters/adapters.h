@@ -6,10 +6,14 @@
 
 namespace kelrt {
 
+uint32_t run_copyFormatConv(KelRtInstance* instance, const KelRtContext* context);
 uint32_t run_ewopAdd(KelRtInstance* instance, const KelRtContext* context);
 uint32_t run_featurenorm(KelRtInstance* instance, const KelRtContext* context);
+uint32_t run_hw32FmtConv(KelRtInstance* instance, const KelRtContext* context);
+uint32_t run_hw32FmtConvParam(KelRtInstance* instance, const KelRtContext* context);
 uint32_t run_matmul(KelRtInstance* instance, const KelRtContext* context);
 uint32_t run_split(KelRtInstance* instance, const KelRtContext* context);
+uint32_t run_sram(KelRtInstance* instance, const KelRtContext* context);
 
 // Stands in for operators that are not written yet.
 uint32_t unwritten(KelRtInstance* instance, const KelRtContext* context);

@@ -17,6 +17,9 @@
 #define KEL_RT_H
 
 #include <stdint.h>
+#if defined(__ARM_NEON)
+#include <arm_neon.h>
+#endif
 
 #define KEL_RT_API __attribute__((visibility("default")))
 
@@ -222,6 +225,183 @@ KEL_RT_API void m_multiply(const KelRtMatrix* c, const KelRtMatrix* a, const Kel
 /** Transposes in place: `data` holds newCols rows of newRows columns and becomes newRows rows of newCols
  * columns. */
 KEL_RT_API void transpose(float* data, int32_t newRows, int32_t newCols);
+
+/* ------------------------------------------------------------ four-lane maths -- */
+/*
+ * Approximations on four (or two) single-precision lanes, each lane by itself. On every machine they give the
+ * bits of 32-bit Arm's NEON unit, whatever floating-point mode the caller runs in:
+ * - round to nearest even; subnormal operands and results count as zero of their sign, a result already when
+ * it is below 2^-126 before rounding; a product is rounded before it is added;
+ * - a NaN result is 0x7FC00000 unless said otherwise; comparisons see subnormals as zero;
+ * - float to integer (trunc below) rounds toward zero and saturates; NaN gives 0.
+ *
+ * A coefficient table is eight vectors of the caller's, 16-byte aligned, normally the same value in every
+ * lane. The table of the array kernels' exponential, c[0] to c[7], is 0x3F800000, 0x3D2AA390, 0x3F00000A,
+ * 0x3AB91BCB, 0x3F800001, 0x3C0897A6, 0x3E2AAA6A, 0x394D4A8B. No table for the logarithm comes with the
+ * library.
+ */
+
+#if defined(__ARM_NEON)
+typedef float32x4_t kelRt_float32x4_t;
+typedef float32x2_t kelRt_float32x2_t;
+typedef int32x4_t kelRt_int32x4_t;
+#else
+typedef float kelRt_float32x4_t __attribute__((vector_size(16)));
+typedef float kelRt_float32x2_t __attribute__((vector_size(8)));
+typedef int32_t kelRt_int32x4_t __attribute__((vector_size(16)));
+#endif
+
+/**
+ * Factors of the sine series, 1/6, 1/20, 1/42 and 1/72: vsin_f32 and vsinq_f32 read them at every call.
+ * Writing them is allowed and is the caller's to order against calls on other threads.
+ */
+extern KEL_RT_API float te_sin_coeff2, te_sin_coeff3, te_sin_coeff4, te_sin_coeff5;
+
+/** Largest integer not above x, for |x| below 2^31; beyond, the limits of 32-bit integers. NaN and
+ * negative subnormals give +0; a zero result is always +0. */
+KEL_RT_API kelRt_float32x4_t vfloorq_f32(kelRt_float32x4_t x);
+
+/** Nearest integer, ties to even, in the range of vfloorq_f32. Negative inputs that round to zero give +0;
+ * NaN gives 1. */
+KEL_RT_API kelRt_float32x4_t vroundq_rte_f32(kelRt_float32x4_t x);
+
+/** 1/sqrt(x) for positive normal x, from an 8-bit estimate and two refining steps (about 22 bits). Zeros and
+ * +infinity give NaN, as do negative numbers. */
+KEL_RT_API kelRt_float32x2_t vinvsqrt_f32(kelRt_float32x2_t x);
+KEL_RT_API kelRt_float32x4_t vinvsqrtq_f32(kelRt_float32x4_t x);
+
+/** 1/x from an 8-bit estimate and two refining steps (about 23 bits). Zeros and subnormals give infinity of
+ * their sign; |x| >= 2^126 gives zero of its sign, which is also where the true result stops being normal. */
+KEL_RT_API kelRt_float32x2_t vinv_f32(kelRt_float32x2_t x);
+KEL_RT_API kelRt_float32x4_t vinvq_f32(kelRt_float32x4_t x);
+
+/**
+ * (A + B x^2) + (C + D x^2) x^4 with A = c[0] + c[4] x, B = c[2] + c[6] x, C = c[1] + c[5] x, D = c[3] + c[7]
+ * x: a polynomial of degree 7 in which c[4] belongs to x, c[1] to x^4.
+ */
+KEL_RT_API kelRt_float32x4_t vtaylor_polyq_f32(kelRt_float32x4_t x, const kelRt_float32x4_t* table);
+
+/**
+ * e^x for x from about -87.3 to 88.72. There is no clamp above: from 88.7228 (0x42B17218 gives infinity,
+ * larger inputs NaN) the result is a NaN pattern, not always the default one, up to 0x7FFFFFFF. Below -87.34
+ * the result is subnormal or wrong in its exponent, below -88.03 it is +0. NaN gives the value of a NaN
+ * polynomial, a NaN.
+ */
+KEL_RT_API kelRt_float32x4_t vexpq_f32(kelRt_float32x4_t x, const kelRt_float32x4_t* exp_table);
+
+/** ln x for positive normal x, given a table that approximates ln on [1, 2). Zero, negative, subnormal,
+ * infinite and NaN inputs are not looked for: they give numbers without meaning. */
+KEL_RT_API kelRt_float32x4_t vlogq_f32(kelRt_float32x4_t x, const kelRt_float32x4_t* log_table);
+
+/** tanh x; |x| is taken as 10 beyond 10. Near zero the error is absolute (about 1e-7), not relative. */
+KEL_RT_API kelRt_float32x4_t vtanhq_f32(kelRt_float32x4_t x, const kelRt_float32x4_t* exp_table);
+
+/** x^n as e^(n ln x), for positive normal x; the limits of vlogq_f32 and vexpq_f32 apply to their parts. */
+KEL_RT_API kelRt_float32x4_t vpowq_f32(kelRt_float32x4_t x, kelRt_float32x4_t n,
+                                       const kelRt_float32x4_t* log_table,
+                                       const kelRt_float32x4_t* exp_table);
+
+/** sin x. The argument is reduced in single precision, so the error grows with |x|; beyond about 1e4 few
+ * digits are right, beyond 6.7e9 none. sin of either zero is -0. */
+KEL_RT_API kelRt_float32x4_t vsinq_f32(kelRt_float32x4_t x);
+KEL_RT_API kelRt_float32x2_t vsin_f32(kelRt_float32x2_t x);
+
+/* ------------------------------------------------------------ batch kernels -- */
+/*
+ * Blocks of four by the four-lane rules, and only blocks: n is rounded up to a multiple of four, so up to
+ * three elements beyond n are READ AND WRITTEN. Give multiples of four or padded arrays. n = 0 touches
+ * nothing. `out` may be one of the inputs.
+ */
+
+/** out = a * b */
+KEL_RT_API void batchMulf(const float* a, const float* b, float* out, uint32_t n);
+/** out = a + b */
+KEL_RT_API void batchAddf(const float* a, const float* b, float* out, uint32_t n);
+/** out = a - b */
+KEL_RT_API void batchSubf(const float* a, const float* b, float* out, uint32_t n);
+/** out = 1 - in */
+KEL_RT_API void batchComplementf(const float* in, float* out, uint32_t n);
+/** out = a * c + b * d; mind the pairs */
+KEL_RT_API void batchDotproductf(const float* a, const float* b, const float* c, const float* d, float* out,
+                                 uint32_t n);
+
+/**
+ * x / 2^exponent to the nearest integer, ties away from zero, for exponents 0 to 31: with an exponent per
+ * lane
+ * (_a), one for four lanes (_b), and for a single integer (_c). Beyond that range _a and _b shift by the low
+ * byte of -exponent, taken as signed: a negative exponent shifts left and loses high bits; _c takes the low
+ * five bits of the exponent.
+ */
+KEL_RT_API kelRt_int32x4_t rounding_divide_by_pow2_a(kelRt_int32x4_t x, kelRt_int32x4_t exponent);
+KEL_RT_API kelRt_int32x4_t rounding_divide_by_pow2_b(kelRt_int32x4_t x, int32_t exponent);
+KEL_RT_API int32_t rounding_divide_by_pow2_c(int32_t x, int32_t exponent);
+
+/* ------------------------------------------------------------ array kernels -- */
+/*
+ * Element-wise routines and reductions over n elements. All return 1001 and check nothing. Whole blocks of
+ * four elements (eight where an integer type is narrower than 32 bits) follow the four-lane rules above; the
+ * up to three (seven) elements that remain are ordinary scalar arithmetic in the caller's floating-point
+ * mode, without flushing, and use the C library's functions. The same input may therefore give other last
+ * bits, or another special value, by where it lies in the array. n = 0 writes nothing unless said otherwise.
+ *
+ * `out` may be the same array as an input of the same element type; other overlaps are not allowed.
+ */
+
+/** out = tanh(in); the blocks are vtanhq_f32. */
+KEL_RT_API uint32_t kelRt_tanhf(const float* in, float* out, uint32_t n);
+
+/** out = e^in; the blocks are vexpq_f32: from 88.73 a block gives NaN where the tail gives infinity. */
+KEL_RT_API uint32_t kelRt_expf(const float* in, float* out, uint32_t n);
+
+/** out = 1 / (1 + e^-in); a block takes vinvq_f32 for the division and gives NaN below about -88.72 where the
+ * tail gives 0, and 0 already from about -87.34. */
+KEL_RT_API uint32_t kelRt_sigmoidf(const float* in, float* out, uint32_t n);
+
+/** *out = sum of in: lane j adds up elements 4k + j, the lanes are added in order, then the tail in order. 0
+ * for n = 0. `out` must not lie in `in`. */
+KEL_RT_API uint32_t kelRt_sumf(const float* in, float* out, uint32_t n);
+
+/** out = in * scale */
+KEL_RT_API uint32_t kelRt_scalef(const float* in, float* out, float scale, uint32_t n);
+/** out = a * b */
+KEL_RT_API uint32_t kelRt_mulf(const float* a, const float* b, float* out, uint32_t n);
+/** out = a + b */
+KEL_RT_API uint32_t kelRt_addf(const float* a, const float* b, float* out, uint32_t n);
+/** out = a - b */
+KEL_RT_API uint32_t kelRt_subf(const float* a, const float* b, float* out, uint32_t n);
+/** out = 1 - in */
+KEL_RT_API uint32_t kelRt_complementf(const float* in, float* out, uint32_t n);
+/** out = a * c + b * d, both products rounded; mind the pairs */
+KEL_RT_API uint32_t kelRt_dotproductf(const float* a, const float* b, const float* c, const float* d,
+                                      float* out, uint32_t n);
+
+/** out = (float)in * scale */
+KEL_RT_API uint32_t kelRt_scaleI8toF(const int8_t* in, float* out, float scale, uint32_t n);
+KEL_RT_API uint32_t kelRt_scaleI16toF(const int16_t* in, float* out, float scale, uint32_t n);
+/** As above; the conversion rounds, so magnitudes above 2^24 are rounded twice. `out` may be `in`. */
+KEL_RT_API uint32_t kelRt_scaleI32toF(const int32_t* in, float* out, float scale, uint32_t n);
+
+/** out = in * scale, clamped to -128..127 and then truncated toward zero; NaN gives 0. `scale` is the
+ * reciprocal of a quantisation step. */
+KEL_RT_API uint32_t kelRt_scaleFtoI8(const float* in, int8_t* out, float scale, uint32_t n);
+
+/**
+ * *min and *max of in. Always READS FOUR ELEMENTS, and for n below 4 those beyond n take part in the result.
+ * A NaN in a whole block takes its column (elements of the same index modulo 4, within the blocks) out of the
+ * result; a NaN in the tail, or a later NaN in the first block alone, is passed over. in[0] being NaN gives
+ * NaN for both.
+ */
+KEL_RT_API uint32_t kelRt_minMaxf(const float* in, float* min, float* max, uint32_t n);
+
+/**
+ * *out = sum of (in - mean)^2, divided by n, in the order of kelRt_sumf. The tail's squares are added in
+ * double precision and rounded after each. NaN for n = 0. `out` must not lie in `in`.
+ */
+KEL_RT_API uint32_t kelRt_variancef(const float* in, float mean, float* out, uint32_t n);
+
+/** out = beta + gamma * ((in - mean) / divisor), a true division in the blocks too (by their rules). */
+KEL_RT_API uint32_t kelRt_normf(const float* in, const float* gamma, const float* beta, float mean,
+                                float divisor, float* out, uint32_t n);
 
 #ifdef __cplusplus
 }

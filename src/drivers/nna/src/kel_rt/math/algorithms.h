@@ -1,0 +1,145 @@
+// The approximations, written once over any backend's lanes and shared by the exported primitives and the
+// array kernels. F is a backend's Floats. Where an algorithm assembles or takes apart a float by its bits it
+// takes or returns the bits, since those are no arithmetic values: they may be subnormal or any NaN.
+#pragma once
+
+#include "math/lanes.h"
+
+namespace kelrt {
+
+inline constexpr float kInverseLn2 = 1.442695f;
+inline constexpr float kLn2 = 0.6931472f;
+inline constexpr float kInversePi = 0.31830987f;
+inline constexpr float kPi = 3.1415927f;
+inline constexpr float kHalfPi = 1.5707964f;
+
+// The table that the array kernels use, in the order of taylor_poly.
+inline constexpr float kExpTable[8] = {
+    1.0f,           0.0416598916054f,  0.500000596046f, 0.0014122662833f,
+    1.00000011921f, 0.00833693705499f, 0.166665703058f, 0.000195780929062f};
+
+// The same coefficients in every lane.
+template <class F>
+struct SplatTable {
+    const float* c;
+    // Products of these polynomials end in sums with constants many orders above 2^-126, for every argument.
+    static constexpr bool loose = true;
+    F operator[](int i) const { return F::splat(c[i]); }
+};
+
+// Eight four-lane vectors of the caller's, about which nothing is known.
+template <class F>
+struct CallersTable {
+    const void* c;
+    static constexpr bool loose = false;
+    F operator[](int i) const { return F::load(static_cast<const char*>(c) + 16 * i); }
+};
+
+template <class F>
+F floor(F x) {  // within the range of 32-bit integers
+    const F t = to_float(to_int_trunc(x));
+    return select(greater(t, x), sub(t, F::splat(1.0f)), t);
+}
+
+template <class F>
+F round_to_even(F x) {
+    const F down = floor(x), rest = sub(x, down), half = F::splat(0.5f);
+    const auto keeps = greater(half, rest) | (equal(rest, half) & ~odd(to_int_trunc(down)));
+    return select(keeps, down, add(down, F::splat(1.0f)));
+}
+
+template <class F>
+F reciprocal(F x) {
+    F r = recip_estimate(x);
+    r = mul(r, recip_step(x, r));
+    return mul(r, recip_step(x, r));
+}
+
+template <class F>
+F inverse_sqrt(F x) {
+    F e = rsqrt_estimate(x);
+    e = mul(e, rsqrt_step(mul(x, e), e));
+    return mul(e, rsqrt_step(mul(x, e), e));
+}
+
+// The polynomial c0 + c4 x + c2 x^2 + c6 x^3 + c1 x^4 + c5 x^5 + c3 x^6 + c7 x^7, in this grouping.
+template <class F, class Table>
+F taylor_poly(F x, const Table& c) {
+    const auto product = [](F a, F b) {
+        if constexpr (Table::loose)
+            return mul_loose(a, b);
+        else
+            return mul(a, b);
+    };
+    const F a = add(c[0], product(c[4], x));
+    const F b = add(c[2], product(c[6], x));
+    const F cc = add(c[1], product(c[5], x));
+    const F d = add(c[3], product(c[7], x));
+    const F x2 = product(x, x);
+    const F x4 = product(x2, x2);
+    return add(add(a, product(b, x2)), product(add(cc, product(d, x2)), x4));
+}
+
+// e^x as 2^m * e^r: the bits, because m is added into the exponent field by integer steps. At m = -126 the
+// field may become zero, and from m = 128 it is all ones: deliberately no clamp, the result is then a NaN
+// pattern.
+template <class F, class Table>
+typename F::Bits exp(F x, const Table& table) {
+    using I = typename F::Bits;
+    const I m = to_int_trunc(mul_loose(x, F::splat(kInverseLn2)));
+    const F r = mul_add_loose(x, to_float(m), F::splat(-kLn2));
+    const F p = taylor_poly(r, table);
+    return keep(greater(m, I::splat(-127)), add_sat(bits(p), shl_sat<23>(m)));
+}
+
+// ln x from the bits of x, as m ln 2 + ln v with v in [1, 2). For positive normal x; nothing else is looked
+// for.
+template <class F, class Table>
+F log(typename F::Bits x, const Table& table) {
+    using I = typename F::Bits;
+    const I m = sub(shr_unsigned<23>(x), I::splat(127));
+    const F v = from_bits(sub(x, shl<23>(m)));
+    return mul_add_loose(taylor_poly(v, table), to_float(m), F::splat(kLn2));
+}
+
+template <class F, class Table>
+F tanh(F x, const Table& table) {
+    const F y = min(max(x, F::splat(-10.0f)), F::splat(10.0f));
+    const F e = from_bits(exp(add(y, y), table));
+    const F one = F::splat(1.0f);
+    return mul(sub(e, one), reciprocal(add(e, one)));
+}
+
+template <class F, class Table>
+F sigmoid(F x, const Table& table) {
+    const F e = from_bits(exp(neg(x), table));
+    return reciprocal(add(e, F::splat(1.0f)));
+}
+
+template <class F, class LogTable, class ExpTable>
+typename F::Bits pow(typename F::Bits x, F n, const LogTable& log_table, const ExpTable& exp_table) {
+    return exp(mul(n, log<F>(x, log_table)), exp_table);
+}
+
+// sin x folded into [0, pi/2], then the series to x^9, each term built from the one before by the factors
+// c[0] to c[3]. The bits, because the sign is put on by exclusive or, whatever the value.
+template <class F>
+typename F::Bits sin(F x, const float (&c)[4]) {
+    const auto k = abs(to_int_trunc(mul_loose(x, F::splat(kInversePi))));  // half periods
+    const auto negative = odd(k) ^ greater_equal(F::splat(0.0f), x);
+    const F pi = F::splat(kPi);
+    const F folded = sub(abs(x), mul_loose(to_float(k), pi));
+    const F a = select(greater_equal(folded, F::splat(kHalfPi)), sub(pi, folded), folded);
+    const F a2 = mul(a, a);
+    F t = mul(mul(a2, a), F::splat(c[0]));
+    F s = sub(a, t);
+    t = mul(F::splat(c[1]), mul(a2, t));
+    s = add(s, t);
+    t = mul(F::splat(c[2]), mul(a2, t));
+    s = sub(s, t);
+    t = mul(a2, t);
+    s = mul_add(s, F::splat(c[3]), t);
+    return flip_sign(negative, bits(s));
+}
+
+}  // namespace kelrt

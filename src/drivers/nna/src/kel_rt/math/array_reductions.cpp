@@ -1,0 +1,95 @@
+// Array kernels: reductions. The order of accumulation decides the result and is fixed: four lane
+// accumulators over the whole blocks, these in lane order, then the tail in ascending order. Only the vector
+// part flushes.
+#include "element.h"
+#include "kelRt.h"
+#include "math/vector_part.h"
+
+using kelrt::f32;
+using kelrt::lanes::Floats;
+
+// Accumulates step(acc, i) from zero over the whole blocks, and adds the four lanes up.
+template <class Step>
+static float sum_blocks(uint32_t whole, Step step) {
+    float lanes[4] = {};
+    float* result = lanes;
+    if (whole > 0)
+        kelrt::vector_part([=] {
+            Floats acc = Floats::splat(0.0f);
+            for (size_t i = 0; i < whole; i += 4)
+                acc = step(acc, i);
+            store(result, acc);
+        });
+    return (((0.0f + lanes[0]) + lanes[1]) + lanes[2]) + lanes[3];
+}
+
+uint32_t kelRt_sumf(const float* in, float* out, uint32_t n) {
+    const f32* x = in;
+    f32* total = out;
+    const uint32_t whole = n - n % 4;
+    *total = 0.0f;
+    *total = sum_blocks(whole, [=](Floats acc, size_t i) { return add(acc, Floats::load(x + i)); });
+    for (size_t i = whole; i < n; ++i)
+        *total += x[i];
+    return NNA_STATUS_OK;
+}
+
+uint32_t kelRt_variancef(const float* in, float mean, float* out, uint32_t n) {
+    const f32* x = in;
+    f32* total = out;
+    const uint32_t whole = n - n % 4;
+    *total = 0.0f;
+    *total = sum_blocks(whole, [=](Floats acc, size_t i) {
+        const Floats d = sub(Floats::load(x + i), Floats::splat(mean));
+        return mul_add(acc, d, d);
+    });
+    for (size_t i = whole; i < n; ++i) {
+        const float d = x[i] - mean;
+        // Double precision here and not in the blocks is deliberate.
+        *total =
+            static_cast<float>(static_cast<double>(*total) + static_cast<double>(d) * static_cast<double>(d));
+    }
+    *total /= static_cast<float>(n);
+    return NNA_STATUS_OK;
+}
+
+uint32_t kelRt_minMaxf(const float* in, float* min_out, float* max_out, uint32_t n) {
+    const f32* x = in;
+    f32 *least = min_out, *most = max_out;
+    const uint32_t whole = n - n % 4;
+    const float first = x[0];
+    *least = *most = first;
+
+    // The first block is taken as it stands, even where n is below four: it then reaches beyond n,
+    // deliberately.
+    float low[4] = {x[0], x[1], x[2], x[3]};
+    float high[4] = {x[0], x[1], x[2], x[3]};
+    if (whole >= 8)
+        kelrt::vector_part([=, low_out = static_cast<float*>(low), high_out = static_cast<float*>(high)] {
+            Floats lows = Floats::load(x), highs = lows;
+            for (size_t i = 4; i < whole; i += 4) {
+                const Floats block = Floats::load(x + i);
+                lows = min(lows, block);
+                highs = max(highs, block);
+            }
+            store(low_out, lows);
+            store(high_out, highs);
+        });
+
+    float running = first;
+    for (const float lane : high)
+        running = lane > running ? lane : running;
+    *most = running;
+    running = first;
+    for (const float lane : low)
+        running = lane < running ? lane : running;
+    *least = running;
+
+    for (size_t i = whole; i < n; ++i) {
+        if (x[i] > *most)
+            *most = x[i];
+        if (x[i] < *least)
+            *least = x[i];
+    }
+    return NNA_STATUS_OK;
+}

@@ -10,5 +10,7 @@ namespace kelrt {
 using f32 = float __attribute__((aligned(1)));
 using i32 = int32_t __attribute__((aligned(1)));
 using i16 = int16_t __attribute__((aligned(1)));
+// The bit pattern of any 4-byte element.
+using u32 = uint32_t __attribute__((aligned(1), may_alias));
 
 }  // namespace kelrt

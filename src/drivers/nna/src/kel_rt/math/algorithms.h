@@ -104,7 +104,7 @@ F log(typename F::Bits x, const Table& table) {
 
 template <class F, class Table>
 F tanh(F x, const Table& table) {
-    const F y = min(max(x, F::splat(-10.0f)), F::splat(10.0f));
+    const F y = clamp(x, -10.0f, 10.0f);
     const F e = from_bits(exp(add(y, y), table));
     const F one = F::splat(1.0f);
     return mul(sub(e, one), reciprocal(add(e, one)));

@@ -47,17 +47,15 @@ uint32_t kelRt_scaleI32toF(const int32_t* in, float* out, float scale, uint32_t 
     return NNA_STATUS_OK;
 }
 
-static Ints clamp_to_int8(Floats x, float scale) {
-    const Floats v = min(mul(x, Floats::splat(scale)), Floats::splat(127.0f));
-    return to_int_trunc(max(v, Floats::splat(-128.0f)));
+static Ints clamped(Floats x, float scale) {
+    return to_int_trunc(clamp(mul(x, Floats::splat(scale)), -128.0f, 127.0f));
 }
 
 uint32_t kelRt_scaleFtoI8(const float* in, int8_t* out, float scale, uint32_t n) {
     const f32* x = in;
     int8_t* y = out;
     const uint32_t tail = for_blocks<8>(n, [=](size_t i) {
-        const IntPair v = {clamp_to_int8(Floats::load(x + i), scale),
-                           clamp_to_int8(Floats::load(x + i + 4), scale)};
+        const IntPair v = {clamped(Floats::load(x + i), scale), clamped(Floats::load(x + i + 4), scale)};
         store_int8(y + i, v);
     });
     for (size_t i = tail; i < n; ++i) {

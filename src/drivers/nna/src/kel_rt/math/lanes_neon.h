@@ -76,6 +76,9 @@ inline Floats min(Floats a, Floats b) {
 inline Floats max(Floats a, Floats b) {
     return {vmaxq_f32(a.v, b.v)};
 }
+inline Floats clamp(Floats x, float low, float high) {
+    return min(max(x, Floats::splat(low)), Floats::splat(high));
+}
 inline Floats recip_estimate(Floats a) {
     return {vrecpeq_f32(a.v)};
 }

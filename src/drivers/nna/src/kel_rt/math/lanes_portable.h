@@ -201,6 +201,11 @@ inline Floats min(Floats a, Floats b) {
 inline Floats max(Floats a, Floats b) {
     return each([&](int i) { return quiet(-scalar_min(-a.v[i], -b.v[i])); });
 }
+// x no less than low and no more than high, which are ordinary numbers other than zero. For use in
+// arithmetic: a subnormal x may come out as it is.
+inline Floats clamp(Floats x, float low, float high) {
+    return min(max(x, Floats::splat(low)), Floats::splat(high));
+}
 inline Floats recip_estimate(Floats a) {
     return each([&](int i) { return scalar_recip_estimate(a.v[i]); });
 }

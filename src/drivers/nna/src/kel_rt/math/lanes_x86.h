@@ -129,6 +129,10 @@ inline Floats neg(Floats a) {
 inline Floats max(Floats a, Floats b) {
     return neg(min(neg(a), neg(b)));
 }
+// With x as the second operand both instructions return it when it is NaN.
+inline Floats clamp(Floats x, float low, float high) {
+    return {_mm_min_ps(_mm_set1_ps(high), _mm_max_ps(_mm_set1_ps(low), x.v))};
+}
 inline Floats abs(Floats a) {
     return {_mm_andnot_ps(_mm_set1_ps(-0.0f), a.v)};
 }
@@ -171,7 +175,7 @@ inline Floats rsqrt_estimate(Floats a) {
 inline __m128 step_product(Floats a, Floats b) {
     const __m128 p = mul_loose(a, b).v;
     if (__builtin_expect(any(nan_lanes(p)), 0))
-        return _mm_and_ps(p, _mm_cmpunord_ps(a.v, b.v));
+        return _mm_and_ps(p, _mm_or_ps(_mm_cmpord_ps(p, p), _mm_cmpunord_ps(a.v, b.v)));
     return p;
 }
 inline Floats recip_step(Floats a, Floats b) {

@@ -169,6 +169,95 @@ KEL_RT_API uint32_t kel_rtMemory_copyTo(KelRtInstance* instance, void* ptr, uint
 /** Hands a pointer back: checks that it is the one the id resolves to (else 1056); frees nothing. */
 KEL_RT_API uint32_t kel_rtMemory_deallocate(KelRtInstance* instance, void* ptr, uint32_t memid);
 
+/**
+ * Moves `rows` rows of `row_size` bytes between SRAM, where row r lies at sram_address + r * sram_stride, and
+ * `memory`, where rows are packed; all in wrapping 32-bit arithmetic. The platform knows the direction, and
+ * get and set are the same. Returns the status of the last row: earlier failures neither count nor stop it.
+ * No cache is maintained. No rows, no platform call: 1001.
+ */
+KEL_RT_API uint32_t kel_rtNnaSramGet(KelRtInstance* instance, uint32_t sram_address, uint32_t row_size,
+                                     uint32_t sram_stride, uint32_t rows, void* memory);
+KEL_RT_API uint32_t kel_rtNnaSramSet(KelRtInstance* instance, uint32_t sram_address, uint32_t row_size,
+                                     uint32_t sram_stride, uint32_t rows, void* memory);
+
+/* ------------------------------------------------------------------------------------------- format
+ * conversion -- */
+/* hw32 is the accelerator's layout of 32-bit data: lines of L elements, each stored as four planes of L
+ * bytes, the least significant bytes of all its elements first. Bytes are moved, not interpreted, so integers
+ * and floats convert alike. Linear layout is the plain array of little-endian words. */
+
+/**
+ * Converts the whole lines of `size` elements in lines of `nna_out_line_sz`: from hw32 to linear when `dir`
+ * is 0, to hw32 otherwise. Any line size is exact. The elements after the last whole line are not written;
+ * fewer elements than one line, or a line size of 0, convert nothing and return 1001 all the same.
+ * *out_bytes, if given, becomes 4 * size (wrapping) regardless. `output` may be `input`. 1056 (and an ERR
+ * line) if either is null.
+ */
+KEL_RT_API uint32_t kelRt_hw32FmtConvParam(uint8_t* output, const uint8_t* input, uint32_t size, uint32_t dir,
+                                           uint32_t nna_out_line_sz, uint32_t* out_bytes);
+
+/** kelRt_hw32FmtConvParam with lines of 8 elements. */
+KEL_RT_API uint32_t kelRt_hw32FmtConv(uint8_t* output, const uint8_t* input, uint32_t size, uint32_t dir,
+                                      uint32_t* out_bytes);
+
+/** One line of L elements, hw32 to linear. Any L; `dst` and `src` may overlap. Pointers are not checked. */
+KEL_RT_API void convert_hw_lin(uint8_t* dst, const uint8_t* src, uint32_t L);
+
+/**
+ * 1, 2, 4 or 8 lines of the same L, anywhere in memory, hw32 to linear. L must be a multiple of 8, for the
+ * sake of implementations that overrun the line otherwise; this one does not. No destination may overlap a
+ * source. Pointers are not checked.
+ */
+KEL_RT_API void convert_hw_lin_neon_1(uint8_t* dst, const uint8_t* src, uint32_t L);
+KEL_RT_API void convert_hw_lin_neon_2(uint8_t* dst0, const uint8_t* src0, uint8_t* dst1, const uint8_t* src1,
+                                      uint32_t L);
+KEL_RT_API void convert_hw_lin_neon_4(uint8_t* dst0, const uint8_t* src0, uint8_t* dst1, const uint8_t* src1,
+                                      uint8_t* dst2, const uint8_t* src2, uint8_t* dst3, const uint8_t* src3,
+                                      uint32_t L);
+KEL_RT_API void convert_hw_lin_neon_8(uint8_t* dst0, const uint8_t* src0, uint8_t* dst1, const uint8_t* src1,
+                                      uint8_t* dst2, const uint8_t* src2, uint8_t* dst3, const uint8_t* src3,
+                                      uint8_t* dst4, const uint8_t* src4, uint8_t* dst5, const uint8_t* src5,
+                                      uint8_t* dst6, const uint8_t* src6, uint8_t* dst7, const uint8_t* src7,
+                                      uint32_t L);
+
+/**
+ * Copies `count` elements with conversion of their number format. Formats are total bits (8, 16 or 32 for
+ * signed integers of the input, 8 for those of the output, 0xFFFFFFFF for floats on either side), fractional
+ * bits (at most the total bits; floats have none) and a scale: a raw integer q stands for
+ * q * scale / 2^frac_bits.
+ *
+ * To float: out[i] = q * factor, one rounding each for q, factor and product. To 8 bits: the float value
+ * times 2^out_frac_bits / out_scale, clamped to -128 .. 127 and truncated toward zero; NaN gives 0. From
+ * float to float nothing is copied at all.
+ *
+ * An out_scale of 0 with 8-bit output chooses the scale: 2^shift, with the shift that
+ * getExtraInputScaleFactor finds for the smallest and largest value of the input; it is stored in *out_shift,
+ * which is otherwise left alone (and may then be null). That range is measured on the input's bytes read as
+ * `count` floats whatever the input's width, and at least four: the caller provides 4 * max(count, 4)
+ * readable bytes, and for integer input the shift means nothing beyond that rule.
+ *
+ * *out_bytes, if given, becomes 4 * count (wrapping), or count for 8-bit output. 1056 (no log line) if output
+ * or input is null; 1064 and ERR lines for a count of 0, a format that is not listed above, and an integer
+ * input with scale 0; 1042 (and an ERR line) when the heap has no room for the floats of integers that become
+ * 8 bits. The buffers may be the same when the output's elements are as wide as the input's, or output is 8
+ * bits and input integer.
+ */
+KEL_RT_API uint32_t kelRt_copyFormatConv(uint8_t* output, uint32_t out_tot_bits, uint32_t out_frac_bits,
+                                         uint32_t out_scale, const uint8_t* input, uint32_t inp_tot_bits,
+                                         uint32_t inp_frac_bits, uint32_t inp_scale, uint32_t count,
+                                         uint8_t* out_shift, uint32_t* out_bytes);
+
+/**
+ * How far values between `min` and `max` have to be shifted down to fit tot_bits with frac_bits of them
+ * fractional: with range = 2^(tot_bits - frac_bits - 1), *result becomes 0 if min >= -range and max < range
+ * (NaN fits), else the larger of ceil(log2(min / -range)) for negative min and ceil(log2(max / range)) for
+ * max >= 0, at most 4. The power of two is 1 << n in 32-bit signed integers, for the low 8 bits of n: 2^31 is
+ * negative, larger ones are 0. The result is a whole number from 0 to 4, except that it may be NaN for a
+ * range of -2^31 (n is 31).
+ */
+KEL_RT_API void getExtraInputScaleFactor(float max, float min, uint32_t tot_bits, uint32_t frac_bits,
+                                         float* result);
+
 /* --------------------------------------------------------------------------------------------- operator
  * kernels -- */
 

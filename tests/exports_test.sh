@@ -16,8 +16,8 @@ if ! diff <(echo "$wanted") <(echo "$exported") >/tmp/exports.$$; then
     failed=1
 fi
 rm -f /tmp/exports.$$
-for name in tivNnaMemoryPtr tivNnaMemorySize tivNnaMemorySyncCache g_log_lvl g_log_file_max_size resetTivLogFile \
-    tivIsProfileEvent __android_log_print; do
+for name in tivNnaMemoryPtr tivNnaMemorySize tivNnaMemorySyncCache tivNnaUdrv_dumpSram g_log_lvl g_log_file_max_size \
+    resetTivLogFile tivIsProfileEvent __android_log_print; do
     grep -qx "$name" <<<"$imported" || { echo "$name is not imported from the platform"; failed=1; }
 done
 for name in $wanted; do

@@ -208,22 +208,4 @@ TEST(OperatorTable, HasEveryRowAsPublished) {
     }
 }
 
-// The rows whose operator is still to be written. Whoever writes one takes its name from this list.
-TEST(OperatorTable, MissingOperatorsAreKnown) {
-    const std::vector<std::string> still_missing = {
-        "cpu_copy_fmt_conv", "cpu_hw32_fmt_conv", "cpu_hw32_fmt_conv_param", "nna_sram_get", "nna_sram_set",
-    };
-    std::vector<std::string> missing;
-    probe::Probe probe;
-    for (uint32_t id = 0; id < KEL_RT_NUM_OPS; ++id) {
-        const Row& row = kRows[id];
-        probe.clear();
-        rig::Rig rig;
-        rig.run(id, arguments_of(row, 0));
-        if (probe.messages().at(0) == std::string("Operator ") + row.name + " is not available")
-            missing.push_back(row.name);
-    }
-    EXPECT_EQ(missing, still_missing);
-}
-
 }  // namespace

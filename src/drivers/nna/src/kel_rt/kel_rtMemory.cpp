@@ -1,6 +1,6 @@
-// Memory id -> CPU pointer. A CPU buffer of the driver's table comes first, the CPU's mapping of accelerator
-// memory second; caches are maintained around the CPU's work on accelerator memory only. Nothing is copied or
-// freed.
+// Memory id -> CPU pointer, and SRAM rows. A CPU buffer of the driver's table comes first, the CPU's mapping
+// of accelerator memory second; caches are maintained around the CPU's work on accelerator memory only.
+// Nothing is copied or freed.
 #include "kelRt.h"
 #include "kelRt_platform.h"
 #include "log.h"
@@ -40,6 +40,19 @@ uint32_t check_match(uint32_t memid, const void* ptr, const void* expected) {
         return NNA_STATUS_OK;
     KEL_LOG_ERR("Pointer Mismatch Mem[%d] %p %p", memid, ptr, expected);
     return NNA_STATUS_NULL_POINTER;
+}
+
+// The status of the last row alone counts, and no failure stops the loop. SRAM addresses and the rows' places
+// in memory advance in wrapping 32-bit arithmetic; integers, because memory may be null.
+uint32_t move_sram_rows(KelRtInstance* instance, uint32_t sram_address, uint32_t row_size,
+                        uint32_t sram_stride, uint32_t rows, void* memory) {
+    uint32_t status = NNA_STATUS_OK;
+    for (uint32_t r = 0; r < rows; ++r) {
+        const uintptr_t row = reinterpret_cast<uintptr_t>(memory) + r * row_size;
+        status = tivNnaUdrv_dumpSram(instance->device, sram_address + r * sram_stride, row_size,
+                                     reinterpret_cast<void*>(row));
+    }
+    return status;
 }
 
 }  // namespace
@@ -88,4 +101,16 @@ uint32_t kel_rtMemory_deallocate(KelRtInstance* instance, void* ptr, uint32_t me
     if (!ptr || status != NNA_STATUS_OK)
         return status;
     return check_match(memid, ptr, mapped);
+}
+
+// The same transfer twice, under two names: which way the bytes go is the platform's business.
+
+uint32_t kel_rtNnaSramGet(KelRtInstance* instance, uint32_t sram_address, uint32_t row_size,
+                          uint32_t sram_stride, uint32_t rows, void* memory) {
+    return move_sram_rows(instance, sram_address, row_size, sram_stride, rows, memory);
+}
+
+uint32_t kel_rtNnaSramSet(KelRtInstance* instance, uint32_t sram_address, uint32_t row_size,
+                          uint32_t sram_stride, uint32_t rows, void* memory) {
+    return move_sram_rows(instance, sram_address, row_size, sram_stride, rows, memory);
 }

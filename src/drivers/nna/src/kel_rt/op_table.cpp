@@ -25,11 +25,11 @@ constexpr KelRtOpEntry row(const char* name, const uint8_t (&types)[total], KelR
 constexpr KelRtOpEntry kOpTable[KEL_RT_NUM_OPS] = {
     /*  0 */ row("cpu_onnx_inst_norm",                  kTypes<MEM, MEM, VAL, FLT, FLT>,                          run_instanceNorm),
     /*  1 */ row("cpu_lstm_states",                     kTypes<MEM, MEM, MEM, VAL>,                               run_lstmStates),
-    /*  2 */ row("cpu_copy_fmt_conv",                   kTypes<MEM, VAL, VAL, VAL, MEM, VAL, VAL, VAL, VAL>,      unwritten),
+    /*  2 */ row("cpu_copy_fmt_conv",                   kTypes<MEM, VAL, VAL, VAL, MEM, VAL, VAL, VAL, VAL>,      run_copyFormatConv),
     /*  3 */ row("cpu_onnx_onehot",                     kTypes<MEM, MEM, VAL, FLT, FLT>,                          run_oneHot),
     /*  4 */ row("cpu_ewop_add",                        kTypes<MEM, MEM, MEM, VAL>,                               run_ewopAdd),
     /*  5 */ row("cpu_softmax",                         kTypes<MEM, MEM, VAL>,                                    run_softMax),
-    /*  6 */ row("cpu_hw32_fmt_conv",                   kTypes<MEM, MEM, VAL, VAL>,                               unwritten),
+    /*  6 */ row("cpu_hw32_fmt_conv",                   kTypes<MEM, MEM, VAL, VAL>,                               run_hw32FmtConv),
     /*  7 */ row("cpu_embedding",                       kTypes<MEM, MEM, MEM, VAL>,                               run_embedding),
     /*  8 */ row("cpu_lstm_states_cpu_activation",      kTypes<MEM, MEM, MEM, VAL>,                               run_lstmStates),
     /*  9 */ row("cpu_im2col",                          kTypes<MEM, MEM, VAL, VAL, VAL, VAL, VAL, VAL, VAL, VAL>, run_im2col),
@@ -40,9 +40,9 @@ constexpr KelRtOpEntry kOpTable[KEL_RT_NUM_OPS] = {
     /* 14 */ row("cpu_lstm_states_cpu_activation_cifg", kTypes<MEM, MEM, MEM, VAL>,                               run_lstmStates),
     /* 15 */ row("cpu_lstm_states_norm_cifg_cpuactv",   kTypes<MEM, MEM, MEM, VAL, VAL, VAL, FLT, MEM, MEM, MEM, MEM,
                                                                VAL, VAL, VAL, VAL>,                               run_lstmStatesNorm),
-    /* 16 */ row("cpu_hw32_fmt_conv_param",             kTypes<MEM, MEM, VAL, VAL, VAL>,                          unwritten),
-    /* 17 */ row("nna_sram_get",                        kTypes<VAL, VAL, VAL, VAL, MEM>,                          unwritten),
-    /* 18 */ row("nna_sram_set",                        kTypes<VAL, VAL, VAL, VAL, MEM>,                          unwritten),
+    /* 16 */ row("cpu_hw32_fmt_conv_param",             kTypes<MEM, MEM, VAL, VAL, VAL>,                          run_hw32FmtConvParam),
+    /* 17 */ row("nna_sram_get",                        kTypes<VAL, VAL, VAL, VAL, MEM>,                          run_sram),
+    /* 18 */ row("nna_sram_set",                        kTypes<VAL, VAL, VAL, VAL, MEM>,                          run_sram),
 };
 // clang-format on
 

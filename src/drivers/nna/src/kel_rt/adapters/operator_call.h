@@ -58,6 +58,7 @@ class OperatorCall {
 
     uint8_t operator_id() const { return static_cast<uint8_t>(args_[1].value); }
     uint32_t value(int arg) const { return args_[arg].value; }
+    uint32_t offset(int arg) const { return args_[arg].offset; }
     int32_t signed_value(int arg) const { return static_cast<int32_t>(args_[arg].value); }
     float float_value(int arg) const { return std::bit_cast<float>(args_[arg].value); }
 

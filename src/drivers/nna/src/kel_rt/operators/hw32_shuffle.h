@@ -1,0 +1,20 @@
+// The two byte shuffles between the accelerator's hw32 layout and the linear one. A hw32 line of L elements
+// is four planes of L bytes, the least significant bytes first; a linear line is L little-endian 32-bit
+// words. Bytes are only moved, never interpreted.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+
+namespace kelrt {
+
+// Whole buffers: `lines` lines of L elements, one after another in both layouts. Any L; the buffers may be
+// the same. If they overlap otherwise, lines are converted in ascending order, each read before it is
+// written.
+void hw32_to_linear(uint8_t* linear, const uint8_t* planes, size_t L, size_t lines);
+void linear_to_hw32(uint8_t* planes, const uint8_t* linear, size_t L, size_t lines);
+
+// One linear line to one hw32 line; the mirror of the exported convert_hw_lin. The two may overlap.
+void convert_lin_hw(uint8_t* dst, const uint8_t* src, uint32_t L);
+
+}  // namespace kelrt

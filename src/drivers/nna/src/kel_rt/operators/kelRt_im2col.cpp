@@ -5,6 +5,7 @@
 // both sides have room behind it, a run is moved in whole 16-byte blocks: the excess lands where the next
 // run, the padding or the next patch is written right after. The patches at the very end go byte by byte, and
 // so does everything when input and output overlap, where the order of the bytes would show.
+#include <algorithm>
 #include <cstring>
 
 #include "kelRt.h"
@@ -18,26 +19,46 @@ using Block = uint8_t __attribute__((vector_size(kBlock), aligned(1), may_alias)
 struct Patch {
     uint32_t rows, row_bytes;  // of the receptive field
     uint32_t input_row_bytes;
-    uint32_t pad;
+    uint32_t bytes, pad;
 };
 
-// Writes the patch and up to kBlock bytes behind it, reads up to kBlock - 1 bytes behind each row.
-void copy_by_blocks(const Patch& patch, uint8_t* dst, const uint8_t* src) {
-    for (uint32_t ky = 0; ky < patch.rows; ++ky) {
-        for (uint32_t i = 0; i < patch.row_bytes; i += kBlock)
-            *reinterpret_cast<Block*>(dst + i) = *reinterpret_cast<const Block*>(src + i);
-        dst += patch.row_bytes;
-        src += patch.input_row_bytes;
+// Patches side by side, with receptive fields `step` bytes apart. Each is written with up to kBlock bytes
+// behind it, each of its rows read with up to kBlock - 1. The number of blocks in a row is a constant where
+// it is small, else 0. The patch comes by value, since the blocks might alias it otherwise.
+template <uint32_t kBlocksInRow>
+void copy_by_blocks(const Patch patch, uint8_t* output, const uint8_t* input, uint32_t step, uint32_t count) {
+    const uint32_t blocks = kBlocksInRow ? kBlocksInRow : (patch.row_bytes + kBlock - 1) / kBlock;
+    for (; count > 0; --count, output += patch.bytes + patch.pad, input += step) {
+        uint8_t* dst = output;
+        const uint8_t* src = input;
+        for (uint32_t ky = 0; ky < patch.rows; ++ky, dst += patch.row_bytes, src += patch.input_row_bytes)
+            for (uint32_t i = 0; i < blocks; ++i)
+                reinterpret_cast<Block*>(dst)[i] = reinterpret_cast<const Block*>(src)[i];
+        *reinterpret_cast<Block*>(dst) = Block{};  // padding
     }
-    *reinterpret_cast<Block*>(dst) = Block{};  // padding
+}
+
+using CopyByBlocks = void (*)(Patch, uint8_t*, const uint8_t*, uint32_t, uint32_t);
+
+CopyByBlocks copy_for(uint32_t row_bytes) {
+    switch ((row_bytes + kBlock - 1) / kBlock) {
+        case 1:
+            return copy_by_blocks<1>;
+        case 2:
+            return copy_by_blocks<2>;
+        case 3:
+            return copy_by_blocks<3>;
+        case 4:
+            return copy_by_blocks<4>;
+        default:
+            return copy_by_blocks<0>;
+    }
 }
 
 void copy_by_bytes(const Patch& patch, uint8_t* dst, const uint8_t* input, uint32_t start) {
-    for (uint32_t ky = 0; ky < patch.rows; ++ky) {
+    for (uint32_t ky = 0; ky < patch.rows; ++ky, start += patch.input_row_bytes)
         for (uint32_t i = 0; i < patch.row_bytes; ++i)
             *dst++ = input[start + i];
-        start += patch.input_row_bytes;
-    }
     std::memset(dst, 0, patch.pad);
 }
 
@@ -59,6 +80,13 @@ bool overlap(const uint8_t* a, uint32_t a_bytes, const uint8_t* b, uint32_t b_by
     return x < y ? y - x < a_bytes : x - y < b_bytes;
 }
 
+// How many of `count` reaches, the first one and then `step` apart, end within `room`.
+uint32_t within(uint64_t first, uint32_t step, uint32_t room, uint32_t count) {
+    if (first > room)
+        return 0;
+    return step == 0 ? count : std::min(count, (room - static_cast<uint32_t>(first)) / step + 1);
+}
+
 }  // namespace
 
 uint32_t kelRt_im2col(const uint8_t* input, uint8_t* output, uint32_t rows, uint32_t cols, uint32_t channels,
@@ -72,7 +100,8 @@ uint32_t kelRt_im2col(const uint8_t* input, uint8_t* output, uint32_t rows, uint
     const uint32_t patch_bytes = kernelHeight * channels * kernelWidth;
     // The division is signed: lengths from 2^31 - 7 on would pad by more than 7.
     const uint32_t padded = static_cast<uint32_t>(static_cast<int32_t>(patch_bytes + 7) / 8) * 8;
-    const Patch patch = {kernelHeight, kernelWidth * channels, cols * channels, padded - patch_bytes};
+    const Patch patch = {kernelHeight, kernelWidth * channels, cols * channels, patch_bytes,
+                         padded - patch_bytes};
     const uint32_t out_height = output_size(rows, kernelHeight, rowStride);
     const uint32_t out_width = output_size(cols, kernelWidth, colStride);
     // Both records, their blanks and missing line ends included, are what log readers match.
@@ -94,17 +123,18 @@ uint32_t kelRt_im2col(const uint8_t* input, uint8_t* output, uint32_t rows, uint
     const uint64_t in_reach = uint64_t{patch.rows - 1} * patch.input_row_bytes + patch.row_bytes + kBlock - 1;
     const uint64_t out_reach = uint64_t{patch_bytes} + kBlock;
 
-    uint8_t* dst = output;
+    const CopyByBlocks copy = copy_for(patch.row_bytes);
+    const uint32_t step = colStride * channels;
+
+    size_t written = 0;
     for (uint32_t oy = 0; oy < out_height; ++oy) {
-        for (uint32_t ox = 0; ox < out_width; ++ox) {
-            const uint32_t start = (oy * rowStride * cols + ox * colStride) * channels;
-            const auto written = static_cast<uint64_t>(dst - output);
-            if (start + in_reach <= in_room && written + out_reach <= out_room)
-                copy_by_blocks(patch, dst, input + start);
-            else
-                copy_by_bytes(patch, dst, input, start);
-            dst += padded;
-        }
+        const uint32_t start = oy * rowStride * cols * channels;
+        const uint32_t roomy = std::min(within(start + in_reach, step, in_room, out_width),
+                                        within(written + out_reach, padded, out_room, out_width));
+        copy(patch, output + written, input + start, step, roomy);
+        for (uint32_t ox = roomy; ox < out_width; ++ox)
+            copy_by_bytes(patch, output + written + size_t{ox} * padded, input, start + ox * step);
+        written += size_t{out_width} * padded;
     }
     return NNA_STATUS_OK;
 }

@@ -3,6 +3,7 @@
 // remain in the scalar tails; those are held to the NEON build's results within one unit in the last place.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cstdlib>
 #include <cstring>
 #include <random>
@@ -197,7 +198,7 @@ Args sram(Draw& d) {
     std::memcpy(nna_sim_sram(d.rig.sim), content.data(), 512);
     const uint32_t memory = d.rig.memory(rows * row);
     const Bytes view = d.bytes(rows * row);
-    std::memcpy(nna_sim_cpu_view(d.rig.sim, memory), view.data(), view.size());
+    std::copy(view.begin(), view.end(), nna_sim_cpu_view(d.rig.sim, memory));
     return {val(0x1000 + d.below(100)), val(row), val(stride), val(rows), mem(memory)};
 }
 

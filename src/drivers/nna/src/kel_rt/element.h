@@ -1,6 +1,7 @@
 // Tensor elements as kernels read and write them. Operands may sit at any byte offset, so a kernel must not
 // promise the compiler an aligned address (a promise that traps on real cores): it goes through these types
 // instead of the plain ones. They are the same types in every other respect, and cost nothing.
+// Convert to a named pointer: g++ forgets the attribute of a cast that is dereferenced on the spot.
 #pragma once
 
 #include <cstdint>

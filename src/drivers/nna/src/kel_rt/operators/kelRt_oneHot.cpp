@@ -10,7 +10,8 @@ uint32_t kelRt_oneHot(float* out, const float* index, uint32_t d, uint32_t on_va
                       uint32_t* out_bytes) {
     if (!out || !index)
         return NNA_STATUS_NULL_POINTER;
-    const uint32_t k = kelrt::float_index(*static_cast<const f32*>(index));
+    const f32* position = index;
+    const uint32_t k = kelrt::float_index(position[0]);
     if (k >= d)
         return NNA_STATUS_FAILED;
 

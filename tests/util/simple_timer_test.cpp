@@ -36,7 +36,7 @@ class SimpleTimer : public testing::Test {
         monotonic = timespec{static_cast<time_t>(seconds), nanoseconds};
     }
     struct Free {
-        void operator()(simple_timer* timer) const { EXPECT_EQ(deinit_simple_timer(timer), 0); }
+        void operator()(simple_timer* made) const { EXPECT_EQ(deinit_simple_timer(made), 0); }
     };
     std::unique_ptr<simple_timer, Free> owner{init_simple_timer()};
     simple_timer* const timer = owner.get();

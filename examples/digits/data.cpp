@@ -24,11 +24,14 @@ DataSet load_data(const std::string& directory) {
     DataSet data;
     data.mean = load<float>(directory, "mean", {kPixels});
     data.var = load<float>(directory, "var", {kPixels});
-    data.weights = load<float>(directory, "weights", {kPixels, kDigits});
-    data.bias = load<float>(directory, "bias", {kDigits});
+    data.input_weights = load<float>(directory, "input_weights", {kSide, kGates});
+    data.hidden_weights = load<float>(directory, "hidden_weights", {kUnits, kGates});
+    data.gate_bias = load<float>(directory, "gate_bias", {kGates});
+    data.output_weights = load<float>(directory, "output_weights", {kUnits, kDigits});
+    data.output_bias = load<float>(directory, "output_bias", {kDigits});
     data.images = load<uint8_t>(directory, "images", {kHeldOut, kSide, kSide});
     data.labels = load<uint8_t>(directory, "labels", {kHeldOut});
-    data.scores = load<float>(directory, "scores", {kHeldOut, kDigits});
+    data.probabilities = load<float>(directory, "probabilities", {kHeldOut, kDigits});
 
     const auto is_digit = [](uint8_t label) { return label < kDigits; };
     if (!std::all_of(data.labels.begin(), data.labels.end(), is_digit))

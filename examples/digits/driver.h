@@ -38,7 +38,11 @@ struct Operator {
     const char* name;
 };
 
+inline constexpr Operator kCopyFmtConv{2, "cpu_copy_fmt_conv"};
 inline constexpr Operator kEwopAdd{4, "cpu_ewop_add"};
+inline constexpr Operator kSoftmax{5, "cpu_softmax"};
+inline constexpr Operator kHw32FmtConv{6, "cpu_hw32_fmt_conv"};
+inline constexpr Operator kLstmStatesCpuActivation{8, "cpu_lstm_states_cpu_activation"};
 inline constexpr Operator kMatmul{10, "cpu_matmul"};
 inline constexpr Operator kFeaturenorm{11, "cpu_featurenorm"};
 

@@ -62,17 +62,26 @@ std::string reading_line(const Reading& reading, uint32_t line, bool colour) {
     else if (line == kDigits - 1)
         left = paint(colour, right ? kGood : kBad, text("a %u, read as %u  ", reading.written, reading.read));
 
-    const auto [least, most] = std::minmax_element(reading.scores.begin(), reading.scores.end());
-    const float score = reading.scores[line];
-    const std::string bars =
-        text("%u ", line) + bar((score - *least) / (*most - *least)) + text("%7.2f", score);
+    const float probability = reading.scores[line];
+    const std::string bars = text("%u ", line) + bar(probability) + text("%6.1f %%", 100 * probability);
     const char* const code = line != reading.read ? kFaint : right ? kGood : kBad;
     return left + "  " + paint(colour, code, bars);
 }
 
 }  // namespace
 
-Printer::Printer() : colour_(isatty(STDOUT_FILENO) && !std::getenv("NO_COLOR")) {}
+Printer::Printer() : terminal_(isatty(STDOUT_FILENO)), colour_(terminal_ && !std::getenv("NO_COLOR")) {}
+
+void Printer::progress(uint32_t done, uint32_t total) const {
+    if (!terminal_)
+        return;
+    if (done < total)
+        std::printf("\r%s %u of %u", bar(static_cast<float>(done) / static_cast<float>(total)).c_str(), done,
+                    total);
+    else
+        std::printf("\r\033[K");
+    std::fflush(stdout);
+}
 
 void Printer::headline(const char* headline) const {
     std::printf("\n%s\n", paint(colour_, kBold, headline).c_str());

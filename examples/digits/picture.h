@@ -11,7 +11,7 @@ inline constexpr uint32_t kSide = 8;     // pixels on each side of a picture
 inline constexpr uint32_t kDigits = 10;  // classes
 inline constexpr uint8_t kFullInk = 16;  // the darkest pixel
 
-using Scores = std::array<float, kDigits>;
+using Scores = std::array<float, kDigits>;  // the probability of each digit
 // [what was written][what was read]
 using Confusion = std::array<std::array<uint32_t, kDigits>, kDigits>;
 
@@ -25,11 +25,13 @@ struct Reading {
 class Printer {
   public:
     Printer();
+    // A bar that grows in place, on a terminal only; gone when all is done.
+    void progress(uint32_t done, uint32_t total) const;
     void readings(std::span<const Reading> readings) const;
     void confusion(const Confusion& confusion) const;
     void times(std::span<const OperatorTime> times) const;
     void headline(const char* text) const;
 
   private:
-    bool colour_;
+    bool terminal_, colour_;
 };

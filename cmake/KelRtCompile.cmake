@@ -21,7 +21,7 @@ endif()
 
 add_library(kelRt_compile INTERFACE)
 target_compile_options(kelRt_compile INTERFACE
-    -Wall -Wextra -Wconversion -Wshadow -Werror
+    -Wall -Wextra -Wconversion -Wshadow -Werror -Wno-psabi   # (notes that g++ 7.1 changed how it passes spans)
     -ffp-contract=off                                   # a product is rounded before it is added, always
     "-ffile-prefix-map=${PROJECT_SOURCE_DIR}/="           # two checkouts log the same source paths
 )

@@ -63,7 +63,7 @@ std::string reading_line(const Reading& reading, uint32_t line, bool colour) {
         left = paint(colour, right ? kGood : kBad, text("a %u, read as %u  ", reading.written, reading.read));
 
     const float probability = reading.scores[line];
-    const std::string bars = text("%u ", line) + bar(probability) + text("%6.1f %%", 100 * probability);
+    const std::string bars = text("%u ", line) + bar(probability) + text("%6.1f%%", 100 * probability);
     const char* const code = line != reading.read ? kFaint : right ? kGood : kBad;
     return left + "  " + paint(colour, code, bars);
 }
@@ -93,7 +93,7 @@ void Printer::readings(std::span<const Reading> readings) const {
         for (uint32_t line = 0; line < kDigits; ++line) {
             std::printf("  %s", reading_line(readings[i], line, colour_).c_str());
             if (i + 1 < readings.size())
-                std::printf("   %s", reading_line(readings[i + 1], line, colour_).c_str());
+                std::printf("  %s", reading_line(readings[i + 1], line, colour_).c_str());
             std::printf("\n");
         }
     }

@@ -56,14 +56,23 @@ inline void step_4(uint8_t* dst, size_t dst_stride, const uint8_t* src, size_t s
         std::memcpy(dst + i * dst_stride, &out[i], 4);
 }
 
+// Planes of this length and more end and begin again too often for hardware that prefetches streams, so the
+// next line is fetched while this one is converted. What follows the last line may be fetched for nothing.
+constexpr size_t kLongLine = 512;
+
 // One line, apart from its source. The elements that whole steps leave over are covered by one more step that
 // ends with the line and does some elements a second time.
 template <class Steps>
 inline void convert_line(uint8_t* dst, const uint8_t* src, size_t L) {
     size_t i = 0;
     if (L >= 8) {
-        for (; i + 16 <= L; i += 16)
+        for (; i + 16 <= L; i += 16) {
+            if (L >= kLongLine) {
+                __builtin_prefetch(src + 4 * L + 4 * i);
+                __builtin_prefetch(dst + 4 * L + 4 * i, 1);
+            }
             Steps::step_16(dst + Steps::kDst * i, src + Steps::kSrc * i, L);
+        }
         if (i + 8 <= L) {
             Steps::step_8(dst + Steps::kDst * i, src + Steps::kSrc * i, L);
             i += 8;

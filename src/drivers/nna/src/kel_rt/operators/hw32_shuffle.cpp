@@ -53,21 +53,26 @@ struct ToHw32 : Hw32FromLinear {
 
 #elif defined(__ARM_NEON)
 
-// The interleaving loads and stores are the shuffle.
+// The interleaving loads and stores are the shuffle. (Some compilers have them as macros: no braces inside.)
 
 struct ToLinear : LinearFromHw32 {
     static void step_16(uint8_t* linear, const uint8_t* planes, size_t L) {
-        vst4q_u8(linear, {{vld1q_u8(planes), vld1q_u8(planes + L), vld1q_u8(planes + 2 * L),
-                           vld1q_u8(planes + 3 * L)}});
+        uint8x16x4_t bytes;
+        bytes.val[0] = vld1q_u8(planes);
+        bytes.val[1] = vld1q_u8(planes + L);
+        bytes.val[2] = vld1q_u8(planes + 2 * L);
+        bytes.val[3] = vld1q_u8(planes + 3 * L);
+        vst4q_u8(linear, bytes);
     }
     static void step_8(uint8_t* linear, const uint8_t* planes, size_t L) {
-        vst4_u8(linear,
-                {{vld1_u8(planes), vld1_u8(planes + L), vld1_u8(planes + 2 * L), vld1_u8(planes + 3 * L)}});
+        uint8x8x4_t bytes;
+        bytes.val[0] = vld1_u8(planes);
+        bytes.val[1] = vld1_u8(planes + L);
+        bytes.val[2] = vld1_u8(planes + 2 * L);
+        bytes.val[3] = vld1_u8(planes + 3 * L);
+        vst4_u8(linear, bytes);
     }
-    static void line_8(uint8_t* linear, const uint8_t* planes) {
-        const uint8x16_t p01 = vld1q_u8(planes), p23 = vld1q_u8(planes + 16);
-        vst4_u8(linear, {{vget_low_u8(p01), vget_high_u8(p01), vget_low_u8(p23), vget_high_u8(p23)}});
-    }
+    static void line_8(uint8_t* linear, const uint8_t* planes) { step_8(linear, planes, 8); }
 };
 
 struct ToHw32 : Hw32FromLinear {

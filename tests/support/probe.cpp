@@ -84,9 +84,11 @@ Probe::Probe() : saved_level_(g_log_lvl) {
 Probe::~Probe() {
     current = nullptr;
     g_log_lvl = saved_level_;
+    const std::string caught = testing::Test::HasFailure() ? text() : "";
     std::fflush(stdout);
     dup2(saved_stdout_, STDOUT_FILENO);
     close(saved_stdout_);
+    std::fputs(caught.c_str(), stdout);  // googletest's own lines are among them
 }
 
 std::string Probe::text() const {

@@ -124,8 +124,14 @@ uint32_t kelRt_im2col(const uint8_t* input, uint8_t* output, uint32_t rows, uint
     if (patch.rows == 0 || patch.row_bytes == 0)
         return NNA_STATUS_OK;
 
-    // Bytes that blocks may touch: none when a size is out of the ordinary or the two sides overlap.
+    // Bytes that blocks may touch: none when a size is out of the ordinary or the two sides overlap. Of the
+    // input no more than the patches need, so that a map may end with its last receptive field.
+    const uint64_t last_row = uint64_t{out_height - 1} * rowStride + kernelHeight - 1;
+    const uint64_t last_col = uint64_t{out_width - 1} * colStride + kernelWidth - 1;
     uint32_t in_room = small_product(rows, cols, channels);
+    if (last_row < rows && last_col < cols)
+        in_room =
+            static_cast<uint32_t>(std::min<uint64_t>(in_room, (last_row * cols + last_col + 1) * channels));
     uint32_t out_room = small_product(out_height, out_width, padded);
     if (overlap(input, in_room, output, out_room))
         in_room = out_room = 0;

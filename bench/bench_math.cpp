@@ -1,8 +1,8 @@
 // The array kernels, from a few blocks to far beyond the caches, each beside a memcpy that moves the same
 // bytes, and on subnormal input, which must cost nothing.
 //   kelRt_mulf/4096             4096 elements
-//   kelRt_mulf/4096/memcpy      memcpy of half of what those elements are read and written with: the same
-//   traffic kelRt_mulf/4096/subnormal   every float of the input subnormal
+//   kelRt_mulf/4096/memcpy      memcpy of half of what those elements read and write: the same traffic
+//   kelRt_mulf/4096/subnormal   every float of the input subnormal
 #include <benchmark/benchmark.h>
 
 #include <bit>

@@ -95,6 +95,10 @@ NNA_SIM_API void nna_sim_clear_calls(NnaSim* sim);
  * faults back. Several faults can be set. */
 NNA_SIM_API void nna_sim_fail_call(NnaSim* sim, uint32_t k, uint32_t status);
 
+/** The same, but the call does its work first: a platform that reports failure and leaves a result all the
+ * same. */
+NNA_SIM_API void nna_sim_fail_call_late(NnaSim* sim, uint32_t k, uint32_t status);
+
 /* ---- the common library ---- */
 
 /** Which profiling event classes are on: bit `event` of the mask, for events 0 to 31. At first none. */

@@ -16,6 +16,11 @@ struct Memory {
     std::vector<uint8_t> view;
 };
 
+struct Fault {
+    uint32_t status;
+    bool late;  // after the call's work
+};
+
 bool fits(const std::vector<uint8_t>& bytes, uint32_t offset, uint32_t size) {
     return uint64_t{offset} + size <= bytes.size();
 }
@@ -29,8 +34,8 @@ struct NnaSim {
     NnaSimSramDirection sram_direction = NNA_SIM_SRAM_TO_MEMORY;
     uint64_t synced_bytes[2] = {0, 0};
     std::vector<NnaSimCall> calls;
-    uint64_t call_number = 0;             // of the last platform call, counted from creation
-    std::map<uint64_t, uint32_t> faults;  // call number -> status
+    uint64_t call_number = 0;          // of the last platform call, counted from creation
+    std::map<uint64_t, Fault> faults;  // by call number
 
     Memory* memory(uint32_t memid) { return memid < memories.size() ? memories[memid].get() : nullptr; }
 
@@ -39,7 +44,10 @@ struct NnaSim {
     uint32_t perform(NnaSimCall call, Action action) {
         ++call_number;
         const auto fault = faults.find(call_number);
-        call.status = fault != faults.end() ? fault->second : action();
+        if (fault == faults.end() || fault->second.late)
+            call.status = action();
+        if (fault != faults.end())
+            call.status = fault->second.status;
         calls.push_back(call);
         return call.status;
     }
@@ -119,7 +127,11 @@ void nna_sim_fail_call(NnaSim* sim, uint32_t k, uint32_t status) {
     if (k == 0)
         sim->faults.clear();
     else
-        sim->faults[sim->call_number + k] = status;
+        sim->faults[sim->call_number + k] = {status, false};
+}
+
+void nna_sim_fail_call_late(NnaSim* sim, uint32_t k, uint32_t status) {
+    sim->faults[sim->call_number + k] = {status, true};
 }
 
 // ---- the platform's functions ----

@@ -178,6 +178,24 @@ TEST(CopyFormat, IntegersBecomeFloatsAndBytesAtTheFormatsLimits) {
     check_integers<int32_t>(32, 1, kInfinity);  // 2^32 is 0: infinities, and NaN for 0
 }
 
+// Scales that single precision cannot hold: the factors are formed in double precision and rounded once.
+TEST(CopyFormat, FormsItsFactorsInDoublePrecision) {
+    const uint32_t scale = 0x01000003;  // 2^24 + 3: as a float 2^24 + 4
+    const int32_t one = 1;
+    float real = 0;
+    EXPECT_EQ(kelRt_copyFormatConv(reinterpret_cast<uint8_t*>(&real), kFloat, 0, 0,
+                                   reinterpret_cast<const uint8_t*>(&one), 32, 0, scale, 1, nullptr, nullptr),
+              NNA_STATUS_OK);
+    EXPECT_EQ(real, 16777220.0f) << "rounded once";
+    // 2^7 / (2^24 + 1) is just below 2^-17, which is what a single-precision divisor would give.
+    const float x[4] = {std::ldexp(1.0f, 17), 0, 0, 0};
+    int8_t byte = 9;
+    EXPECT_EQ(kelRt_copyFormatConv(reinterpret_cast<uint8_t*>(&byte), 8, 7, 0x01000001,
+                                   reinterpret_cast<const uint8_t*>(x), kFloat, 0, 0, 1, nullptr, nullptr),
+              NNA_STATUS_OK);
+    EXPECT_EQ(byte, 0) << "0.99999994 truncates";
+}
+
 TEST(CopyFormat, AcceptsOddAddresses) {
     const std::vector<int32_t> q = {1, -2, 300000, 4, 5, -6, 7, 8, 9};
     for (size_t odd = 1; odd < 4; ++odd) {
@@ -419,8 +437,8 @@ TEST(CopyFormatOperator, ReportsTheShiftInTheInstance) {
 
 TEST(CopyFormatOperator, DumpsFormatsBeforeItFetchesTheInput) {
     rig::Rig rig;
-    const uint32_t out = rig.memory(64), in = rig.memory_of(std::vector<int16_t>{384, -256, 0});
-    const std::vector<KelRtContextArg> args = {mem(out, 0x1C), val(kFloat), val(0), val(0), mem(in),
+    const uint32_t out = rig.memory(64), in = rig.memory_of(std::vector<int16_t>{384, -256, 0}, 2);
+    const std::vector<KelRtContextArg> args = {mem(out, 0x1C), val(kFloat), val(2), val(3), mem(in, 2),
                                                val(16),        val(8),      val(1), val(3)};
     probe::Probe probe;
     g_log_lvl = 0;
@@ -428,13 +446,13 @@ TEST(CopyFormatOperator, DumpsFormatsBeforeItFetchesTheInput) {
     EXPECT_EQ(rig.device<float>(out, 3, 0x1C), (Floats{1.5f, -1, 0}));
     char tensors[256];
     std::snprintf(tensors, sizeof tensors,
-                  "0x%p(ID=0x00) 0xFFFFFFFF 0x00000000 0x00000000 0x%p(ID=0x01) 0x00000010 0x00000008 "
+                  "0x%p(ID=0x00) 0xFFFFFFFF 0x00000002 0x00000003 0x%p(ID=0x01) 0x00000010 0x00000008 "
                   "0x00000001 0x00000003",
                   static_cast<void*>(nna_sim_cpu_view(rig.sim, out)),
                   static_cast<void*>(nna_sim_cpu_view(rig.sim, in)));
     Lines expected = {"KEL RT executing operator cpu_copy_fmt_conv",
                       "output: memid=0, ofs=1c, ele_sz=4, bytes=12",
-                      "input: memid=1, ofs=0, ele_sz=2, bytes=6", tensors};
+                      "input: memid=1, ofs=2, ele_sz=2, bytes=6", tensors};
     EXPECT_EQ(probe.messages(), expected);
 
     probe.clear();

@@ -149,7 +149,7 @@ Bytes convert_lines(Bytes area, size_t dst, size_t src, uint32_t size, uint32_t 
 TEST(Hw32Kernel, ConvertsWholeLinesAndLeavesTheRest) {
     for (uint32_t L = 0; L <= 64; ++L) {
         for (const uint32_t size : {0u, 1u, L - (L > 0), L, L + 1, 2 * L, 3 * L + L / 2, 7 * L, 15 * L + 5}) {
-            for (const uint32_t dir : {0u, 1u, 5u}) {
+            for (const uint32_t dir : {0u, 1u, 2u, 5u}) {
                 SCOPED_TRACE("L " + std::to_string(L) + " size " + std::to_string(size) + " dir " +
                              std::to_string(dir));
                 const size_t bytes = 4 * size;

@@ -126,6 +126,7 @@ TEST(Im2col, DegenerateGeometry) {
         {"no channels, and counts that wrapped to 2^31", {0, 0, 0, 1, 1, 2, 2}, {}},
         {"a kernel one row too high: the count wraps to 0", {1, 2, 1, 2, 1, 1, 1}, {}},
         {"a kernel one column too wide: the count wraps to 0", {2, 1, 1, 1, 2, 1, 1}, {}},
+        {"no columns, and rows whose count wrapped to nearly 2^32", {2, 1, 1, 4, 2, 1, 1}, {}},
         {"row stride 0 counts once", {4, 1, 1, 2, 1, 0, 1}, {1, 2, 0, 0, 0, 0, 0, 0}},
         {"column stride 0 counts once", {1, 4, 1, 1, 2, 1, 0}, {1, 2, 0, 0, 0, 0, 0, 0}},
         {"remainders are skipped", {1, 4, 2, 1, 1, 1, 5}, {1, 2, 0, 0, 0, 0, 0, 0}},
@@ -139,6 +140,23 @@ TEST(Im2col, DegenerateGeometry) {
         Bytes output(32, 0xEE);
         EXPECT_EQ(im2col(c.geometry, input.data(), output.data()), NNA_STATUS_OK);
         EXPECT_EQ(output, expected);
+    }
+}
+
+// The padding of a patch is found by a signed division, which shows from 2^31 bytes on; no row of patches is
+// written.
+TEST(Im2col, PadsByASignedDivision) {
+    const struct {
+        uint32_t channels;
+        const char* pad;
+    } cases[] = {{4, "0"}, {5, "6"}, {0x3FFFFFFD, "14"}, {0x3FFFFFFE, "12"}, {0x40000001, "14"}};
+    uint8_t bytes[16] = {};
+    for (const auto& c : cases) {
+        probe::Probe probe;
+        g_log_lvl = 0;
+        EXPECT_EQ(im2col({1, 1, c.channels, 2, 1, 1, 1}, bytes, bytes), NNA_STATUS_OK);
+        const std::string text = probe.text(), line = "Output height = 0 Output width = 1 Pad = ";
+        EXPECT_NE(text.find(line + c.pad), std::string::npos) << text;
     }
 }
 

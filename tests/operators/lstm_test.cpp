@@ -437,6 +437,27 @@ TEST(LstmLayerNorm, LogsItsDeviationFirstAndGivesBetaForEqualElements) {
         EXPECT_TRUE(std::isnan(value));
 }
 
+// How often the kernel normalises, by the records that each normalisation leaves: once a gate that it
+// normalises, and once for the cell.
+TEST(LstmLayerNorm, RunsOnceForEachBlockThatIsNormalised) {
+    for (int flags = 0; flags < 8; ++flags) {
+        const int cifg = flags & 1, per_gate = flags >> 1 & 1, cell = flags >> 2 & 1;
+        SCOPED_TRACE(flags);
+        Floats output(4), cell_state(4), gates(16, 0.5f), parameters(20, 1.0f);
+        float* const p = parameters.data();
+        probe::Probe probe;
+        g_log_lvl = 0;
+        EXPECT_EQ(kelRt_lstmStatesCifgActivationNorm(output.data(), cell_state.data(), gates.data(), 4, cifg,
+                                                     1, 0.1f, p, p, p, p, 1, per_gate, cell, 0),
+                  NNA_STATUS_OK);
+        const std::vector<std::string> messages = probe.messages();
+        const size_t times = static_cast<size_t>((per_gate ? 4 - cifg : 1) + cell);
+        ASSERT_EQ(messages.size(), 2 * times);
+        for (size_t i = 0; i < messages.size(); ++i)
+            EXPECT_EQ(messages[i].rfind(i % 2 ? "mean=" : "sd=", 0), 0u) << messages[i];
+    }
+}
+
 TEST(Print, WritesWholeElementsOnOneLine) {
     char bytes[13];
     const Floats values = {1.5f, -0.0004f, 1e6f};

@@ -323,13 +323,17 @@ class Runs(KelrtTest):
                             {"op": "nna_sram_set", "args": [4100, 2, 2, 3, {"mem": "m"}]}],
                "outputs": ["m", "sram"]}
         result = self.run_job(job)
-        if "NNA_STATUS_UNSUPPORTED" in result.stdout:
-            self.skipTest("the library has no SRAM operators")
         self.assertEqual(result.returncode, 0, result)
         self.assertEqual(self.written(), {"m.npy": npy("u1", [6], [1, 2, 3, 9, 10, 11]), "sram.npy": npy(
             "u1", [16], [0, 1, 2, 3, 1, 2, 3, 9, 10, 11, 10, 11, 12, 13, 14, 15])})
         job["contexts"][0]["args"][0] = 4110
         self.assertIn("NNA_SIM_STATUS_OUT_OF_RANGE (2002)", self.run_job(job).stdout)
+
+    def test_sram_operators_ignore_their_memorys_offset(self):
+        result = self.kelrt("op", "nna_sram_get", "mem=u1[4]", "mem.offset=4", "mem.kind=cpu", "sram=u1[4]:1,2,3,4",
+                            "sram_address=0", "row_size=4", "sram_stride=4", "rows=1")
+        self.assertEqual(result.returncode, 0, result)
+        self.assertIn("mem  u1 (4,) = 1 2 3 4", result.stdout)
 
     def test_the_catalogue_is_shown(self):
         result = self.kelrt("ops")
@@ -432,12 +436,14 @@ class Extents(KelrtTest):
             ("cpu_copy_fmt_conv", dict(copy, out=20, out_tot_bits=minus1, out_scale=1, inp_tot_bits=16, **{"in": 10})),
             ("cpu_copy_fmt_conv", dict(copy, out=5, out_tot_bits=8, out_scale=1, inp_tot_bits=minus1, **{"in": 20})),
             ("cpu_copy_fmt_conv", dict(copy, out=5, out_tot_bits=8, out_scale=0, inp_tot_bits=8, **{"in": 20})),
+            ("cpu_copy_fmt_conv", dict(copy, out=1, out_tot_bits=8, out_scale=0, inp_tot_bits=minus1, count=1,
+                                       **{"in": 16})),
             ("cpu_onnx_onehot", dict(out=12, index=4, depth=3, on_value=1, off_value=0)),
             ("cpu_ewop_add", dict(out=28, a=28, b=28, n=7)),
             ("cpu_softmax", dict(out=28, n=7, **{"in": 28})),
             ("cpu_hw32_fmt_conv", dict(out=64, size=17, dir=0, **{"in": 64})),
             ("cpu_hw32_fmt_conv_param", dict(out=68, size=17, dir=1, nna_out_line_sz=17, **{"in": 68})),
-            ("cpu_hw32_fmt_conv_param", dict(out=52, size=10, dir=0, nna_out_line_sz=5, **{"in": 43})),
+            ("cpu_hw32_fmt_conv_param", dict(out=40, size=10, dir=0, nna_out_line_sz=5, **{"in": 40})),
             ("cpu_hw32_fmt_conv_param", dict(out=0, size=4, dir=0, nna_out_line_sz=5, **{"in": 0})),
             ("cpu_embedding", dict(out=12, index=4, table=12, w=3)),
             ("cpu_im2col", dict(im2col, out=4 * 24, **{"in": 60})),

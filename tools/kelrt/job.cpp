@@ -29,14 +29,16 @@ std::string check_memory(const Operator& op, const Argument& argument, const Kel
     if (!fits(argument.element, memory.initial.type))
         return who + " holds " + (argument.element == Element::Float ? "f4" : "i1 or u1") + " and memory " +
                memory.name + " is " + npy::name_of(memory.initial.type);
-    if (given.offset > size)
-        return "offset " + std::to_string(given.offset) + " is outside memory " + memory.name + " of " +
+    // The SRAM operators ignore their memory's offset.
+    const uint32_t offset = moves_sram(id_of(op)) ? 0 : given.offset;
+    if (offset > size)
+        return "offset " + std::to_string(offset) + " is outside memory " + memory.name + " of " +
                std::to_string(size) + " bytes";
-    if (given.offset + extent > static_cast<double>(size)) {
+    if (offset + extent > static_cast<double>(size)) {
         char needed[32];
         std::snprintf(needed, sizeof needed, "%.0f", extent);
-        return who + " needs " + needed + " bytes from offset " + std::to_string(given.offset) +
-               " and memory " + memory.name + " has " + std::to_string(size);
+        return who + " needs " + needed + " bytes from offset " + std::to_string(offset) + " and memory " +
+               memory.name + " has " + std::to_string(size);
     }
     return "";
 }

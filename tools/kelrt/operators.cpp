@@ -44,27 +44,21 @@ double copy_output(Values v) {
 // With an automatic scale the input is also read as floats, whatever its format.
 double copy_input(Values v) {
     const bool automatic = v[3] == 8 && v[5] == 0;
-    return (automatic ? std::max(4.0, format_size(v[7])) : format_size(v[7])) * v[10];
+    // The automatic scale looks at the input as floats, four of them at least.
+    return std::max(format_size(v[7]) * v[10], automatic ? 4.0 * std::max(v[10], 4u) : 0.0);
 }
 
-// Whole lines only. From hw32, a line whose length is not a multiple of 8 is overrun: reading leaves the last
-// plane, writing the whole line.
-double hw32(uint32_t size, bool from_hw32, uint32_t line, bool writing) {
-    const uint32_t lines = quotient(size, line);
-    if (lines == 0)
-        return 0;
-    const double overrun = from_hw32 ? (8 - line % 8) % 8 * (writing ? 4 : 1) : 0;
-    return 4.0 * lines * line + overrun;
+// Whole lines only.
+double hw32(uint32_t size, uint32_t line) {
+    return 4.0 * quotient(size, line) * line;
 }
 
-template <bool writing>
 double hw32_fixed(Values v) {
-    return hw32(v[4], v[5] == 0, 8, writing);
+    return hw32(v[4], 8);
 }
 
-template <bool writing>
 double hw32_param(Values v) {
-    return hw32(v[4], v[5] == 0, v[6], writing);
+    return hw32(v[4], v[6]);
 }
 
 // im2col: positions of the receptive field along one axis, in the operator's own wrapping arithmetic.
@@ -209,18 +203,18 @@ constexpr Argument kSoftmax[] = {
 };
 
 constexpr Argument kHw32[] = {
-    out("out", hw32_fixed<true>, "the converted elements", Element::Any),
-    in("in", hw32_fixed<false>, "the elements to convert", Element::Any),
+    out("out", hw32_fixed, "the converted elements", Element::Any),
+    in("in", hw32_fixed, "the elements to convert", Element::Any),
     val("size", "number of 32-bit elements"),
     val("dir", "0: hw32 to linear; otherwise linear to hw32"),
 };
 
 constexpr Argument kHw32Param[] = {
-    out("out", hw32_param<true>, "the converted elements", Element::Any),
-    in("in", hw32_param<false>, "the elements to convert", Element::Any),
+    out("out", hw32_param, "the converted elements", Element::Any),
+    in("in", hw32_param, "the elements to convert", Element::Any),
     val("size", "number of 32-bit elements"),
     val("dir", "0: hw32 to linear; otherwise linear to hw32"),
-    val("nna_out_line_sz", "elements of one hw32 line; a multiple of 8 from hw32"),
+    val("nna_out_line_sz", "elements of one hw32 line"),
 };
 
 constexpr Argument kEmbedding[] = {

@@ -12,8 +12,10 @@ constexpr uint32_t kCpuWillRead = 1;
 constexpr uint32_t kCpuHasWritten = 0;
 
 // The id's CPU buffer, or null. A failing lookup (no table) leaves null too: the id is then accelerator
-// memory.
+// memory. No table has an entry for KEL_RT_NO_MEMORY_ID.
 void* cpu_buffer(KelRtInstance* instance, uint32_t memid) {
+    if (memid == KEL_RT_NO_MEMORY_ID)
+        return nullptr;
     void* ptr = nullptr;
     tivNnaCpuMemPtr(instance, memid, &ptr);
     return ptr;

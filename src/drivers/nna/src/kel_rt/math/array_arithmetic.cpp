@@ -75,7 +75,7 @@ uint32_t kelRt_normf(const float* in, const float* gamma, const float* beta, flo
                      float* out, uint32_t n) {
     const f32 *x = in, *g = gamma, *b = beta;
     f32* y = out;
-    const uint32_t tail = for_blocks<4>(n, [=](size_t i) {
+    const uint32_t tail = for_blocks<4, true>(n, [=](size_t i) {
         const Floats q = div(sub(Floats::load(x + i), Floats::splat(mean)), Floats::splat(divisor));
         store(y + i, mul_add(Floats::load(b + i), Floats::load(g + i), q));
     });

@@ -1,19 +1,48 @@
-// The switch of the x86 control word around vector parts.
+// The switch of the processor's floating-point mode around vector parts.
 #include "math/vector_part.h"
-
-#if defined(__SSE2__)
 
 namespace {
 
-// All exceptions masked, round to nearest.
-constexpr uint32_t kIeee = 0x1F80;
-// Results (bit 15) and operands (bit 6) that are subnormal become zero.
-constexpr uint32_t kFlushing = kIeee | 0x8000 | 0x0040;
-
+// Reading and writing the control word, and its value that rounds to nearest and traps nothing.
+#if defined(__SSE2__)
+using Word = uint32_t;
+inline void read_mode(Word& word) {
+    asm volatile("stmxcsr %0" : "=m"(word) : : "memory");
+}
+inline void write_mode(const Word& word) {
+    asm volatile("ldmxcsr %0" : : "m"(word) : "memory");
+}
 #if defined(KELRT_LANES_PORTABLE)
-constexpr uint32_t kControl = kIeee;  // these lanes flush by themselves
+constexpr Word kMode = 0x1F80;  // these lanes flush by themselves
 #else
-constexpr uint32_t kControl = kFlushing;
+constexpr Word kMode = 0x1F80 | 0x8000 | 0x0040;  // subnormal results and operands become zero
+#endif
+
+#elif defined(__arm__) && defined(__ARM_FP)
+using Word = uint32_t;
+inline void read_mode(Word& word) {
+    asm volatile("vmrs %0, fpscr" : "=r"(word) : : "memory");
+}
+inline void write_mode(const Word& word) {
+    asm volatile("vmsr fpscr, %0" : : "r"(word) : "memory");
+}
+constexpr Word kMode = 0;
+
+#elif defined(__aarch64__)
+using Word = uint64_t;
+inline void read_mode(Word& word) {
+    asm volatile("mrs %0, fpcr" : "=r"(word) : : "memory");
+}
+inline void write_mode(const Word& word) {
+    asm volatile("msr fpcr, %0" : : "r"(word) : "memory");
+}
+constexpr Word kMode = 0;
+
+#else  // elsewhere the caller's mode is taken to be the default one
+using Word = uint32_t;
+inline void read_mode(Word&) {}
+inline void write_mode(const Word&) {}
+constexpr Word kMode = 0;
 #endif
 
 }  // namespace
@@ -26,12 +55,10 @@ constexpr uint32_t kControl = kFlushing;
 // - from the caller: this function is never inlined and contains no arithmetic, and results reach the caller
 //   through memory.
 __attribute__((noinline)) void kelrt::run_vector_part(void (*part)(void*), void* context) {
-    uint32_t callers;
-    asm volatile("stmxcsr %0" : "=m"(callers) : : "memory");
-    asm volatile("ldmxcsr %0" : : "m"(kControl) : "memory");
+    Word callers = 0;
+    read_mode(callers);
+    write_mode(kMode);
     asm volatile("" : "+r"(part) : : "memory");
     part(context);
-    asm volatile("ldmxcsr %0" : : "m"(callers) : "memory");
+    write_mode(callers);
 }
-
-#endif

@@ -13,27 +13,34 @@ namespace kelrt {
 // for why no arithmetic can slip in or out.
 void run_vector_part(void (*part)(void*), void* context);
 
-// vector_part(f) calls f(), a copy of it whose captures stay in registers. Results leave by reference.
-template <class Part>
-inline void vector_part(Part part) {
-#if defined(__SSE2__)
-    run_vector_part(
-        [](void* context) {
-            Part mine = *static_cast<Part*>(context);
-            mine();
-        },
-        &part);
+// Whether lanes compute in a unit that knows no modes, as 32-bit Arm's NEON unit does. Division leaves it.
+#if defined(__arm__) && defined(__ARM_NEON) && !defined(KELRT_LANES_PORTABLE)
+inline constexpr bool kLanesHaveOneMode = true;
 #else
-    part();  // a NEON unit has one mode
+inline constexpr bool kLanesHaveOneMode = false;
 #endif
+
+// vector_part(f) calls f(), a copy of it whose captures stay in registers. Results leave by reference. A part
+// that `divides` says so.
+template <bool divides = false, class Part>
+inline void vector_part(Part part) {
+    if constexpr (kLanesHaveOneMode && !divides)
+        part();
+    else
+        run_vector_part(
+            [](void* context) {
+                Part mine = *static_cast<Part*>(context);
+                mine();
+            },
+            &part);
 }
 
 // Runs step(i) for the first element i of every whole block among n; returns where the tail starts.
-template <uint32_t width, class Step>
+template <uint32_t width, bool divides = false, class Step>
 inline uint32_t for_blocks(uint32_t n, Step step) {
     const uint32_t tail = n - n % width;
     if (tail > 0)
-        vector_part([=] {
+        vector_part<divides>([=] {
             for (uint32_t i = 0; i < tail; i += width)
                 step(i);
         });

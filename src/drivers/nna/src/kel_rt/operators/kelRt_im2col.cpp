@@ -72,8 +72,8 @@ void copy_by_bytes(const Patch& patch, uint8_t* dst, const uint8_t* input, uint3
     std::memset(dst, 0, patch.pad);
 }
 
-// How often a kernel fits, in wrapping arithmetic: a kernel larger than the input by one stride's remainder
-// can give 0, and a stride of 0 divides nothing.
+// How often a kernel fits, in wrapping arithmetic: 0 for a kernel one larger than the input, at stride 1. A
+// stride of 0 divides nothing.
 uint32_t output_size(uint32_t input, uint32_t kernel, uint32_t stride) {
     return (stride == 0 ? 0 : (input - kernel) / stride) + 1;
 }
@@ -121,7 +121,7 @@ uint32_t kelRt_im2col(const uint8_t* input, uint8_t* output, uint32_t rows, uint
         rows, cols, channels, kernelHeight, kernelWidth, filters, rowStride, colStride);
     KEL_LOG_DEBUG_OPEN_LINE("Output height = %d Output width = %d Pad = %d", out_height, out_width,
                             patch.pad);
-    if (patch.rows == 0 || patch.row_bytes == 0)
+    if (patch.rows == 0 || patch.row_bytes == 0 || out_width == 0)
         return NNA_STATUS_OK;
 
     // Bytes that blocks may touch: none when a size is out of the ordinary or the two sides overlap. Of the

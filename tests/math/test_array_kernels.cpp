@@ -341,9 +341,52 @@ TEST(BatchKernels, WholeBlocksAndNothingElse) {
         }
 }
 
+// A division by nothing much, by everything and by no number, which the vector part flushes and makes the
+// default NaN.
+TEST(ArrayKernels, NormfByEveryKindOfDivisor) {
+    const Floats special = {0.0f, -0.0f, 1e-40f, -1e-40f, 0x1p-126f, 1.0f, -3e38f, INFINITY, -INFINITY, NAN};
+    for (const float divisor : special)
+        for (const float mean : special)
+            for (const float value : special) {
+                const float x[4] = {value, value, value, value}, gamma[4] = {1, 1, 1, 1}, beta[4] = {};
+                float y[4];
+                EXPECT_EQ(kelRt_normf(x, gamma, beta, mean, divisor, y, 4), 1001u);
+                const float expected = ref::mla(0.0f, 1.0f, ref::div(ref::sub(value, mean), divisor));
+                for (const float found : y)
+                    ASSERT_EQ(std::bit_cast<uint32_t>(found), std::bit_cast<uint32_t>(expected))
+                        << value << " - " << mean << " by " << divisor;
+            }
+}
+
 // ---- the caller's mode
 
 #if defined(__SSE2__)
+using Mode = unsigned;
+Mode mode() {
+    return _mm_getcsr();
+}
+void set_mode(Mode word) {
+    _mm_setcsr(word);
+}
+// Toward zero, up, flushing, and every exception trapping.
+constexpr Mode kModes[] = {0x1F80 | 0x6000, 0x1F80 | 0x4000, 0x1F80 | 0x8040, 0};
+constexpr Mode kModeBits = 0xFFFFFFFF;
+#elif defined(__arm__)
+using Mode = unsigned;
+Mode mode() {
+    Mode word;
+    asm volatile("vmrs %0, fpscr" : "=r"(word) : : "memory");
+    return word;
+}
+void set_mode(Mode word) {
+    asm volatile("vmsr fpscr, %0" : : "r"(word) : "memory");
+}
+// Toward zero, up, down, flushing.
+constexpr Mode kModes[] = {0xC00000, 0x400000, 0x800000, 0x1000000};
+constexpr Mode kModeBits = 0x3C00000;  // without the flags that NEON itself raises
+#endif
+
+#if defined(__SSE2__) || defined(__arm__)
 // Whatever mode the caller computes in, vector parts give the same bits, raise no trap and leave the mode
 // alone.
 TEST(CallersMode, NeitherSeenNorChanged) {
@@ -367,17 +410,15 @@ TEST(CallersMode, NeitherSeenNorChanged) {
         return results;
     };
     const Floats expected = everything();
-    const unsigned before = _mm_getcsr();
-    constexpr unsigned kTraps = 0x1F80, kTowardZero = 0x6000, kUp = 0x4000, kFlush = 0x8040;
-    for (const unsigned mode :
-         {kTraps | kTowardZero, kTraps | kUp, kTraps | kFlush, 0u}) {  // 0: every exception traps
-        _mm_setcsr(mode);
+    const Mode before = mode();
+    for (const Mode callers : kModes) {
+        set_mode(callers);
         const Floats found = everything();
-        const unsigned after = _mm_getcsr();
-        _mm_setcsr(before);
-        EXPECT_EQ(after, mode);
+        const Mode after = mode();
+        set_mode(before);
+        EXPECT_EQ(after & kModeBits, callers);
         EXPECT_EQ(std::memcmp(found.data(), expected.data(), expected.size() * sizeof(float)), 0)
-            << std::hex << mode;
+            << std::hex << callers;
     }
 }
 #endif

@@ -2,10 +2,11 @@
 // operands, so that builds for different processors can be compared without storing results. The file of
 // golden digests beside this program was written by the NEON build.
 //
-//   kelrt_sweep --check FILE     recompute what the file holds at this stride, compare, fail on any
-//   difference kelrt_sweep --print NAME LO HI     input and result bits of one function, to find a
-//   difference's place kelrt_sweep                  write digests: name, stride, sixteen slices of the
-//   patterns, the special ones
+//   kelrt_sweep --check FILE         recompute what the file holds at this stride; fail on any difference
+//   kelrt_sweep --print NAME LO HI   input and result bits of one function, to find where a difference is
+//   kelrt_sweep                      write digests: name, stride, sixteen slices of the patterns, the special
+//   ones
+//
 // Options: --stride N, --pairs N (per operation), --only NAME,NAME..., --functions, --operations, --time.
 #include <bit>
 #include <chrono>
@@ -120,6 +121,26 @@ const Function kFunctions[] = {
          std::memcpy(ints.data(), x, kBlock * sizeof(float));
          kelRt_scaleI32toF(ints.data(), y, 0.7f, kBlock);
      }},
+    {"kelRt_scaleI16toF",  // the low half of each pattern
+     [](const float* x, float* y) {
+         std::vector<int16_t> ints(kBlock);
+         for (uint32_t i = 0; i < kBlock; ++i)
+             ints[i] = static_cast<int16_t>(std::bit_cast<uint32_t>(x[i]) & 0xFFFF);
+         kelRt_scaleI16toF(ints.data(), y, 0.7f, kBlock);
+     }},
+    {"kelRt_scaleI8toF",
+     [](const float* x, float* y) {
+         std::vector<int8_t> ints(kBlock);
+         for (uint32_t i = 0; i < kBlock; ++i)
+             ints[i] = static_cast<int8_t>(std::bit_cast<uint32_t>(x[i]) & 0xFF);
+         kelRt_scaleI8toF(ints.data(), y, 0x1.234p-126f, kBlock);
+     }},
+    {"batchMulf", [](const float* x, float* y) { batchMulf(x, kThirds.v, y, kBlock); }},
+    {"batchAddf", [](const float* x, float* y) { batchAddf(x, kThirds.v, y, kBlock); }},
+    {"batchSubf", [](const float* x, float* y) { batchSubf(kThirds.v, x, y, kBlock); }},
+    {"batchComplementf", [](const float* x, float* y) { batchComplementf(x, y, kBlock); }},
+    {"batchDotproductf",
+     [](const float* x, float* y) { batchDotproductf(x, kNearlyOne.v, kNearlyOne.v, x, y, kBlock); }},
     {"kelRt_scaleFtoI8",
      [](const float* x, float* y) {
          int8_t bytes[kBlock];

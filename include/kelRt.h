@@ -27,8 +27,7 @@
 extern "C" {
 #endif
 
-/* ------------------------------------------------------------------------------------------------ status
- * codes -- */
+/* ------------------------------------------------------------ status codes -- */
 
 /** Status of every function that returns uint32_t. Platform functions may return further values of their own.
  */
@@ -109,8 +108,7 @@ typedef struct KelRtInstance {
     uint8_t driver3[sizeof(uintptr_t) - 1];
 } KelRtInstance;
 
-/* ------------------------------------------------------------------------------------------------- entry
- * point -- */
+/* ------------------------------------------------------------ entry point -- */
 
 /**
  * Checks `context` against the operator table, runs its operator on the calling thread and returns its
@@ -118,8 +116,7 @@ typedef struct KelRtInstance {
  */
 KEL_RT_API uint32_t kelRt_executeContext(KelRtInstance* instance, const KelRtContext* context);
 
-/* -------------------------------------------------------------------------------------------- CPU buffer
- * table -- */
+/* ------------------------------------------------------------ CPU buffer table -- */
 /* The driver's own heap buffers for tensors that live only between CPU operators. The driver provides the
  * table and sizes it for every memory id that it uses; no function here knows its capacity. `instance` is
  * never null-checked. */
@@ -149,8 +146,7 @@ KEL_RT_API uint32_t tivNnaCpuMemRead(KelRtInstance* instance, uint32_t memid, ui
  */
 KEL_RT_API uint32_t tivNnaCpuMemPtr(KelRtInstance* instance, uint32_t memid, void** out_ptr);
 
-/* ---------------------------------------------------------------------------------------------- runtime
- * memory -- */
+/* ------------------------------------------------------------ runtime memory -- */
 /* A memory id is served by its CPU buffer or, failing that, by the CPU's mapping of the accelerator memory.
  * Nothing is copied or allocated: these functions choose, check and synchronise caches, always over the whole
  * memory. */
@@ -180,8 +176,7 @@ KEL_RT_API uint32_t kel_rtNnaSramGet(KelRtInstance* instance, uint32_t sram_addr
 KEL_RT_API uint32_t kel_rtNnaSramSet(KelRtInstance* instance, uint32_t sram_address, uint32_t row_size,
                                      uint32_t sram_stride, uint32_t rows, void* memory);
 
-/* ------------------------------------------------------------------------------------------- format
- * conversion -- */
+/* ------------------------------------------------------------ format conversion -- */
 /* hw32 is the accelerator's layout of 32-bit data: lines of L elements, each stored as four planes of L
  * bytes, the least significant bytes of all its elements first. Bytes are moved, not interpreted, so integers
  * and floats convert alike. Linear layout is the plain array of little-endian words. */
@@ -258,8 +253,7 @@ KEL_RT_API uint32_t kelRt_copyFormatConv(uint8_t* output, uint32_t out_tot_bits,
 KEL_RT_API void getExtraInputScaleFactor(float max, float min, uint32_t tot_bits, uint32_t frac_bits,
                                          float* result);
 
-/* --------------------------------------------------------------------------------------------- operator
- * kernels -- */
+/* ------------------------------------------------------------ operator kernels -- */
 
 /**
  * out[i] = a[i] + b[i] for i in 0..n-1. `out` may be `a` or `b`. *out_bytes, if given, becomes 4n (wrapping).
@@ -311,9 +305,9 @@ KEL_RT_API uint32_t kelRt_featurenorm(const float* input, uint32_t total, const 
  * c = op(a) * op(b), where op transposes when its flag is non-zero. aRows x aCols and bRows x bCols are the
  * shapes as stored; c is M x N with M = transA ? aCols : aRows, N = transB ? bRows : bCols. The inner
  * dimension is a's; b is taken to have that many rows. Each c element is a single-precision sum in increasing
- * k. `a` and `b` are left transposed in place when their flags are set. Where c overlaps them, it is written row by row,
- * each result as soon as it is summed (and slowly). Dimensions
- * are not checked; zero or negative ones give no work. 1056 (and an ERR line) if a pointer is null.
+ * k. `a` and `b` are left transposed in place when their flags are set. Where c overlaps them, it is written
+ * row by row, each result as soon as it is summed (and slowly). Dimensions are not checked; zero or negative
+ * ones give no work. 1056 (and an ERR line) if a pointer is null.
  */
 KEL_RT_API uint32_t kelRt_matmul(float* a, float* b, float* c, int32_t aRows, int32_t aCols, int32_t bRows,
                                  int32_t bCols, int32_t transA, int32_t transB);
@@ -391,8 +385,7 @@ KEL_RT_API uint32_t kelRt_lstmLayerNorm(float* dst, const float* src, uint32_t n
 /** Dumps sizeBytes / 4 floats to the log at DEBUG: the label, then all values on one line, three decimals. */
 KEL_RT_API void kelRt_print(const float* data, int32_t sizeBytes, const char* label);
 
-/* ---------------------------------------------------------------------------------------------- matrix
- * toolkit -- */
+/* ------------------------------------------------------------ matrix toolkit -- */
 
 /** A dense row-major matrix of floats. Mind the order: columns first. */
 typedef struct KelRtMatrix {
@@ -594,7 +587,7 @@ KEL_RT_API uint32_t kelRt_variancef(const float* in, float mean, float* out, uin
 KEL_RT_API uint32_t kelRt_normf(const float* in, const float* gamma, const float* beta, float mean,
                                 float divisor, float* out, uint32_t n);
 
-/* ---------------------------------------------------------------- stopwatch -- */
+/* ------------------------------------------------------------ stopwatch -- */
 /*
  * Microseconds by CLOCK_MONOTONIC, with statistics over samples. A sample is the sum of the laps between
  * starts and stops, or a number handed in. A record belongs to one thread at a time. Every function takes

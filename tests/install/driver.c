@@ -6,10 +6,12 @@ int main(void) {
     KelRtInstance instance = {.device = nna_sim_create()};
     const float x[2] = {1.5f, 2.0f};
     float sum[2] = {0, 0};
-    const uint32_t in = nna_sim_add_memory(instance.device, sizeof x), out = nna_sim_add_memory(instance.device, sizeof sum);
+    const uint32_t in = nna_sim_add_memory(instance.device, sizeof x),
+                   out = nna_sim_add_memory(instance.device, sizeof sum);
     nna_sim_device_write(instance.device, in, 0, x, sizeof x);
-    const KelRtContextArg args[] = {{KEL_RT_ARG_VAL, 0, 4},  {KEL_RT_ARG_VAL, 0, 4}, {KEL_RT_ARG_MEM, 0, out},
-                                    {KEL_RT_ARG_MEM, 0, in}, {KEL_RT_ARG_MEM, 0, in}, {KEL_RT_ARG_VAL, 0, 2}};
+    const KelRtContextArg args[] = {{KEL_RT_ARG_VAL, 0, 4},   {KEL_RT_ARG_VAL, 0, 4},
+                                    {KEL_RT_ARG_MEM, 0, out}, {KEL_RT_ARG_MEM, 0, in},
+                                    {KEL_RT_ARG_MEM, 0, in},  {KEL_RT_ARG_VAL, 0, 2}};
     const KelRtContext context = {.args = args, .num_args = 6, .target = KEL_RT_TARGET_CPU};
     const uint32_t status = kelRt_executeContext(&instance, &context);
     nna_sim_device_read(instance.device, out, 0, sum, sizeof sum);

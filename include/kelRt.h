@@ -47,8 +47,7 @@ enum NnaStatus {
     NNA_STATUS_MEMORY_SYNC_FAILED = 1070, /**< size query or cache maintenance of accelerator memory failed */
 };
 
-/* -----------------------------------------------------------------------------------------------------
- * records -- */
+/* ------------------------------------------------------------ records -- */
 
 /** Type codes of context arguments; only the low byte of KelRtContextArg.type is examined. */
 enum KelRtArgType {
@@ -330,7 +329,8 @@ KEL_RT_API uint32_t kelRt_instanceNorm(float* output, const float* input, uint32
  * rule. `filters` is only logged. 1056 (and an ERR line) if input or output is null.
  *
  * `output` is written only where patches are, but one patch may be written more than once; the input is read
- * only within itself. Should the two overlap, the bytes are moved one at a time in the order of the output.
+ * only where patches come from. Should the two overlap, the bytes are moved one at a time in the order of the
+ * output.
  */
 KEL_RT_API uint32_t kelRt_im2col(const uint8_t* input, uint8_t* output, uint32_t rows, uint32_t cols,
                                  uint32_t channels, uint32_t kernelHeight, uint32_t kernelWidth,

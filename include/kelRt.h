@@ -456,7 +456,7 @@ KEL_RT_API kelRt_float32x4_t vfloorq_f32(kelRt_float32x4_t x);
  * NaN gives 1. */
 KEL_RT_API kelRt_float32x4_t vroundq_rte_f32(kelRt_float32x4_t x);
 
-/** 1/sqrt(x) for positive normal x, from an 8-bit estimate and two refining steps: within 2.2 units in the
+/** 1/sqrt(x) for positive normal x, from an 8-bit estimate and two refining steps: within 2.3 units in the
  * last place. Zeros and +infinity give NaN, as do negative numbers. */
 KEL_RT_API kelRt_float32x2_t vinvsqrt_f32(kelRt_float32x2_t x);
 KEL_RT_API kelRt_float32x4_t vinvsqrtq_f32(kelRt_float32x4_t x);

@@ -315,8 +315,9 @@ std::string text(double x, int digits) {
 std::string row(const Function& f, const Range& range, const Figures& figures) {
     const std::string at = figures.worst.error == 0 ? "–" : text(wide(figures.worst.at), 9);
     return "| " + std::string(f.title) + " | " + (range.mirrored ? "± " : "") + text(wide(range.low), 6) +
-           " … " + text(wide(range.high), 6) + " | " + text(figures.worst.error, 3) + " | " +
-           text(figures.mean, 3) + " | " + at + " | " + text(figures.worst.beside, 2) +
+           " … " + text(wide(range.high), 6) + " | " +
+           (figures.worst.error > 1e30 ? "∞" : text(figures.worst.error, 3)) + " | " + text(figures.mean, 3) +
+           " | " + at + " | " + text(figures.worst.beside, 2) +
            (f.beside == Beside::absolute ? " absolute" : " relative") + " |\n";
 }
 

@@ -421,6 +421,8 @@ KEL_RT_API void transpose(float* data, int32_t newRows, int32_t newCols);
  * lane. The table of the array kernels' exponential, c[0] to c[7], is 0x3F800000, 0x3D2AA390, 0x3F00000A,
  * 0x3AB91BCB, 0x3F800001, 0x3C0897A6, 0x3E2AAA6A, 0x394D4A8B. No table for the logarithm comes with the
  * library.
+ *
+ * docs/accuracy.md tells how large the errors are and where each function stops working.
  */
 
 #if defined(__ARM_NEON)
@@ -447,8 +449,8 @@ KEL_RT_API kelRt_float32x4_t vfloorq_f32(kelRt_float32x4_t x);
  * NaN gives 1. */
 KEL_RT_API kelRt_float32x4_t vroundq_rte_f32(kelRt_float32x4_t x);
 
-/** 1/sqrt(x) for positive normal x, from an 8-bit estimate and two refining steps: within 2 units in the last
- * place. Zeros and +infinity give NaN, as do negative numbers. */
+/** 1/sqrt(x) for positive normal x, from an 8-bit estimate and two refining steps: within 2.3 units in the
+ * last place. Zeros and +infinity give NaN, as do negative numbers. */
 KEL_RT_API kelRt_float32x2_t vinvsqrt_f32(kelRt_float32x2_t x);
 KEL_RT_API kelRt_float32x4_t vinvsqrtq_f32(kelRt_float32x4_t x);
 
@@ -477,7 +479,7 @@ KEL_RT_API kelRt_float32x4_t vexpq_f32(kelRt_float32x4_t x, const kelRt_float32x
 KEL_RT_API kelRt_float32x4_t vlogq_f32(kelRt_float32x4_t x, const kelRt_float32x4_t* log_table);
 
 /** tanh x; |x| is taken as 10 beyond 10. The error is absolute (about 2.5e-7): near zero few digits are
- * right. */
+ * right, and near 1 a result may exceed it by a unit in the last place. */
 KEL_RT_API kelRt_float32x4_t vtanhq_f32(kelRt_float32x4_t x, const kelRt_float32x4_t* exp_table);
 
 /** x^n as e^(n ln x), for positive normal x; the limits of vlogq_f32 and vexpq_f32 apply to their parts. */

@@ -136,7 +136,7 @@ inline float scalar_rsqrt_estimate(float x) {
     const uint32_t mantissa = 128 | (bits >> 16 & 0x7F);
     const uint32_t a =
         exponent % 2 ? 2 * mantissa + 1 : 4 * mantissa + 2;  // [1/4, 1/2) and [1/2, 1) in 1/1024
-    uint32_t b = 512;  // the largest with a * b^2 below 2^28
+    uint32_t b = 512;                                        // the largest with a * b^2 below 2^28
     for (uint32_t step = 256; step > 0; step /= 2)
         if (a * (b + step) * (b + step) < 1u << 28)
             b += step;

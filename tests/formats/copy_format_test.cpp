@@ -364,9 +364,9 @@ struct Golden {
 };
 const Golden kGolden[] = {
     {0, 1, 0xac7b12fbab468205, 0xd4cbfcffbb2fdff4},
-    {7, 1, 0x0a099bf346d090a0, 0},
-    {8, 3, 0x6b8b89c5bede8c33, 0},
-    {0, UINT32_MAX, 0xe1216da561e2aaf8, 0},
+    {7, 1, 0x0a099bf346d090a0, 0xcda888ef8cb0be57},
+    {8, 3, 0x6b8b89c5bede8c33, 0x5a9d1f57b93eb42b},
+    {0, UINT32_MAX, 0xe1216da561e2aaf8, 0xe9c58f3d30be3c93},
 };
 
 template <typename Check>

@@ -448,6 +448,9 @@ class Extents(KelrtTest):
             ("cpu_embedding", dict(out=12, index=4, table=12, w=3)),
             ("cpu_im2col", dict(im2col, out=4 * 24, **{"in": 60})),
             ("cpu_im2col", dict(im2col, rows=6, out=4 * 24, **{"in": 60})),
+            # A kernel wider than the map, at a stride of 0: one position a row, and bytes of the row below.
+            ("cpu_im2col", dict(im2col, rows=18, cols=1, channels=1, kernelHeight=1, rowStride=6, colStride=0, out=24,
+                                **{"in": 14})),
             ("cpu_matmul", matmul),
             ("cpu_matmul", dict(matmul, aRows=3, aCols=2, bRows=5, bCols=3, transA=1, transB=1)),
             ("cpu_matmul", dict(matmul, bRows=9, bCols=9, transB=1, b=324, c=72)),

@@ -5,6 +5,8 @@
 #include <algorithm>
 #include <charconv>
 
+#include "im2col_geometry.h"
+
 namespace tool {
 namespace {
 
@@ -61,23 +63,16 @@ double hw32_param(Values v) {
     return hw32(v[4], v[6]);
 }
 
-// im2col: positions of the receptive field along one axis, in the operator's own wrapping arithmetic.
-uint32_t positions(uint32_t size, uint32_t kernel, uint32_t stride) {
-    return quotient(size - kernel, stride) + 1;
+kelrt::Im2colGeometry geometry(Values v) {
+    return {v[4], v[5], v[6], v[7], v[8], v[10], v[11]};
 }
 
 double patches_input(Values v) {
-    const double rows = positions(v[4], v[7], v[10]), cols = positions(v[5], v[8], v[11]);
-    if (rows * cols * v[6] * v[7] * v[8] == 0)
-        return 0;
-    const double last_row = (rows - 1) * v[10] + v[7] - 1.0, last_col = (cols - 1) * v[11] + v[8] - 1.0;
-    return (last_row * v[5] + last_col + 1) * v[6];
+    return static_cast<double>(geometry(v).input_bytes());
 }
 
 double patches_output(Values v) {
-    const double patch = 1.0 * v[6] * v[7] * v[8];
-    const double padded = static_cast<double>(static_cast<uint64_t>((patch + 7) / 8)) * 8;
-    return 1.0 * positions(v[4], v[7], v[10]) * positions(v[5], v[8], v[11]) * padded;
+    return static_cast<double>(geometry(v).output_bytes());
 }
 
 struct Matmul {

@@ -79,8 +79,7 @@ class Warnings {
     // Transposing one of two operands that share bytes changes the other.
     void look_at_operands(const std::string& where, const Operator& op, const Args& args, Values values) {
         const KelRtContextArg &a = args[2], &b = args[3];
-        const bool transposed =
-            op.arguments[0].is_changed(values) || op.arguments[1].is_changed(values);
+        const bool transposed = op.arguments[0].is_changed(values) || op.arguments[1].is_changed(values);
         if (transposed && a.value == b.value && a.value != KEL_RT_NO_MEMORY_ID &&
             a.offset < b.offset + op.arguments[1].extent(values) &&
             b.offset < a.offset + op.arguments[0].extent(values))

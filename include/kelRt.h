@@ -6,7 +6,9 @@
  *
  * Rules that hold for everything here, unless a function says otherwise:
  * - The library has no state, threads or locks. Calls are safe side by side as long as no two of them touch
- * the same memory id or the same arrays, and the driver does not change the CPU buffer table meanwhile.
+ * the same memory id or the same arrays, the driver does not change the CPU buffer table meanwhile, and no
+ * two "cpu_copy_fmt_conv" with an automatic scale share an instance, whose out_shift both would write. The
+ * platform's functions are called on the callers' threads, side by side as well.
  * - Nothing aborts. A failure is a status code and, where stated, a log line; a kernel that refuses its
  * arguments has written nothing.
  * - Tensors are dense and row-major, 32-bit floats in native byte order. Pointers may sit at any byte
@@ -103,7 +105,9 @@ typedef struct KelRtInstance {
     uintptr_t driver1[2];
     CpuBufferEntry* cpu_buffer_lookup; /**< table of tivNnaCpuMemPtr, which every operator consults */
     uintptr_t driver2[4];
-    uint8_t out_shift; /**< 0 to 4, written by "cpu_copy_fmt_conv" when it chooses the output scale itself */
+    /** 0 to 4, written by "cpu_copy_fmt_conv" when it chooses the output scale itself: the last one to run
+     * says which. Where two may run at once, give each an instance of its own; the tables may be shared. */
+    uint8_t out_shift;
     uint8_t driver3[sizeof(uintptr_t) - 1];
 } KelRtInstance;
 
@@ -111,7 +115,8 @@ typedef struct KelRtInstance {
 
 /**
  * Checks `context` against the operator table, runs its operator on the calling thread and returns its
- * status. `instance` is passed on untouched. A null context is an error (1056), not a fault.
+ * status. `instance` is passed on, and nothing of it but out_shift is ever written. A null context is an
+ * error (1056), not a fault.
  */
 KEL_RT_API uint32_t kelRt_executeContext(KelRtInstance* instance, const KelRtContext* context);
 

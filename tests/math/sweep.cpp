@@ -199,7 +199,10 @@ struct Operation {
 
 template <class Op>
 void on_blocks(Operands x, uint32_t* y, Op op) {
-    kelrt::for_blocks<4>(kBlock, [=](size_t i) { op(x.a + i, x.b + i, x.c + i, y + i); });
+    kelrt::vector_part<true>([=] {
+        for (size_t i = 0; i < kBlock; i += 4)
+            op(x.a + i, x.b + i, x.c + i, y + i);
+    });
 }
 template <class Op>
 void on_floats(Operands x, uint32_t* y, Op op) {

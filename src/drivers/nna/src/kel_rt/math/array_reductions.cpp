@@ -2,11 +2,13 @@
 // accumulators over the whole blocks, these in lane order, then the tail in ascending order. Only the vector
 // part flushes.
 #include "element.h"
-#include "kelRt.h"
+#include "instruction_sets.h"
+#include "math/lanes.h"
 #include "math/vector_part.h"
 
-using kelrt::f32;
-using kelrt::lanes::Floats;
+namespace kelrt::KELRT_SET {
+
+using lanes::Floats;
 
 // Accumulates step(acc, i) from zero over the whole blocks, and adds the four lanes up.
 template <class Step>
@@ -14,7 +16,7 @@ static float sum_blocks(uint32_t whole, Step step) {
     float lanes[4] = {};
     float* result = lanes;
     if (whole > 0)
-        kelrt::vector_part([=] {
+        vector_part([=] {
             Floats acc = Floats::splat(0.0f);
             for (size_t i = 0; i < whole; i += 4)
                 acc = step(acc, i);
@@ -65,7 +67,7 @@ uint32_t kelRt_minMaxf(const float* in, float* min_out, float* max_out, uint32_t
     float low[4] = {x[0], x[1], x[2], x[3]};
     float high[4] = {x[0], x[1], x[2], x[3]};
     if (whole >= 8)
-        kelrt::vector_part([=, low_out = static_cast<float*>(low), high_out = static_cast<float*>(high)] {
+        vector_part([=, low_out = static_cast<float*>(low), high_out = static_cast<float*>(high)] {
             Floats lows = Floats::load(x), highs = lows;
             for (size_t i = 4; i < whole; i += 4) {
                 const Floats block = Floats::load(x + i);
@@ -93,3 +95,5 @@ uint32_t kelRt_minMaxf(const float* in, float* min_out, float* max_out, uint32_t
     }
     return NNA_STATUS_OK;
 }
+
+}  // namespace kelrt::KELRT_SET

@@ -8,12 +8,14 @@
 #include <algorithm>
 #include <cstring>
 
-#include "kelRt.h"
+#include "instruction_sets.h"
 #include "log.h"
 
 #if defined(__ARM_NEON)
 #include <arm_neon.h>
 #endif
+
+namespace kelrt::KELRT_SET {
 
 namespace {
 
@@ -154,3 +156,5 @@ uint32_t kelRt_im2col(const uint8_t* input, uint8_t* output, uint32_t rows, uint
     }
     return NNA_STATUS_OK;
 }
+
+}  // namespace kelrt::KELRT_SET

@@ -2,10 +2,10 @@
 #include <cmath>
 
 #include "element.h"
-#include "kelRt.h"
+#include "instruction_sets.h"
 #include "log.h"
 
-using kelrt::f32;
+namespace kelrt::KELRT_SET {
 
 namespace {
 
@@ -51,3 +51,5 @@ uint32_t kelRt_instanceNorm(float* output, const float* input, uint32_t n, float
         *outputSize = n * 4;
     return NNA_STATUS_OK;
 }
+
+}  // namespace kelrt::KELRT_SET

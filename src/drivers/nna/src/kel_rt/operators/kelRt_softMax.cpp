@@ -1,6 +1,8 @@
 // Softmax: exponentials divided by their sum.
-#include "kelRt.h"
+#include "instruction_sets.h"
 #include "log.h"
+
+namespace kelrt::KELRT_SET {
 
 uint32_t kelRt_softMax(float* out, const float* in, uint32_t n, uint32_t* out_bytes) {
     if (!out || !in) {
@@ -17,3 +19,5 @@ uint32_t kelRt_softMax(float* out, const float* in, uint32_t n, uint32_t* out_by
         *out_bytes = n * 4;
     return NNA_STATUS_OK;
 }
+
+}  // namespace kelrt::KELRT_SET

@@ -444,6 +444,11 @@ int main(int argc, char** argv) {
         }
     }
 
+    if (stride == 0 || stride > UINT64_C(1) << 32) {
+        std::fprintf(stderr, "kelrt_sweep: the stride is a number from 1 to 2^32\n");
+        return 2;
+    }
+
     std::map<std::string, std::string> golden;  // "name stride" or "name pairs" to the rest of the line
     if (!check.empty()) {
         std::ifstream file(check);

@@ -89,9 +89,11 @@ class Refusals(KelrtTest):
         one_hot = [Z, X, 4, {"flt": 1}, {"flt": 0}]
         refused = [
             # JSON
-            ("", "line 1: this is not JSON"),
-            ('{"contexts": [],\n "outputs": [}', "line 2: this is not JSON"),
-            ('{"contexts": []} x', "line 1: this is not JSON"),
+            ("", "line 1, column 1: this is not JSON: unexpected end of input; expected '[', '{', or a literal"),
+            ('{"contexts": [],\n "outputs": [}',
+             "line 2, column 14: this is not JSON: unexpected '}'; expected '[', '{', or a literal"),
+            ('{"contexts": []} x',
+             "line 1, column 18: this is not JSON: invalid literal; expected end of input"),
             ('{"contexts": [], "contexts": []}', "contexts: the key is there twice"),
             ('{"contexts": [{}, {"args": [1, {"mem": "x", "mem": "y"}]}]}',
              "contexts[1].args[1].mem: the key is there twice"),

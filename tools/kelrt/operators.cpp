@@ -116,8 +116,11 @@ struct Matmul {
         : m(dimension(v[v[9] ? 6 : 5])),
           k(dimension(v[v[9] ? 5 : 6])),
           n(dimension(v[v[10] ? 7 : 8])),
-          transposed_a(v[9] ? 4 * dimension(v[5]) * dimension(v[6]) : 0),
-          transposed_b(v[10] ? 4 * dimension(v[7]) * dimension(v[8]) : 0) {}
+          transposed_a(v[9] ? moved(dimension(v[5]), dimension(v[6])) : 0),
+          transposed_b(v[10] ? moved(dimension(v[7]), dimension(v[8])) : 0) {}
+
+    // Transposing a single row or column moves nothing.
+    static uint64_t moved(uint64_t rows, uint64_t cols) { return rows > 1 && cols > 1 ? 4 * rows * cols : 0; }
 
     uint64_t m, k, n;
     uint64_t transposed_a, transposed_b;  // bytes
@@ -227,7 +230,7 @@ constexpr Argument kLstm[] = {
     out("out", float_vector<5>, "new hidden state, n values"),
     inout("cell", floats<5>, "cell state, n values: the previous one, replaced by the new one"),
     scratch("gates", floats<5, 4>, floats<5, 4>,
-            "4 blocks of n values: input, forget, output gate, cell candidate; scratch"),
+            "4 blocks of n values: input, forget, output gate, cell candidate; left changed"),
     val("n", "number of units"),
 };
 
@@ -301,8 +304,8 @@ constexpr Argument kIm2col[] = {
 };
 
 constexpr Argument kMatmul[] = {
-    scratch("a", matmul_a, transposed_a, "aRows x aCols values"),
-    scratch("b", matmul_b, transposed_b, "bRows x bCols values"),
+    scratch("a", matmul_a, transposed_a, "aRows x aCols values; left transposed by transA"),
+    scratch("b", matmul_b, transposed_b, "bRows x bCols values; left transposed by transB"),
     out("c", product, "the product"),
     val("aRows", "rows of a as stored"),
     val("aCols", "columns of a as stored"),
@@ -331,7 +334,7 @@ constexpr Argument kLstmNorm[] = {
     out("out", float_vector<5>, "new hidden state, n values"),
     inout("cell", floats<5>, "cell state, n values: the previous one, replaced by the new one"),
     scratch("gates", floats<5, 4>, floats<5, 4>,
-            "4 blocks of n values: input, forget, output gate, cell candidate; scratch"),
+            "4 blocks of n values: input, forget, output gate, cell candidate; left changed"),
     val("n", "number of units"),
     val("cifg", "not 0: the input gate is 1 - forget gate"),
     val("cpuActivation", "not 0: the gates are raw and activated here"),

@@ -12,6 +12,7 @@
 #include "machine.h"
 #include "output_files.h"
 #include "status.h"
+#include "warnings.h"
 
 namespace tool {
 namespace {
@@ -179,6 +180,8 @@ int run_job(const Job& job, const RunOptions& options) {
         throw BadInput("--repeat " + std::to_string(options.repeat) + ": that often, " +
                        std::to_string(job.contexts.size()) + " contexts are more than " +
                        std::to_string(kMaxSamples) + " measurements");
+    for (const std::string& warning : warnings_of(job))
+        std::fprintf(stderr, "kelrt: warning: %s\n", warning.c_str());
     return Run(job, options).run();
 }
 

@@ -1,5 +1,5 @@
-// The geometry of an im2col: how many patches, and how many bytes they take and make. The kernel never touches
-// more, and the command line asks a job's memories for as much: one formula for both.
+// The geometry of an im2col: how many patches, and how many bytes they take and make. The kernel never
+// touches more, and the command line asks a job's memories for as much: one formula for both.
 #pragma once
 
 #include <cstdint>
@@ -34,7 +34,8 @@ struct Im2colGeometry {
 
   private:
     bool is_empty() const {
-        return channels == 0 || kernel_height == 0 || kernel_width == 0 || out_height() == 0 || out_width() == 0;
+        return channels == 0 || kernel_height == 0 || kernel_width == 0 || out_height() == 0 ||
+               out_width() == 0;
     }
 
     // A stride of 0 divides nothing.

@@ -2,7 +2,6 @@
 // with their time stamp in brackets.
 #include "run.h"
 
-#include <algorithm>
 #include <cstdio>
 #include <optional>
 
@@ -12,6 +11,7 @@
 #include "machine.h"
 #include "output_files.h"
 #include "status.h"
+#include "times.h"
 #include "warnings.h"
 
 namespace tool {
@@ -55,29 +55,6 @@ void print_array(const std::string& name, const npy::Array& array, bool is_writt
     std::printf("\n");
 }
 
-// Samples of one context, in microseconds.
-class Times {
-  public:
-    void add(double microseconds) { samples_.push_back(static_cast<float>(microseconds)); }
-
-    // Least and median; the order of the samples is lost.
-    void print() {
-        const size_t half = samples_.size() / 2;
-        const auto middle = samples_.begin() + static_cast<ptrdiff_t>(half);
-        std::nth_element(samples_.begin(), middle, samples_.end());
-        const double least = *std::min_element(samples_.begin(), samples_.end());
-        if (samples_.size() == 1) {
-            std::printf("%.1f us", least);
-            return;
-        }
-        const double below = samples_.size() % 2 ? *middle : *std::max_element(samples_.begin(), middle);
-        std::printf("least %.1f us, median %.1f us of %zu", least, (below + *middle) / 2, samples_.size());
-    }
-
-  private:
-    std::vector<float> samples_;
-};
-
 class Run {
   public:
     Run(const Job& job, const RunOptions& options)
@@ -106,6 +83,13 @@ class Run {
     }
 
   private:
+    static void print_times(Times& times) {
+        if (times.count() == 1)
+            std::printf("%.1f us", times.least());
+        else
+            std::printf("least %.1f us, median %.1f us of %zu", times.least(), times.median(), times.count());
+    }
+
     Machine::Result execute(size_t index) {
         const Context& context = job_.contexts[index];
         if (context.op)
@@ -128,7 +112,7 @@ class Run {
     void print_context(size_t index, const Machine::Result& result) {
         const Context& context = job_.contexts[index];
         std::printf("%3zu  %-36s %s  ", index, context.title.c_str(), status_text(result.status).c_str());
-        times_[index].print();
+        print_times(times_[index]);
         if (context.op && result.status == NNA_STATUS_OK &&
             chooses_scale(id_of(*context.op), values_of(context.own())))
             std::printf("  scale %u", 1u << result.out_shift);
@@ -137,7 +121,7 @@ class Run {
 
     void print_total() {
         std::printf("total  %zu context%s  ", job_.contexts.size(), job_.contexts.size() == 1 ? "" : "s");
-        total_.print();
+        print_times(total_);
         std::printf("  caches carried %llu bytes to the CPU, %llu bytes back\n",
                     static_cast<unsigned long long>(machine_.synced_bytes(1) / options_.repeat),
                     static_cast<unsigned long long>(machine_.synced_bytes(0) / options_.repeat));

@@ -2,6 +2,7 @@
 // formats, refusals, the 8-bit output over the patterns of a float, and the operator's own records.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <bit>
 #include <cmath>
 #include <cstdlib>

@@ -5,7 +5,6 @@
 #include <numeric>
 
 #include "formats/guarded.h"
-#include "operators/hw32_shuffle.h"
 #include "support/probe.h"
 #include "support/rig.h"
 
@@ -108,7 +107,8 @@ TEST(Hw32Line, AllConvertersGiveTheSameBytesAndStayInBounds) {
                 check_converter(lines, L, wall);
             const guarded::Bytes linear(noise(4 * L, L), wall);
             guarded::Bytes planes(4 * L, wall);
-            kelrt::convert_lin_hw(planes.data(), const_cast<guarded::Bytes&>(linear).data(), L);
+            kelRt_hw32FmtConvParam(planes.data(), const_cast<guarded::Bytes&>(linear).data(), L, 1, L,
+                                   nullptr);
             ASSERT_EQ(planes.copy(), to_hw32(linear.copy(), L)) << L;
         }
     }
@@ -125,7 +125,7 @@ TEST(Hw32Line, ConvertsInPlaceAndOverlapping) {
                 uint8_t* const src = area.data() + (forward ? 0 : shift);
                 uint8_t* const dst = area.data() + (forward ? shift : 0);
                 std::copy(original.begin(), original.end(), src);
-                kelrt::convert_lin_hw(dst, src, L);
+                kelRt_hw32FmtConvParam(dst, src, L, 1, L, nullptr);
                 ASSERT_EQ(Bytes(dst, dst + bytes), to_hw32(original, L));
                 std::memmove(src, dst, bytes);
                 convert_hw_lin(dst, src, L);

@@ -3,6 +3,7 @@
 // the dump that come with them.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cmath>
 #include <cstring>
 #include <limits>

@@ -1,6 +1,6 @@
-// Every place of the library that takes memory from the heap: what it does when there is none, and that it gives
-// back what it got. The linker sends the library's allocations here (--wrap), because limits on a process's memory
-// are not held everywhere: an emulator accepts them and goes on.
+// Every place of the library that takes memory from the heap: what it does when there is none, and that it
+// gives back what it got. The linker sends the library's allocations here (--wrap), because limits on a
+// process's memory are not held everywhere: an emulator accepts them and goes on.
 #include <gtest/gtest.h>
 
 #include "support/probe.h"
@@ -54,9 +54,10 @@ void convert(bool exhausted) {
     // Of the vast count nothing is read when its floats, whose size wraps at 32 bits, are refused.
     const uint32_t count = exhausted ? UINT32_MAX : 4;
     probe::Probe probe;
-    EXPECT_EQ(kelRt_copyFormatConv(reinterpret_cast<uint8_t*>(out), 8, 1, 1, reinterpret_cast<const uint8_t*>(in),
-                                   16, 0, 1, count, nullptr, &out_bytes),
-              exhausted ? NNA_STATUS_OUT_OF_MEMORY : NNA_STATUS_OK);
+    EXPECT_EQ(
+        kelRt_copyFormatConv(reinterpret_cast<uint8_t*>(out), 8, 1, 1, reinterpret_cast<const uint8_t*>(in),
+                             16, 0, 1, count, nullptr, &out_bytes),
+        exhausted ? NNA_STATUS_OUT_OF_MEMORY : NNA_STATUS_OK);
     EXPECT_EQ(probe.messages(), exhausted ? Lines{"Malloc Failed"} : Lines{});
     EXPECT_EQ(out_bytes, exhausted ? UINT32_MAX - 3 : 4);
     EXPECT_EQ(out[3], exhausted ? 99 : -8);
@@ -94,7 +95,9 @@ TEST(Heap, IsReportedWhenExhaustedAndGivenBack) {
     const struct {
         const char* what;
         void (*use)(bool exhausted);
-    } users[] = {{"conversion", convert}, {"transposition", transpose_matrix}, {"CPU buffer", buffer},
+    } users[] = {{"conversion", convert},
+                 {"transposition", transpose_matrix},
+                 {"CPU buffer", buffer},
                  {"stopwatch", stopwatch}};
     for (const auto& user : users) {
         for (const bool exhausted : {false, true}) {

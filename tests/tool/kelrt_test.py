@@ -186,8 +186,8 @@ class Refusals(KelrtTest):
              "contexts[0].args[1]: out and in of cpu_split both touch bytes 4 to 4 of memory x; they must lie apart"),
             (with_args(Z, {"mem": "y", "offset": 12}, X, 4, op="cpu_embedding"),
              "contexts[0].args[1]: index of cpu_embedding is 40 and memory x has 1 row"),
-            (dict(with_args(0, 0, 1, 2**29 + 1, Z, op=17), sram=memory([16], "u1")),
-             "contexts[0].args[3]: 536870913 rows are more than any memory can hold"),
+            (dict(with_args(0, 0, 1, 17, Z, op=17), sram=memory([16], "u1")),
+             "contexts[0].args[3]: 17 rows of no bytes are more than the memory has bytes"),
             (with_args(0, 4, 4, 1, Z, op="nna_sram_get"), 'contexts[0].op: nna_sram_get needs the job to have "sram"'),
             (dict(with_args(0, 4, 4, 1, {"mem": None}, op=17), sram=memory([16], "u1")),
              "contexts[0].args[4]: mem of nna_sram_get must be a memory"),
@@ -353,6 +353,7 @@ class Runs(KelrtTest):
             ("cpu_hw32_fmt_conv_param in=i4[1]:7 size=1 dir=1 nna_out_line_sz=1", "out  u1 (4,) = 7 0 0 0"),
             ("cpu_embedding index=f4[1]:1 table=f4[4]:1,2,3,4 w=2", "out  f4 (2,) = 3 4"),
             ("nna_sram_get mem.kind=cpu sram=f4[4]:1,2,3,4 " + rows, "mem  f4 (2, 1) = 2 4\n"),
+            ("nna_sram_get mem=u1[2]:1,2 mem.kind=cpu sram=u1[1] sram_address=0 row_size=0 sram_stride=1 rows=2", "= 1 2"),
             ("nna_sram_get mem=u1[8] mem.offset=8 mem.kind=cpu sram=u1[16] " + rows, "mem  u1 (8,) = 0 0 0 0 0 0 0 0\n"),
             ("nna_sram_set mem=f4[2]:5,6 mem.kind=cpu sram=f4[4]:1,2,3,4 " + rows, "back\nsram  f4 (4,) = 1 5 3 6\n"),
         ]:

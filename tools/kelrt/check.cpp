@@ -82,10 +82,13 @@ class Operands {
             job.memories[given_[i].value].written = true;
     }
 
-    // The simulated SRAM moves each row by a call, even rows of nothing.
+    // Each row is a call of its own, rows of nothing too; of those a job could ask for 2^32.
     std::string check_rows() const {
-        const uint32_t rows = values_[5];
-        return rows <= kMaxBytes ? "" : std::to_string(rows) + " rows are more than any memory can hold";
+        const uint32_t rows = values_[5], memory = values_[6];
+        const size_t size = memory == KEL_RT_NO_MEMORY_ID ? 0 : job_.memories[memory].initial.bytes.size();
+        if (rows <= size || values_[3] != 0)
+            return "";
+        return std::to_string(rows) + " rows of no bytes are more than the memory has bytes";
     }
 
   private:
@@ -116,16 +119,22 @@ class Operands {
 
 void check_arguments(const Operator& op, std::span<const KelRtContextArg> arguments, Job& job,
                      const Complain& complain) {
+    bool good = true;
     const auto complain_of = [&](size_t i, const std::string& wrong) {
-        if (!wrong.empty())
-            complain(i, wrong);
+        if (wrong.empty())
+            return;
+        good = false;
+        complain(i, wrong);
     };
     for (size_t i = 0; i < arguments.size(); ++i) {
         const Argument& argument = op.arguments[i];
         if (arguments[i].type != argument.type)
-            complain(i, std::string(argument.name) + " of " + op.name + " is " + with_article(argument.type) +
-                            " and " + with_article(arguments[i].type) + " is given");
+            complain_of(i, std::string(argument.name) + " of " + op.name + " is " +
+                               with_article(argument.type) + " and " + with_article(arguments[i].type) +
+                               " is given");
     }
+    if (!good)
+        return;
     const Operands operands(op, arguments, job);
     if (moves_sram(id_of(op)))
         complain_of(3, operands.check_rows());
@@ -136,6 +145,8 @@ void check_arguments(const Operator& op, std::span<const KelRtContextArg> argume
         complain_of(i, operands.check_memory(i));
         memories.push_back(i);
     }
+    if (!good)
+        return;
     for (const size_t j : memories) {
         for (const size_t i : memories) {
             if (i < j)

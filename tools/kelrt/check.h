@@ -11,12 +11,12 @@
 
 namespace tool {
 
-// Says what is wrong with an argument, given its position among the operator's own.
+// Says what is wrong with an argument, given its position among the operator's own. It may throw.
 using Complain = std::function<void(size_t argument, const std::string& what)>;
 
 // Checks arguments whose number is right: their types, that each operand has the bytes that will be touched,
-// that none lies over another that must not, and what is looked up by data that nothing has written yet. Then
-// notes what the context writes.
+// that none lies over another that must not, and what is looked up by data that nothing has written yet; each
+// only where the checks before it found nothing. Then notes what the context writes.
 void check_arguments(const Operator& op, std::span<const KelRtContextArg> arguments, Job& job,
                      const Complain& complain);
 

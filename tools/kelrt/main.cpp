@@ -41,7 +41,8 @@ Each argument of the operator (see kelrt ops NAME) is given as NAME=VALUE:
   float     0.5 or its bits, 0x3F000000
   memory    FILE.npy, f4[2,3] (zeros), f4[3]:1,2,3, @NAME (the memory of that argument), none (no memory);
             with NAME.offset=BYTES and NAME.kind=cpu
-Outputs can be left out; they are then as large as they must be. SRAM operators take sram= and sram.base= too.
+Some shells want words with brackets quoted: 'a=f4[3]:1,2,3'.
+Outputs can be left out; they are then what the operator makes. SRAM operators take sram= and sram.base= too.
 )";
 
 // Plainly a number, or nothing.
@@ -119,7 +120,8 @@ int run(int argc, char** argv) {
         return app.exit(help);
     } catch (const CLI::ArgumentMismatch& error) {
         const std::string what = error.what();
-        throw tool::BadInput(what.starts_with("unchecked ") ? "--unchecked takes no value" : what);
+        const bool of_flag = what.find("flag override") != what.npos;
+        throw tool::BadInput(of_flag ? "--unchecked takes no value" : what);
     } catch (const CLI::ParseError& error) {
         if (app.get_subcommands().empty() && !app.remaining().empty())
             throw tool::BadInput(app.remaining().front() +

@@ -1,7 +1,6 @@
 // Copy with format conversion: the choice of the shift, conversions in both directions at the limits of their
 // formats, refusals, the 8-bit output over the patterns of a float, and the operator's own records.
 #include <gtest/gtest.h>
-#include <sys/resource.h>
 
 #include <algorithm>
 #include <bit>
@@ -12,13 +11,6 @@
 #include "formats/guarded.h"
 #include "support/probe.h"
 #include "support/rig.h"
-
-#if defined(__SANITIZE_ADDRESS__)
-// Lets an allocation fail as it does without the sanitizer.
-extern "C" __attribute__((visibility("default"))) const char* __asan_default_options() {
-    return "allocator_may_return_null=1:max_allocation_size_mb=4096";
-}
-#endif
 
 namespace {
 
@@ -329,28 +321,6 @@ TEST(CopyFormat, RefusesInOrder) {
     EXPECT_EQ(kelRt_copyFormatConv(&byte, 9, 0, 0, nullptr, 9, 0, 0, 0, &byte, nullptr),
               NNA_STATUS_NULL_POINTER);
     EXPECT_EQ(probe.messages(), Lines{});
-}
-
-// Four times 2^32 - 1 bytes: no 32-bit machine has them, and on others the address space is limited first.
-TEST(CopyFormat, ReportsAnExhaustedHeap) {
-#if !defined(__SANITIZE_ADDRESS__)
-    rlimit before{};
-    ASSERT_EQ(getrlimit(RLIMIT_AS, &before), 0);
-    const rlimit small = {rlim_t{2} << 30, before.rlim_max};
-    ASSERT_EQ(sizeof(void*) == 4 ? 0 : setrlimit(RLIMIT_AS, &small), 0);
-#endif
-    uint8_t byte = 0;
-    uint32_t out_bytes = 0;
-    {
-        probe::Probe probe;
-        EXPECT_EQ(kelRt_copyFormatConv(&byte, 8, 0, 1, &byte, 8, 0, 1, UINT32_MAX, nullptr, &out_bytes),
-                  NNA_STATUS_OUT_OF_MEMORY);
-        EXPECT_EQ(probe.messages(), Lines{"Malloc Failed"});
-    }
-    EXPECT_EQ(out_bytes, UINT32_MAX - 3) << "already set, and wrapped";
-#if !defined(__SANITIZE_ADDRESS__)
-    EXPECT_EQ(sizeof(void*) == 4 ? 0 : setrlimit(RLIMIT_AS, &before), 0);
-#endif
 }
 
 // ----------------------------------------------------------- 8-bit output over the patterns of a float

@@ -103,12 +103,23 @@ TEST_P(Sram, NoRowsIsSuccessWithoutATransfer) {
     EXPECT_EQ(rig.calls()[1].function, NNA_SIM_MEMORY_PTR);
 }
 
+TEST_P(Sram, EveryRowIsACallAndTheRecordKeepsTheFirst) {
+    EXPECT_EQ(run(0, 0, 0, 2 * NNA_SIM_MAX_CALLS), NNA_STATUS_OK);
+    EXPECT_EQ(nna_sim_call_count(rig.sim), 2u * NNA_SIM_MAX_CALLS + 2) << "resolved and handed back";
+    ASSERT_EQ(rig.calls().size(), size_t{NNA_SIM_MAX_CALLS});
+    EXPECT_EQ(rig.calls()[0].function, NNA_SIM_MEMORY_PTR);
+    EXPECT_EQ(rig.calls().back().function, NNA_SIM_DUMP_SRAM);
+}
+
 TEST_P(Sram, AFailingAllocationIsReturnedAsItIs) {
-    nna_sim_fail_call(rig.sim, 1, kFailure);
-    probe::Probe probe;
-    EXPECT_EQ(run(0, 4, 4, 1), kFailure);
-    EXPECT_EQ(probe.messages(), Lines{"Error 4242 kelrt op 1"});
-    EXPECT_EQ(rig.calls().size(), 1u);
+    for (const auto fail : {nna_sim_fail_call, nna_sim_fail_call_late}) {
+        nna_sim_clear_calls(rig.sim);
+        fail(rig.sim, 1, kFailure);
+        probe::Probe probe;
+        EXPECT_EQ(run(0, 4, 4, 1), kFailure);
+        EXPECT_EQ(probe.messages(), Lines{"Error 4242 kelrt op 1"});
+        EXPECT_EQ(rig.calls().size(), 1u) << "nothing is handed back, though the platform left a pointer";
+    }
 }
 
 TEST_P(Sram, WithoutATensorRowsCountFromAddressZero) {

@@ -103,12 +103,34 @@ TEST(Matmul, EqualsTheOrderedSumForEveryFlagAndOffset) {
                       NNA_STATUS_OK);
             EXPECT_EQ(rig.device<float>(mc, c.size(), offset), c);
             EXPECT_EQ(rig.device<float>(ma, a.size(), offset), stored_a)
-                << "accelerator memory is never changed";
+                << "accelerator memory of its own is not changed";
             Floats view(a.size());
             if (!view.empty())
                 std::memcpy(view.data(), nna_sim_cpu_view(rig.sim, ma) + offset, view.size() * 4);
             EXPECT_EQ(view, a) << "the CPU's view is left transposed";
         }
+    }
+}
+
+// Drivers that keep several tensors in one memory see the transposition: of an operand that is the other one
+// too, and in accelerator memory as soon as a result in that memory is published, now or later.
+TEST(Matmul, TransposedOperandsAreSharedAndGoAlongWhenTheirMemoryIsPublished) {
+    const Floats x = {1, 2, 3, 4}, moved = {1, 3, 2, 4};
+    for (const bool fetched : {false, true}) {
+        rig::Rig rig;
+        const uint32_t m = rig.memory_of(Floats{1, 2, 3, 4, 0, 0, 0, 0}), other = rig.memory(16);
+        const auto multiply = [&](uint32_t c, uint32_t offset) {
+            return rig.run(10,
+                           {mem(m), mem(m), mem(c, offset), val(2), val(2), val(2), val(2), val(0), val(1)});
+        };
+        EXPECT_EQ(multiply(other, 0), NNA_STATUS_OK);
+        EXPECT_EQ(rig.device<float>(other, 4), (Floats{7, 15, 10, 22})) << "x^T * x^T";
+        EXPECT_EQ(rig.device<float>(m, 4), x);
+        // A later context writes behind x: split into m, from another memory or from m itself.
+        EXPECT_EQ(rig.run(12, {mem(fetched ? m : other), mem(m, 16), val(16)}), NNA_STATUS_OK);
+        EXPECT_EQ(rig.device<float>(m, 4), fetched ? x : moved);
+        EXPECT_EQ(multiply(m, 16), NNA_STATUS_OK);
+        EXPECT_EQ(rig.device<float>(m, 4), fetched ? moved : x) << "transposed anew, and published with c";
     }
 }
 

@@ -53,7 +53,7 @@ F round_to_even(F x) {
 }
 
 template <class F>
-F reciprocal(F x) {
+[[gnu::always_inline]] inline F reciprocal(F x) {
     F r = recip_estimate(x);
     r = mul(r, recip_step(x, r));
     return mul(r, recip_step(x, r));
@@ -68,7 +68,7 @@ F inverse_sqrt(F x) {
 
 // The polynomial c0 + c4 x + c2 x^2 + c6 x^3 + c1 x^4 + c5 x^5 + c3 x^6 + c7 x^7, in this grouping.
 template <class F, class Table>
-F taylor_poly(F x, const Table& c) {
+[[gnu::always_inline]] inline F taylor_poly(F x, const Table& c) {
     const auto product = [](F a, F b) {
         if constexpr (Table::loose)
             return mul_loose(a, b);
@@ -98,7 +98,7 @@ typename F::Bits scale_by_power(F a, typename F::Bits m) {
 
 // e^x as 2^m * e^r.
 template <class F, class Table>
-typename F::Bits exp(F x, const Table& table) {
+[[gnu::always_inline]] inline auto exp(F x, const Table& table) {
     const auto m = whole(mul_loose(x, F::splat(kInverseLn2)));
     const F r = mul_add_loose(x, to_float(m), F::splat(-kLn2));
     return scale_by_power(taylor_poly(r, table), m);
@@ -114,7 +114,7 @@ F log(typename F::Bits x, const Table& table) {
 }
 
 template <class F, class Table>
-F tanh(F x, const Table& table) {
+[[gnu::always_inline]] inline F tanh(F x, const Table& table) {
     const F y = clamp(x, -10.0f, 10.0f);
     const F e = from_bits(exp(add(y, y), table));
     const F one = F::splat(1.0f);
@@ -122,7 +122,7 @@ F tanh(F x, const Table& table) {
 }
 
 template <class F, class Table>
-F sigmoid(F x, const Table& table) {
+[[gnu::always_inline]] inline F sigmoid(F x, const Table& table) {
     const F e = from_bits(exp(neg(x), table));
     return reciprocal(add(e, F::splat(1.0f)));
 }

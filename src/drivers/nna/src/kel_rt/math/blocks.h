@@ -22,7 +22,8 @@ struct Below {
     uint32_t limit;
     static constexpr bool divides = false;
 };
-constexpr Below kNumbers = {0x7F800001u};  // anything but NaN
+constexpr Below kNumbers = {0x7F800001u};      // anything but NaN
+constexpr Below kOrdinaryExp = {0x42AC0000u};  // 86: neither e^x nor 1 / (e^x + 1) leaves the normal numbers
 // The same for operands of any kind, if only `holds`.
 struct If {
     bool holds;
@@ -90,15 +91,31 @@ void exact_blocks(size_t from, size_t to, Function f, Out* out, const In*... in)
 namespace kelrt {
 namespace {
 
-// out[i] = f(in[i]...) for the whole blocks among n elements; returns where the tail starts.
-template <uint32_t block = 4, class When, class Function, class Out, class... In>
-uint32_t for_blocks(uint32_t n, When, Function f, Out* out, const In*... in) {
+// out[i] = f(in[i]...) for the whole blocks among n elements; returns where the tail starts. After each
+// stretch then(from, count) is called, in the same mode and in ascending order.
+template <uint32_t block = 4, class When, class Function, class Then, class Out, class... In>
+uint32_t for_blocks_then(uint32_t n, When, Function f, Then then, Out* out, const In*... in) {
     const uint32_t tail = n - n % block;
     if (tail > 0)
-        vector_part<When::divides>([=] { exact_blocks<block>(0, tail, f, out, in...); });
+        vector_part<When::divides>([=] {
+            exact_blocks<block>(0, tail, f, out, in...);
+            then(0, tail);
+        });
     return tail;
 }
 
 }  // namespace
 }  // namespace kelrt
 #endif
+
+namespace kelrt {
+namespace {
+
+template <uint32_t block = 4, class When, class Function, class Out, class... In>
+uint32_t for_blocks(uint32_t n, When when, Function f, Out* out, const In*... in) {
+    return for_blocks_then<block>(
+        n, when, f, [](size_t, size_t) {}, out, in...);
+}
+
+}  // namespace
+}  // namespace kelrt

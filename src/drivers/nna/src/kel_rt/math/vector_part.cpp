@@ -36,7 +36,11 @@ inline void read_mode(Word& word) {
 inline void write_mode(const Word& word) {
     asm volatile("msr fpcr, %0" : : "r"(word) : "memory");
 }
-constexpr Word kMode = 0;
+#if defined(KELRT_LANES_PORTABLE)
+constexpr Word kMode = 0;  // these lanes flush by themselves
+#else
+constexpr Word kMode = 1u << 24 | 1u << 25;  // subnormals become zero, NaN results the default NaN
+#endif
 
 #else  // elsewhere the caller's mode is taken to be the default one
 using Word = uint32_t;

@@ -97,14 +97,9 @@ inline Mask equal(Floats a, Floats b) {
 inline Floats mul_add(Floats sum, Floats a, Floats b) {
     return {vmlaq_f32(sum.v, a.v, b.v)};
 }
-// The unit cannot divide; the floating-point unit can, and double precision gives room to apply the rules.
+// The unit cannot divide; the floating-point unit beside it can, and flushes in the mode of dividing parts.
 inline Floats div(Floats a, Floats b) {
-    float x[4], y[4];
-    store(x, a);
-    store(y, b);
-    for (int i = 0; i < 4; ++i)
-        x[i] = portable::scalar_div(x[i], y[i]);
-    return Floats::load(x);
+    return {float32x4_t{a.v[0] / b.v[0], a.v[1] / b.v[1], a.v[2] / b.v[2], a.v[3] / b.v[3]}};
 }
 inline Floats recip_step(Floats a, Floats b) {
     return {vrecpsq_f32(a.v, b.v)};

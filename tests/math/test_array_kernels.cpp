@@ -371,22 +371,29 @@ void set_mode(Mode word) {
 // Toward zero, up, flushing, and every exception trapping.
 constexpr Mode kModes[] = {0x1F80 | 0x6000, 0x1F80 | 0x4000, 0x1F80 | 0x8040, 0};
 constexpr Mode kModeBits = 0xFFC0;  // without the flags that any arithmetic raises
-#elif defined(__arm__)
-using Mode = unsigned;
+#elif defined(__arm__) || defined(__aarch64__)
+#if defined(__arm__)
+#define READ_MODE "vmrs %0, fpscr"
+#define WRITE_MODE "vmsr fpscr, %0"
+#else
+#define READ_MODE "mrs %0, fpcr"
+#define WRITE_MODE "msr fpcr, %0"
+#endif
+using Mode = uintptr_t;
 Mode mode() {
     Mode word;
-    asm volatile("vmrs %0, fpscr" : "=r"(word) : : "memory");
+    asm volatile(READ_MODE : "=r"(word) : : "memory");
     return word;
 }
 void set_mode(Mode word) {
-    asm volatile("vmsr fpscr, %0" : : "r"(word) : "memory");
+    asm volatile(WRITE_MODE : : "r"(word) : "memory");
 }
 // Toward zero, up, down, flushing.
 constexpr Mode kModes[] = {0xC00000, 0x400000, 0x800000, 0x1000000};
 constexpr Mode kModeBits = 0x3C00000;  // without the flags that NEON itself raises
 #endif
 
-#if defined(__SSE2__) || defined(__arm__)
+#if defined(__SSE2__) || defined(__arm__) || defined(__aarch64__)
 // Whatever mode the caller computes in, vector parts give the same bits, raise no trap and leave the mode
 // alone.
 TEST(CallersMode, NeitherSeenNorChanged) {

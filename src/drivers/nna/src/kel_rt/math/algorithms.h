@@ -39,6 +39,20 @@ struct CallersTable {
     }
 };
 
+// A table as the steps of a polynomial take from it.
+#if defined(KELRT_LANE_TABLE)
+inline lanes::LaneTable at_hand(const SplatTable& table) {
+    return lanes::LaneTable(table.c);
+}
+#else
+inline SplatTable at_hand(const SplatTable& table) {
+    return table;
+}
+#endif
+inline CallersTable at_hand(const CallersTable& table) {
+    return table;
+}
+
 template <class F>
 F floor(F x) {  // within the range of 32-bit integers
     const F t = to_float(to_int_trunc(x));
@@ -68,20 +82,27 @@ F inverse_sqrt(F x) {
 
 // The polynomial c0 + c4 x + c2 x^2 + c6 x^3 + c1 x^4 + c5 x^5 + c3 x^6 + c7 x^7, in this grouping.
 template <class F, class Table>
-[[gnu::always_inline]] inline F taylor_poly(F x, const Table& c) {
+[[gnu::always_inline]] inline F taylor_poly(F x, const Table& table) {
+    const auto c = at_hand(table);
     const auto product = [](F a, F b) {
         if constexpr (Table::loose)
             return mul_loose(a, b);
         else
             return mul(a, b);
     };
-    const F a = add(c.template at<F>(0), product(c.template at<F>(4), x));
-    const F b = add(c.template at<F>(2), product(c.template at<F>(6), x));
-    const F cc = add(c.template at<F>(1), product(c.template at<F>(5), x));
-    const F d = add(c.template at<F>(3), product(c.template at<F>(7), x));
+    const auto plus_product = [](F sum, F a, F b) {
+        if constexpr (Table::loose)
+            return mul_add_loose(sum, a, b);
+        else
+            return mul_add(sum, a, b);
+    };
+    const F a = plus_product(c.template at<F>(0), c.template at<F>(4), x);
+    const F b = plus_product(c.template at<F>(2), c.template at<F>(6), x);
+    const F cc = plus_product(c.template at<F>(1), c.template at<F>(5), x);
+    const F d = plus_product(c.template at<F>(3), c.template at<F>(7), x);
     const F x2 = product(x, x);
     const F x4 = product(x2, x2);
-    return add(add(a, product(b, x2)), product(add(cc, product(d, x2)), x4));
+    return plus_product(plus_product(a, b, x2), plus_product(cc, d, x2), x4);
 }
 
 // x towards zero, and a * 2^m for such an m, by integer steps: added into the exponent field of a. At m =
@@ -91,9 +112,9 @@ template <class F>
 typename F::Bits whole(F x) {
     return to_int_trunc(x);
 }
-template <class F>
-typename F::Bits scale_by_power(F a, typename F::Bits m) {
-    return keep(greater(m, F::Bits::splat(-127)), add_sat(bits(a), shl_sat<23>(m)));
+template <class F, class I>
+I scale_by_power(F a, I m) {
+    return keep(greater(m, I::splat(-127)), add_sat(bits(a), shl_sat<23>(m)));
 }
 
 // e^x as 2^m * e^r.

@@ -7,7 +7,6 @@
 #include <utility>
 
 #include "math/blocks.h"
-#include "math/lanes_many.h"
 #include "math/lanes_plain.h"
 
 namespace kelrt {
@@ -23,6 +22,31 @@ inline bool caller_has_our_mode() {
 constexpr uint32_t kShort = 128;
 // Elements that are done again together, so that an array full of rare values pays for few switches.
 constexpr size_t kRedone = 256;
+
+template <class F>
+F operand(const float* p) {
+    return F::load(p);
+}
+template <class F>
+typename F::Integers operand(const int8_t* p) {
+    return F::Integers::load_int8(p);
+}
+template <class F>
+typename F::Integers operand(const int16_t* p) {
+    return F::Integers::load_int16(p);
+}
+template <class F>
+typename F::Integers operand(const int32_t* p) {
+    return F::Integers::load(p);
+}
+template <class Result>
+void store_block(float* p, Result r) {
+    store(p, r);
+}
+template <class Result>
+void store_block(int8_t* p, Result r) {
+    store_int8(p, r);
+}
 
 // `count` vectors of n lanes, from consecutive elements.
 template <class F, class T, size_t... k>
@@ -66,7 +90,7 @@ template <int n, size_t count, bool flushing, class Function, class... In>
     using F = Watched<n, flushing>;
     Watch<n> watch;
     const auto watched = [&](const float* p) {
-        return Many<F, count>::filled(each, [&](size_t k) { return F::load(p + k * n, watch); });
+        return Many<F, count>::filled([&](size_t k) { return F::load(p + k * n, watch); });
     };
     const Many<F, count> result = f(watched(in)...);
     for (const F& one : result.v)

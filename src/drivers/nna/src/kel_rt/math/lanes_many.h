@@ -5,7 +5,10 @@
 #pragma once
 
 #include <cstddef>
+#include <type_traits>
 #include <utility>
+
+#include "math/lanes.h"
 
 namespace kelrt {
 namespace {
@@ -14,13 +17,16 @@ template <class F, size_t count>
 struct Many {
     F v[count];
 
-    static Many splat(float value) {
-        return filled(std::make_index_sequence<count>(), [=](size_t) { return F::splat(value); });
+    static Many splat(auto value) {
+        return filled([=](size_t) { return F::splat(value); });
     }
     // v[k] = one(k).
-    template <size_t... k, class One>
-    static Many filled(std::index_sequence<k...>, One one) {
-        return {{one(k)...}};
+    template <class One>
+    [[gnu::always_inline]] static Many filled(One one) {
+        return [&]<size_t... k>(std::index_sequence<k...>) {
+            return Many{{one(k)...}};
+        }
+        (std::make_index_sequence<count>());
     }
 };
 
@@ -59,11 +65,26 @@ KELRT_IN_LOCKSTEP(clamp)
 KELRT_IN_LOCKSTEP(recip_estimate)
 KELRT_IN_LOCKSTEP(recip_step)
 KELRT_IN_LOCKSTEP(whole)
-KELRT_IN_LOCKSTEP(scale_by_power)
+KELRT_IN_LOCKSTEP(bits)
 KELRT_IN_LOCKSTEP(from_bits)
 KELRT_IN_LOCKSTEP(to_float)
 KELRT_IN_LOCKSTEP(to_int_trunc)
+KELRT_IN_LOCKSTEP(add_sat)
+KELRT_IN_LOCKSTEP(greater)
+KELRT_IN_LOCKSTEP(keep)
 #undef KELRT_IN_LOCKSTEP
+
+template <int by, class I, size_t count>
+Many<I, count> shl_sat(const Many<I, count>& a) {
+    return Many<I, count>::filled([&](size_t k) { return shl_sat<by>(a.v[k]); });
+}
+// Of lanes that have their own; the others go through its steps.
+template <class F, class I, size_t count>
+requires(!std::is_same_v<I, lanes::Ints>)
+    [[gnu::always_inline]] inline Many<F, count> scale_by_power(const Many<F, count>& a,
+                                                                const Many<I, count>& m) {
+    return Many<F, count>::filled([&](size_t k) { return scale_by_power(a.v[k], m.v[k]); });
+}
 
 }  // namespace
 }  // namespace kelrt

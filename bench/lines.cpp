@@ -64,13 +64,16 @@ std::vector<Pass> feature_norm(const Shape& s) {
 constexpr double kStatesRead = 20, kStatesWritten = 8, kStatesFlops = 4 + kTanhFlops;
 constexpr double kActivationFlops = kStatesFlops + kTanhFlops + 3 * kSigmoidFlops;
 
-// Each gate's norm is a sum and a variance of n elements and a division of each, and so is the cell's. The four gates'
-// sums are independent of each other.
+// Each gate's norm is a sum and a variance of n elements and a division of each, and so is the cell's. The
+// four gates' sums are independent of each other.
 std::vector<Pass> lstm_norm(const Shape& s) {
     const double n = count(s.n);
     return {{.read = 16 * n, .flops = 4 * n, .chain = n / 4},
             {.read = 16 * n, .flops = 8 * n, .chain = n / 4},
-            {.read = 52 * n, .written = 4 * n, .flops = (12 + kActivationFlops - kTanhFlops) * n, .divisions = 4 * n,
+            {.read = 52 * n,
+             .written = 4 * n,
+             .flops = (12 + kActivationFlops - kTanhFlops) * n,
+             .divisions = 4 * n,
              .chain = n / 4},
             {.read = 4 * n, .flops = 2 * n, .chain = n / 4},
             {.read = 16 * n, .written = 4 * n, .flops = (3 + kTanhFlops) * n, .divisions = n}};
@@ -94,7 +97,10 @@ std::vector<Shape> products() {
     std::vector<Shape> shapes;
     for (const size_t n : {8, 16, 32, 64, 128, 256, 512})
         for (const int transposed : {0, 1, 2, 3})
-            shapes.push_back({.rows = n, .inner = n, .cols = n, .transposed_a = (transposed & 1) != 0,
+            shapes.push_back({.rows = n,
+                              .inner = n,
+                              .cols = n,
+                              .transposed_a = (transposed & 1) != 0,
                               .transposed_b = (transposed & 2) != 0});
     return shapes;
 }
@@ -135,8 +141,8 @@ const Row kRows[] = {
     {"sum", "kelRt_sumf", Op::sum, kVectors, sum, 2e-2, true},
     {"sum", "kelRt_variancef", Op::variance, kVectors, sum, 2e-2, true},
     {"layer norm", "kelRt_lstmLayerNorm", Op::layer_norm, kVectors, layer_norm, 2e-2, true},
-    {"instance norm", "kelRt_instanceNorm", Op::instance_norm, vectors({16, 256, 4096, 65536, 1 << 20}), instance_norm,
-     2e-2, true},
+    {"instance norm", "kelRt_instanceNorm", Op::instance_norm, vectors({16, 256, 4096, 65536, 1 << 20}),
+     instance_norm, 2e-2, true},
     {"min-max", "kelRt_minMaxf", Op::min_max, kVectors, elementwise(4, 0, 0), 0},
     {"element-wise", "kelRt_scalef", Op::scale, kVectors, elementwise(4, 4, 1)},
     {"element-wise", "kelRt_addf", Op::add, kVectors, elementwise(8, 4, 1)},
@@ -148,23 +154,40 @@ const Row kRows[] = {
     {"conversions", "kelRt_scaleI16toF", Op::i16_to_float, kVectors, elementwise(2, 4, 1)},
     {"conversions", "kelRt_scaleI32toF", Op::i32_to_float, kVectors, elementwise(4, 4, 1)},
     {"conversions", "kelRt_scaleFtoI8", Op::float_to_i8, kVectors, elementwise(4, 1, 1), 1.0},
-    {"LSTM states", "kelRt_lstmStates", Op::lstm, kLayers, elementwise(kStatesRead, kStatesWritten, kStatesFlops)},
+    {"LSTM states", "kelRt_lstmStates", Op::lstm, kLayers,
+     elementwise(kStatesRead, kStatesWritten, kStatesFlops)},
     {"LSTM with activations", "kelRt_lstmStatesActivation", Op::lstm_activation, kLayers,
      elementwise(kStatesRead, kStatesWritten, kActivationFlops)},
     {"LSTM with norm", "kelRt_lstmStatesCifgActivationNorm", Op::lstm_norm, kLayers, lstm_norm, 1e-3},
-    {"feature norm", "kelRt_featurenorm", Op::feature_norm, vectors({40, 400, 4000, 64000, 4'000'000}), feature_norm},
+    {"feature norm", "kelRt_featurenorm", Op::feature_norm, vectors({40, 400, 4000, 64000, 4'000'000}),
+     feature_norm},
     {"matmul", "kelRt_matmul", Op::matmul, products(), matmul, 1e-3},
     {"matrix x vector", "kelRt_matmul", Op::matmul, matrix_vector(), matmul, 1e-3},
-    {"transposition", "transpose", Op::transpose,
-     {{.rows = 8, .cols = 8}, {.rows = 64, .cols = 64}, {.rows = 100, .cols = 64}, {.rows = 64, .cols = 1000},
-      {.rows = 1024, .cols = 1024}, {.rows = 1000, .cols = 1000}, {.rows = 1024, .cols = 4096},
-      {.rows = 4096, .cols = 1023}}, transpose, 0},
+    {"transposition",
+     "transpose",
+     Op::transpose,
+     {{.rows = 8, .cols = 8},
+      {.rows = 64, .cols = 64},
+      {.rows = 100, .cols = 64},
+      {.rows = 64, .cols = 1000},
+      {.rows = 1024, .cols = 1024},
+      {.rows = 1000, .cols = 1000},
+      {.rows = 1024, .cols = 4096},
+      {.rows = 4096, .cols = 1023}},
+     transpose,
+     0},
     {"hw32", "to linear", Op::hw32_to_linear, lines_of_hw32(), transpose, 0},
     {"hw32", "from linear", Op::linear_to_hw32, lines_of_hw32(), transpose, 0},
-    {"im2col", "kelRt_im2col", Op::im2col,
-     {{.rows = 56, .cols = 56, .channels = 64, .kernel = 3}, {.rows = 224, .cols = 224, .channels = 3, .kernel = 5},
-      {.rows = 224, .cols = 224, .channels = 3, .kernel = 7}, {.rows = 224, .cols = 224, .channels = 1, .kernel = 3},
-      {.rows = 28, .cols = 28, .channels = 256, .kernel = 1}}, im2col, 0},
+    {"im2col",
+     "kelRt_im2col",
+     Op::im2col,
+     {{.rows = 56, .cols = 56, .channels = 64, .kernel = 3},
+      {.rows = 224, .cols = 224, .channels = 3, .kernel = 5},
+      {.rows = 224, .cols = 224, .channels = 3, .kernel = 7},
+      {.rows = 224, .cols = 224, .channels = 1, .kernel = 3},
+      {.rows = 28, .cols = 28, .channels = 256, .kernel = 1}},
+     im2col,
+     0},
     {"split, embedding, one-hot", "kelRt_split", Op::split, kVectors, elementwise(4, 4, 0), 0},
     {"split, embedding, one-hot", "kelRt_embedding", Op::embedding, vectors({16, 256, 4096, 65536, 1 << 20}),
      elementwise(4, 4, 0), 0},
@@ -177,7 +200,8 @@ std::vector<Line> all_lines() {
     std::vector<Line> lines;
     for (const Row& row : kRows)
         for (const Shape& shape : row.shapes)
-            lines.push_back({row.group, row.name, row.op, shape, row.tolerance, row.ordered, row.passes(shape)});
+            lines.push_back(
+                {row.group, row.name, row.op, shape, row.tolerance, row.ordered, row.passes(shape)});
     return lines;
 }
 

@@ -1,4 +1,5 @@
-// The lines of the table: which operations are measured at which sizes, in which group they count, and what limits them.
+// The lines of the table: which operations are measured at which sizes, in which group they count, and what
+// limits them.
 #pragma once
 
 #include <string>

@@ -43,7 +43,8 @@ std::string difference(const Problem& ours, const Problem& peer, double toleranc
     return {};
 }
 
-Result measure(const Line& line, const Rates& rates, const Options& options, std::vector<std::string>& errors) {
+Result measure(const Line& line, const Rates& rates, const Options& options,
+               std::vector<std::string>& errors) {
     const Problem ours_problem(line.op, line.shape);
     std::vector<Work> candidates = {ours(ours_problem)};
     candidates[0](1);
@@ -77,7 +78,8 @@ Result measure(const Line& line, const Rates& rates, const Options& options, std
     const std::vector<double> seconds = least_seconds(candidates, options.seconds);
     for (size_t i = 0; i < timed.size(); ++i)
         timed[i].seconds = seconds[1 + i];
-    std::sort(timed.begin(), timed.end(), [](const Timed& x, const Timed& y) { return x.seconds < y.seconds; });
+    std::sort(timed.begin(), timed.end(),
+              [](const Timed& x, const Timed& y) { return x.seconds < y.seconds; });
     std::vector<double> moving;
     auto next = seconds.begin() + 1 + static_cast<std::ptrdiff_t>(timed.size());
     for (const size_t count : ways) {
@@ -92,7 +94,8 @@ std::vector<Line> chosen_lines(const std::string& filter) {
     std::vector<Line> lines = all_lines();
     try {
         const std::regex wanted(filter, std::regex::icase);
-        std::erase_if(lines, [&](const Line& l) { return !std::regex_search(l.group + ": " + l.text(), wanted); });
+        std::erase_if(lines,
+                      [&](const Line& l) { return !std::regex_search(l.group + ": " + l.text(), wanted); });
     } catch (const std::regex_error& e) {
         stop("'" + filter + "' is no regular expression: " + e.what());
     }
@@ -142,11 +145,15 @@ int run(const Options& options) {
 int main(int argc, char** argv) {
     bench::Options options;
     CLI::App app("Measures the library's operations beside their physical limits.");
-    app.add_option("FILTER", options.filter, "Only lines whose `group: name/size` this regular expression finds");
-    app.add_flag("--peers", options.peers, "Beside the fastest of other libraries, too, whose results must agree");
+    app.add_option("FILTER", options.filter,
+                   "Only lines whose `group: name/size` this regular expression finds");
+    app.add_flag("--peers", options.peers,
+                 "Beside the fastest of other libraries, too, whose results must agree");
     app.add_flag("--all", options.all, "Every peer's time");
     app.add_flag("--list", options.list, "Names the lines and measures nothing");
-    app.add_option("--seconds", options.seconds, "Time for each line")->capture_default_str()->check(CLI::PositiveNumber);
+    app.add_option("--seconds", options.seconds, "Time for each line")
+        ->capture_default_str()
+        ->check(CLI::PositiveNumber);
     app.add_option("--json", options.json, "Writes all times to this file");
     CLI11_PARSE(app, argc, argv);
     return bench::run(options);

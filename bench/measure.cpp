@@ -24,7 +24,8 @@ double seconds_of(const Work& work, size_t times) {
 size_t batch_of(const Work& work) {
     size_t times = 1;
     for (double seconds; (seconds = seconds_of(work, times)) < kBatch;)
-        times = seconds > kBatch / 16 ? static_cast<size_t>(static_cast<double>(times) * kBatch / seconds) + 1 : times * 8;
+        times = seconds > kBatch / 16 ? static_cast<size_t>(static_cast<double>(times) * kBatch / seconds) + 1
+                                      : times * 8;
     return times;
 }
 

@@ -86,7 +86,8 @@ void stream(float* to, const float* from, size_t count) {
 }
 
 struct Buffer {
-    explicit Buffer(size_t bytes) : memory(static_cast<float*>(std::aligned_alloc(64, (bytes + 127) / 64 * 64))) {
+    explicit Buffer(size_t bytes)
+        : memory(static_cast<float*>(std::aligned_alloc(64, (bytes + 127) / 64 * 64))) {
         std::memset(memory, 0, bytes + 64);
     }
     Buffer(const Buffer&) = delete;
@@ -98,10 +99,11 @@ struct Buffer {
 
 Rates measure_rates(double budget) {
     const std::vector<double> seconds = least_seconds(
-        {repeat(multiply_and_add), repeat(divide), repeat(add_in_order<float>), repeat(add_in_order<double>)}, budget);
+        {repeat(multiply_and_add), repeat(divide), repeat(add_in_order<float>), repeat(add_in_order<double>)},
+        budget);
     constexpr double steps = kSteps;
-    return {seconds[0] / (steps * kInFlight * kLanes), seconds[1] / (steps * kInFlight * kLanes), seconds[2] / steps,
-            seconds[3] / steps};
+    return {seconds[0] / (steps * kInFlight * kLanes), seconds[1] / (steps * kInFlight * kLanes),
+            seconds[2] / steps, seconds[3] / steps};
 }
 
 std::vector<Work> moves(const Pass& pass) {
@@ -130,7 +132,9 @@ Limit limit_of(const std::vector<Pass>& passes, const std::vector<double>& movin
     Limit longest = {0, "none"};
     for (size_t i = 0; i < passes.size(); ++i) {
         const Pass& p = passes[i];
-        const Limit parts[] = {{moving[i], p.written == 0 ? "reading" : p.read == 0 ? "filling" : "copying"},
+        const Limit parts[] = {{moving[i], p.written == 0 ? "reading"
+                                           : p.read == 0  ? "filling"
+                                                          : "copying"},
                                {p.flops * rates.flop, "arithmetic"},
                                {p.divisions * rates.division, "division"},
                                {p.chain * rates.chain, "ordered sum"},

@@ -1,4 +1,5 @@
-// What bounds an operation whatever the code: bytes to move, operations to do, sums whose order is prescribed.
+// What bounds an operation whatever the code: bytes to move, operations to do, sums whose order is
+// prescribed.
 #pragma once
 
 #include <string>
@@ -8,7 +9,8 @@
 
 namespace bench {
 
-// A pass over the operands. What it needs overlaps at best, so the longest part counts; passes follow each other.
+// A pass over the operands. What it needs overlaps at best, so the longest part counts; passes follow each
+// other.
 struct Pass {
     double read = 0, written = 0;  // bytes
     double flops = 0;              // multiplications and additions, in equal parts, not fused
@@ -23,8 +25,8 @@ struct Rates {
 };
 Rates measure_rates(double budget);
 
-// Work that moves the bytes of a pass: a copy of as many, or only reading or only writing them. Several ways, of
-// which the fastest counts.
+// Work that moves the bytes of a pass: a copy of as many, or only reading or only writing them. Several ways,
+// of which the fastest counts.
 std::vector<Work> moves(const Pass& pass);
 
 struct Limit {

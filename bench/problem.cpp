@@ -17,7 +17,8 @@ Counts counts_of(Op op, const Shape& s) {
         case Op::dispatch:
         case Op::add:
         case Op::sub:
-        case Op::mul: return {.a = n, .b = n, .out = n};
+        case Op::mul:
+            return {.a = n, .b = n, .out = n};
         case Op::scale:
         case Op::complement:
         case Op::exp:
@@ -25,30 +26,45 @@ Counts counts_of(Op op, const Shape& s) {
         case Op::tanh:
         case Op::softmax:
         case Op::instance_norm:
-        case Op::split: return {.a = n, .out = n};
-        case Op::dot_product: return {.a = n, .b = n, .c = n, .d = n, .out = n};
+        case Op::split:
+            return {.a = n, .out = n};
+        case Op::dot_product:
+            return {.a = n, .b = n, .c = n, .d = n, .out = n};
         case Op::sum:
-        case Op::variance: return {.a = n, .out = 1};
-        case Op::min_max: return {.a = n, .out = 2};
-        case Op::layer_norm: return {.a = n, .b = n, .c = n, .out = n};
-        case Op::feature_norm: return {.a = n, .b = kFrame, .c = kFrame, .out = n};
-        case Op::i8_to_float: return {.out = n, .integer_bytes = n};
-        case Op::i16_to_float: return {.out = n, .integer_bytes = 2 * n};
-        case Op::i32_to_float: return {.out = n, .integer_bytes = 4 * n};
-        case Op::float_to_i8: return {.a = n, .bytes = n};
+        case Op::variance:
+            return {.a = n, .out = 1};
+        case Op::min_max:
+            return {.a = n, .out = 2};
+        case Op::layer_norm:
+            return {.a = n, .b = n, .c = n, .out = n};
+        case Op::feature_norm:
+            return {.a = n, .b = kFrame, .c = kFrame, .out = n};
+        case Op::i8_to_float:
+            return {.out = n, .integer_bytes = n};
+        case Op::i16_to_float:
+            return {.out = n, .integer_bytes = 2 * n};
+        case Op::i32_to_float:
+            return {.out = n, .integer_bytes = 4 * n};
+        case Op::float_to_i8:
+            return {.a = n, .bytes = n};
         case Op::lstm:
-        case Op::lstm_activation: return {.a = 4 * n, .out = 2 * n};
-        case Op::lstm_norm: return {.a = 4 * n, .b = 5 * n, .c = 5 * n, .out = 2 * n};
+        case Op::lstm_activation:
+            return {.a = 4 * n, .out = 2 * n};
+        case Op::lstm_norm:
+            return {.a = 4 * n, .b = 5 * n, .c = 5 * n, .out = 2 * n};
         case Op::matmul:
             return {.a = s.rows * s.inner, .b = s.inner * s.cols, .out = s.rows * s.cols};
-        case Op::transpose: return {.out = s.rows * s.cols};
+        case Op::transpose:
+            return {.out = s.rows * s.cols};
         case Op::hw32_to_linear:
         case Op::linear_to_hw32:
             return {.integer_bytes = 4 * s.rows * s.cols, .bytes = 4 * s.rows * s.cols};
         case Op::im2col:
             return {.integer_bytes = s.rows * s.cols * s.channels, .bytes = s.patches() * s.patch_bytes()};
-        case Op::one_hot: return {.a = 1, .out = n};
-        case Op::embedding: return {.a = 1, .b = n * kTableRows, .out = n};
+        case Op::one_hot:
+            return {.a = 1, .out = n};
+        case Op::embedding:
+            return {.a = 1, .b = n * kTableRows, .out = n};
     }
     std::abort();
 }
@@ -72,12 +88,13 @@ void fill_subnormal(float* values, size_t count, uint32_t seed) {
 
 std::string Shape::text() const {
     if (kernel)
-        return std::to_string(kernel) + "x" + std::to_string(kernel) + "x" + std::to_string(channels) + " on " +
-               std::to_string(rows) + "x" + std::to_string(cols);
+        return std::to_string(kernel) + "x" + std::to_string(kernel) + "x" + std::to_string(channels) +
+               " on " + std::to_string(rows) + "x" + std::to_string(cols);
     if (inner)
         return std::to_string(rows) + "x" + std::to_string(inner) + "x" + std::to_string(cols) +
-               (transposed_a || transposed_b ? std::string(" ") + (transposed_a ? "T" : "N") + (transposed_b ? "T" : "N")
-                                             : "");
+               (transposed_a || transposed_b
+                    ? std::string(" ") + (transposed_a ? "T" : "N") + (transposed_b ? "T" : "N")
+                    : "");
     if (rows)
         return std::to_string(rows) + "x" + std::to_string(cols);
     return std::to_string(n);
@@ -90,11 +107,12 @@ void Problem::Free::operator()(void* memory) const {
 void* Problem::allocate(size_t count, size_t width) {
     if (count == 0)
         return nullptr;
-    // Operands start on lines of the cache, at different places of their pages: equal ones would fall into the same
-    // sets, and loads would wait for stores that only look like theirs.
+    // Operands start on lines of the cache, at different places of their pages: equal ones would fall into
+    // the same sets, and loads would wait for stores that only look like theirs.
     constexpr size_t kPage = 4096, kLine = 64;
     const size_t start = memory_.size() * 17 * kLine % kPage;
-    char* memory = static_cast<char*>(std::aligned_alloc(kPage, (start + count * width + kPage) / kPage * kPage));
+    char* memory =
+        static_cast<char*>(std::aligned_alloc(kPage, (start + count * width + kPage) / kPage * kPage));
     if (!memory)
         throw std::bad_alloc();
     memory_.emplace_back(memory);

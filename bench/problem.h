@@ -1,5 +1,5 @@
-// What is measured: an operation on operands of one size. The library and every peer are given the same problem, each
-// with operands of its own, and turn it into work.
+// What is measured: an operation on operands of one size. The library and every peer are given the same
+// problem, each with operands of its own, and turn it into work.
 #pragma once
 
 #include <cstdint>
@@ -44,8 +44,8 @@ enum class Op {
     one_hot,
 };
 
-// Vectors have n elements; matrices, and lines of hw32, have rows and columns; a product also has an inner dimension.
-// For im2col the input has rows, cols and channels, and the kernel is square.
+// Vectors have n elements; matrices, and lines of hw32, have rows and columns; a product also has an inner
+// dimension. For im2col the input has rows, cols and channels, and the kernel is square.
 struct Shape {
     size_t n = 0;
     size_t rows = 0, inner = 0, cols = 0;
@@ -60,15 +60,17 @@ struct Shape {
 // Constants of the operations.
 constexpr float kScale = 0.7f, kBias = 0.3f, kToBytes = 40.0f, kMean = 0.1f, kEpsilon = 1e-5f;
 
-// The operands, filled the same way for everyone. Which there are, and how long they are, is the operation's business:
+// The operands, filled the same way for everyone. Which there are, and how long they are, is the operation's
+// business:
 //   vectors          a, b, c, d and out of n floats; integers of any width are in `integers`
 //   sum, variance    out[0]; min_max: out[0] the least, out[1] the largest
 //   layer_norm       b gamma, c beta; feature_norm: b mean, c deviation, frames of kFrame
-//   lstm*            a the gates i, f, o, g (4n); out: n of the hidden state, then n of the cell state, updated in place
-//   lstm_norm        b gammas, c betas: those of gate k start at k * n / 4 floats, those of the cell at 4n floats
-//   matmul           a, b, out; transpose: out alone, rows x cols as stored, in place
+//   lstm*            a the gates i, f, o, g (4n); out: n of the hidden state, then n of the cell state,
+//   updated in place lstm_norm        b gammas, c betas: those of gate k start at k * n / 4 floats, those of
+//   the cell at 4n floats matmul           a, b, out; transpose: out alone, rows x cols as stored, in place
 //   hw32*, im2col    integers to bytes
-//   one_hot          a[0] the index into n; embedding: a[0] the index of a row of n in the table b of kTableRows
+//   one_hot          a[0] the index into n; embedding: a[0] the index of a row of n in the table b of
+//   kTableRows
 enum : size_t { kFrame = 40, kTableRows = 8 };
 
 class Problem {

@@ -58,7 +58,8 @@ void print(const Result& r, bool with_peers, bool all) {
         if (r.peers.empty())
             std::printf(" %10s %-9s %9s", "", "none", "");
         else
-            std::printf(" %10s %-9s %9.2f", time_text(r.peers[0].seconds).c_str(), r.peers[0].name.c_str(), r.ratio());
+            std::printf(" %10s %-9s %9.2f", time_text(r.peers[0].seconds).c_str(), r.peers[0].name.c_str(),
+                        r.ratio());
     }
     std::printf(" %10s %-11s %8.2f\n", time_text(r.limit.seconds).c_str(), r.limit.kind, r.fraction());
     if (all)
@@ -68,10 +69,12 @@ void print(const Result& r, bool with_peers, bool all) {
 }
 
 void print(const std::vector<Group>& groups, bool with_peers) {
-    std::printf("\nGeometric means\n%-28s %5s %9s %8s\n", "", "lines", with_peers ? "peer/ours" : "", "of limit");
+    std::printf("\nGeometric means\n%-28s %5s %9s %8s\n", "", "lines", with_peers ? "peer/ours" : "",
+                "of limit");
     for (const Group& g : groups)
-        std::printf("%-28s %5zu %9s %8.2f%s\n", g.name.c_str(), g.lines, with_peers ? ratio_text(g.ratio).c_str() : "",
-                    g.fraction, g.ordered ? "  (the limit is the measure: the order of sums is kept)" : "");
+        std::printf("%-28s %5zu %9s %8.2f%s\n", g.name.c_str(), g.lines,
+                    with_peers ? ratio_text(g.ratio).c_str() : "", g.fraction,
+                    g.ordered ? "  (the limit is the measure: the order of sums is kept)" : "");
 }
 
 void write_json(const std::string& path, const std::vector<Result>& results) {

@@ -1,4 +1,5 @@
-// A piece of work that can be done any number of times in a row, so that calls of a few nanoseconds can be timed.
+// A piece of work that can be done any number of times in a row, so that calls of a few nanoseconds can be
+// timed.
 #pragma once
 
 #include <cstddef>

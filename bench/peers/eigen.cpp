@@ -15,8 +15,8 @@ using ByteMatrix = Eigen::Matrix<uint8_t, Eigen::Dynamic, Eigen::Dynamic, Eigen:
 
 template <class Integer>
 Work from_integers(const Problem& p) {
-    const Eigen::Map<const Eigen::Array<Integer, Eigen::Dynamic, 1>> in(static_cast<const Integer*>(p.integers),
-                                                                       static_cast<Index>(p.shape.n));
+    const Eigen::Map<const Eigen::Array<Integer, Eigen::Dynamic, 1>> in(
+        static_cast<const Integer*>(p.integers), static_cast<Index>(p.shape.n));
     return repeat([=, out = p.out, n = in.size()] { Out(out, n) = in.template cast<float>() * kScale; });
 }
 
@@ -54,11 +54,13 @@ Work matmul(const Problem& p) {
     const Eigen::Map<const Matrix> a(p.a, ta ? k : m, ta ? m : k), b(p.b, tb ? n : k, tb ? k : n);
     if (n == 1)
         return repeat([=, out = p.out] {
-            Eigen::Map<Eigen::VectorXf>(out, m).noalias() = a * Eigen::Map<const Eigen::VectorXf>(b.data(), k);
+            Eigen::Map<Eigen::VectorXf>(out, m).noalias() =
+                a * Eigen::Map<const Eigen::VectorXf>(b.data(), k);
         });
     if (m == 1)
         return repeat([=, out = p.out] {
-            Eigen::Map<Eigen::RowVectorXf>(out, n).noalias() = Eigen::Map<const Eigen::RowVectorXf>(a.data(), k) * b;
+            Eigen::Map<Eigen::RowVectorXf>(out, n).noalias() =
+                Eigen::Map<const Eigen::RowVectorXf>(a.data(), k) * b;
         });
     return repeat([=, out = p.out] {
         Eigen::Map<Matrix> c(out, m, n);
@@ -88,13 +90,14 @@ Work hw32(const Problem& p, bool to_linear) {
     const auto lines = static_cast<Index>(p.shape.rows), length = static_cast<Index>(p.shape.cols);
     using From = Eigen::Map<const ByteMatrix>;
     using To = Eigen::Map<ByteMatrix>;
-    return repeat([=, in = static_cast<const uint8_t*>(p.integers), out = reinterpret_cast<uint8_t*>(p.bytes)] {
-        for (Index at = 0; at < lines * length * 4; at += length * 4)
-            if (to_linear)
-                To(out + at, length, 4) = From(in + at, 4, length).transpose();
-            else
-                To(out + at, 4, length) = From(in + at, length, 4).transpose();
-    });
+    return repeat(
+        [=, in = static_cast<const uint8_t*>(p.integers), out = reinterpret_cast<uint8_t*>(p.bytes)] {
+            for (Index at = 0; at < lines * length * 4; at += length * 4)
+                if (to_linear)
+                    To(out + at, length, 4) = From(in + at, 4, length).transpose();
+                else
+                    To(out + at, 4, length) = From(in + at, length, 4).transpose();
+        });
 }
 
 }  // namespace
@@ -104,18 +107,30 @@ Work eigen(const Problem& p) {
     const In a(p.a, n), b(p.b, n), c(p.c, n), d(p.d, n);
     float* const out = p.out;
     switch (p.op) {
-        case Op::add: return repeat([=] { Out(out, n) = a + b; });
-        case Op::sub: return repeat([=] { Out(out, n) = a - b; });
-        case Op::mul: return repeat([=] { Out(out, n) = a * b; });
-        case Op::scale: return repeat([=] { Out(out, n) = a * kScale; });
-        case Op::complement: return repeat([=] { Out(out, n) = 1 - a; });
-        case Op::dot_product: return repeat([=] { Out(out, n) = a * c + b * d; });
-        case Op::exp: return repeat([=] { Out(out, n) = a.exp(); });
-        case Op::sigmoid: return repeat([=] { Out(out, n) = a.logistic(); });
-        case Op::tanh: return repeat([=] { Out(out, n) = a.tanh(); });
-        case Op::softmax: return repeat([=] { softmax(a, Out(out, n)); });
-        case Op::sum: return repeat([=] { *out = a.sum(); });
-        case Op::variance: return repeat([=] { *out = (a - kMean).square().mean(); });
+        case Op::add:
+            return repeat([=] { Out(out, n) = a + b; });
+        case Op::sub:
+            return repeat([=] { Out(out, n) = a - b; });
+        case Op::mul:
+            return repeat([=] { Out(out, n) = a * b; });
+        case Op::scale:
+            return repeat([=] { Out(out, n) = a * kScale; });
+        case Op::complement:
+            return repeat([=] { Out(out, n) = 1 - a; });
+        case Op::dot_product:
+            return repeat([=] { Out(out, n) = a * c + b * d; });
+        case Op::exp:
+            return repeat([=] { Out(out, n) = a.exp(); });
+        case Op::sigmoid:
+            return repeat([=] { Out(out, n) = a.logistic(); });
+        case Op::tanh:
+            return repeat([=] { Out(out, n) = a.tanh(); });
+        case Op::softmax:
+            return repeat([=] { softmax(a, Out(out, n)); });
+        case Op::sum:
+            return repeat([=] { *out = a.sum(); });
+        case Op::variance:
+            return repeat([=] { *out = (a - kMean).square().mean(); });
         case Op::layer_norm:
             return repeat([=] {
                 const Moments m(a);
@@ -131,14 +146,19 @@ Work eigen(const Problem& p) {
                 for (Index frame = 0; frame < n; frame += kFrame)
                     Out(out + frame, kFrame) = (In(x + frame, kFrame) - mean) / deviation;
             });
-        case Op::min_max: return repeat([=] { out[0] = a.minCoeff(), out[1] = a.maxCoeff(); });
-        case Op::i8_to_float: return from_integers<int8_t>(p);
-        case Op::i16_to_float: return from_integers<int16_t>(p);
-        case Op::i32_to_float: return from_integers<int32_t>(p);
+        case Op::min_max:
+            return repeat([=] { out[0] = a.minCoeff(), out[1] = a.maxCoeff(); });
+        case Op::i8_to_float:
+            return from_integers<int8_t>(p);
+        case Op::i16_to_float:
+            return from_integers<int16_t>(p);
+        case Op::i32_to_float:
+            return from_integers<int32_t>(p);
         case Op::float_to_i8:
-            return repeat([=, to = Eigen::Map<Eigen::Array<int8_t, Eigen::Dynamic, 1>>(p.bytes, n)]() mutable {
-                to = (a * kToBytes).max(-128.0f).min(127.0f).cast<int8_t>();
-            });
+            return repeat(
+                [=, to = Eigen::Map<Eigen::Array<int8_t, Eigen::Dynamic, 1>>(p.bytes, n)]() mutable {
+                    to = (a * kToBytes).max(-128.0f).min(127.0f).cast<int8_t>();
+                });
         case Op::lstm:
             return repeat([=, g = p.a] {
                 Out h(out, n), cell(out + n, n);
@@ -152,21 +172,30 @@ Work eigen(const Problem& p) {
                 h = In(g + 2 * n, n).logistic() * cell.tanh();
             });
         case Op::lstm_norm:
-            return repeat([=, gates = p.a, gamma = p.b, beta = p.c] { lstm_norm(gates, gamma, beta, out, n); });
-        case Op::matmul: return matmul(p);
-        case Op::transpose: return transpose(p);
-        case Op::hw32_to_linear: return hw32(p, true);
-        case Op::linear_to_hw32: return hw32(p, false);
-        case Op::split: return repeat([=] { Out(out, n) = a; });
+            return repeat(
+                [=, gates = p.a, gamma = p.b, beta = p.c] { lstm_norm(gates, gamma, beta, out, n); });
+        case Op::matmul:
+            return matmul(p);
+        case Op::transpose:
+            return transpose(p);
+        case Op::hw32_to_linear:
+            return hw32(p, true);
+        case Op::linear_to_hw32:
+            return hw32(p, false);
+        case Op::split:
+            return repeat([=] { Out(out, n) = a; });
         case Op::embedding:
-            return repeat([=, index = p.a, table = p.b] { Out(out, n) = In(table + static_cast<Index>(*index) * n, n); });
+            return repeat([=, index = p.a, table = p.b] {
+                Out(out, n) = In(table + static_cast<Index>(*index) * n, n);
+            });
         case Op::one_hot:
             return repeat([=, index = p.a] {
                 Out(out, n).setZero();
                 out[static_cast<Index>(*index)] = 1;
             });
         case Op::dispatch:
-        case Op::im2col: return {};
+        case Op::im2col:
+            return {};
     }
     return {};
 }

@@ -1,5 +1,5 @@
-// Highway: loops over its vectors, its exp and tanh, its interleaving loads and stores, and streaming stores where a
-// result does not fit the caches.
+// Highway: loops over its vectors, its exp and tanh, its interleaving loads and stores, and streaming stores
+// where a result does not fit the caches.
 #include <hwy/cache_control.h>
 #include <hwy/contrib/math/math-inl.h>
 #include <hwy/highway.h>
@@ -38,7 +38,8 @@ V tanh(V x) {  // its own is by expm1 and slower
     return hn::Sub(splat(1), hn::Div(splat(2), hn::Add(splat(1), hn::Exp(d, hn::Add(x, x)))));
 }
 
-// Four vectors in flight; the outputs of all problems start on lines of the cache, so streaming needs no head.
+// Four vectors in flight; the outputs of all problems start on lines of the cache, so streaming needs no
+// head.
 template <class F>
 Work each(const Problem& p, F f) {
     const size_t n = p.shape.n;
@@ -69,7 +70,8 @@ V fold(size_t n, V start, F f, Merge merge) {
     size_t i = 0;
     for (; i + 8 * kLanes <= n; i += 8 * kLanes) {
         v0 = f(v0, i), v1 = f(v1, i + kLanes), v2 = f(v2, i + 2 * kLanes), v3 = f(v3, i + 3 * kLanes);
-        v4 = f(v4, i + 4 * kLanes), v5 = f(v5, i + 5 * kLanes), v6 = f(v6, i + 6 * kLanes), v7 = f(v7, i + 7 * kLanes);
+        v4 = f(v4, i + 4 * kLanes), v5 = f(v5, i + 5 * kLanes), v6 = f(v6, i + 6 * kLanes),
+        v7 = f(v7, i + 7 * kLanes);
     }
     for (; i < n; i += kLanes)
         v0 = f(v0, i);
@@ -77,8 +79,9 @@ V fold(size_t n, V start, F f, Merge merge) {
 }
 
 float sum(const float* x, size_t n) {
-    return total(fold(n, hn::Zero(d), [=](V s, size_t i) { return hn::Add(s, load(x + i)); },
-                      [](V s, V t) { return hn::Add(s, t); }));
+    return total(fold(
+        n, hn::Zero(d), [=](V s, size_t i) { return hn::Add(s, load(x + i)); },
+        [](V s, V t) { return hn::Add(s, t); }));
 }
 
 float squares(const float* x, size_t n, float mean) {
@@ -115,8 +118,10 @@ void min_max(const float* x, size_t n, float* out) {
         least[0] = hn::Min(least[0], load(x + i));
         largest[0] = hn::Max(largest[0], load(x + i));
     }
-    out[0] = hn::GetLane(hn::MinOfLanes(d, hn::Min(hn::Min(least[0], least[1]), hn::Min(least[2], least[3]))));
-    out[1] = hn::GetLane(hn::MaxOfLanes(d, hn::Max(hn::Max(largest[0], largest[1]), hn::Max(largest[2], largest[3]))));
+    out[0] =
+        hn::GetLane(hn::MinOfLanes(d, hn::Min(hn::Min(least[0], least[1]), hn::Min(least[2], least[3]))));
+    out[1] = hn::GetLane(
+        hn::MaxOfLanes(d, hn::Max(hn::Max(largest[0], largest[1]), hn::Max(largest[2], largest[3]))));
 }
 
 void softmax(const float* x, float* y, size_t n) {
@@ -140,8 +145,8 @@ Work from_integers(const Problem& p) {
         if constexpr (sizeof(Integer) == 4)
             return hn::Mul(hn::ConvertTo(d, hn::LoadU(wide, in + i)), factor);
         else
-            return hn::Mul(
-                hn::ConvertTo(d, hn::PromoteTo(wide, hn::LoadU(hn::Rebind<Integer, D>(), in + i))), factor);
+            return hn::Mul(hn::ConvertTo(d, hn::PromoteTo(wide, hn::LoadU(hn::Rebind<Integer, D>(), in + i))),
+                           factor);
     });
 }
 
@@ -154,7 +159,8 @@ void to_bytes(const float* x, int8_t* out, size_t n) {
         hn::StoreU(hn::DemoteTo(narrow, hn::ConvertTo(wide, hn::Mul(load(x + i), factor))), narrow, out + i);
 }
 
-// One time step from whatever gives the vector of an activated gate, and of the normalised cell state, at an index.
+// One time step from whatever gives the vector of an activated gate, and of the normalised cell state, at an
+// index.
 template <class Gate, class Finish>
 void lstm(float* out, size_t n, Gate gate, Finish finish) {
     float* cell = out + n;
@@ -184,8 +190,9 @@ void lstm_norm(const float* gates, const float* gamma, const float* beta, float*
 template <class Tag>
 size_t planes_to_linear(Tag tag, const uint8_t* in, uint8_t* out, size_t length, size_t i) {
     for (; i + hn::Lanes(tag) <= length; i += hn::Lanes(tag))
-        hn::StoreInterleaved4(hn::LoadU(tag, in + i), hn::LoadU(tag, in + length + i), hn::LoadU(tag, in + 2 * length + i),
-                              hn::LoadU(tag, in + 3 * length + i), tag, out + 4 * i);
+        hn::StoreInterleaved4(hn::LoadU(tag, in + i), hn::LoadU(tag, in + length + i),
+                              hn::LoadU(tag, in + 2 * length + i), hn::LoadU(tag, in + 3 * length + i), tag,
+                              out + 4 * i);
     return i;
 }
 
@@ -207,18 +214,19 @@ Work hw32(const Problem& p, bool to_linear) {
     const hn::CappedTag<uint8_t, 8> eight;
     if (length % 8)
         return {};
-    return repeat([=, in = static_cast<const uint8_t*>(p.integers), out = reinterpret_cast<uint8_t*>(p.bytes)] {
-        for (size_t at = 0; at < lines * length * 4; at += length * 4)
-            if (to_linear) {
-                size_t i = planes_to_linear(whole, in + at, out + at, length, 0);
-                i = planes_to_linear(sixteen, in + at, out + at, length, i);
-                planes_to_linear(eight, in + at, out + at, length, i);
-            } else {
-                size_t i = linear_to_planes(whole, in + at, out + at, length, 0);
-                i = linear_to_planes(sixteen, in + at, out + at, length, i);
-                linear_to_planes(eight, in + at, out + at, length, i);
-            }
-    });
+    return repeat(
+        [=, in = static_cast<const uint8_t*>(p.integers), out = reinterpret_cast<uint8_t*>(p.bytes)] {
+            for (size_t at = 0; at < lines * length * 4; at += length * 4)
+                if (to_linear) {
+                    size_t i = planes_to_linear(whole, in + at, out + at, length, 0);
+                    i = planes_to_linear(sixteen, in + at, out + at, length, i);
+                    planes_to_linear(eight, in + at, out + at, length, i);
+                } else {
+                    size_t i = linear_to_planes(whole, in + at, out + at, length, 0);
+                    i = linear_to_planes(sixteen, in + at, out + at, length, i);
+                    linear_to_planes(eight, in + at, out + at, length, i);
+                }
+        });
 }
 
 }  // namespace
@@ -231,21 +239,32 @@ Work highway(const Problem& p) {
         return {};
     const V one = splat(1), factor = splat(kScale);
     switch (p.op) {
-        case Op::add: return each(p, [=](size_t i) { return hn::Add(load(a + i), load(b + i)); });
-        case Op::sub: return each(p, [=](size_t i) { return hn::Sub(load(a + i), load(b + i)); });
-        case Op::mul: return each(p, [=](size_t i) { return hn::Mul(load(a + i), load(b + i)); });
-        case Op::scale: return each(p, [=](size_t i) { return hn::Mul(load(a + i), factor); });
-        case Op::complement: return each(p, [=](size_t i) { return hn::Sub(one, load(a + i)); });
+        case Op::add:
+            return each(p, [=](size_t i) { return hn::Add(load(a + i), load(b + i)); });
+        case Op::sub:
+            return each(p, [=](size_t i) { return hn::Sub(load(a + i), load(b + i)); });
+        case Op::mul:
+            return each(p, [=](size_t i) { return hn::Mul(load(a + i), load(b + i)); });
+        case Op::scale:
+            return each(p, [=](size_t i) { return hn::Mul(load(a + i), factor); });
+        case Op::complement:
+            return each(p, [=](size_t i) { return hn::Sub(one, load(a + i)); });
         case Op::dot_product:
             return each(p, [=](size_t i) {
                 return hn::MulAdd(load(a + i), load(c + i), hn::Mul(load(b + i), load(e + i)));
             });
-        case Op::exp: return each(p, [=](size_t i) { return hn::Exp(d, load(a + i)); });
-        case Op::sigmoid: return each(p, [=](size_t i) { return sigmoid(load(a + i)); });
-        case Op::tanh: return each(p, [=](size_t i) { return tanh(load(a + i)); });
-        case Op::softmax: return repeat([=] { softmax(a, out, n); });
-        case Op::sum: return repeat([=] { *out = sum(a, n); });
-        case Op::variance: return repeat([=] { *out = squares(a, n, kMean) / static_cast<float>(n); });
+        case Op::exp:
+            return each(p, [=](size_t i) { return hn::Exp(d, load(a + i)); });
+        case Op::sigmoid:
+            return each(p, [=](size_t i) { return sigmoid(load(a + i)); });
+        case Op::tanh:
+            return each(p, [=](size_t i) { return tanh(load(a + i)); });
+        case Op::softmax:
+            return repeat([=] { softmax(a, out, n); });
+        case Op::sum:
+            return repeat([=] { *out = sum(a, n); });
+        case Op::variance:
+            return repeat([=] { *out = squares(a, n, kMean) / static_cast<float>(n); });
         case Op::layer_norm:
             return repeat([=] {
                 const Moments m(a, n);
@@ -257,39 +276,52 @@ Work highway(const Problem& p) {
         case Op::instance_norm:
             return repeat([=] {
                 const Moments m(a, n);
-                const V scale = splat(m.inverse_sd * kScale), offset = splat(kBias - m.mean * m.inverse_sd * kScale);
+                const V scale = splat(m.inverse_sd * kScale),
+                        offset = splat(kBias - m.mean * m.inverse_sd * kScale);
                 for (size_t i = 0; i < n; i += kLanes)
                     store(out + i, hn::MulAdd(load(a + i), scale, offset));
             });
-        case Op::min_max: return repeat([=] { min_max(a, n, out); });
-        case Op::i8_to_float: return from_integers<int8_t>(p);
-        case Op::i16_to_float: return from_integers<int16_t>(p);
-        case Op::i32_to_float: return from_integers<int32_t>(p);
-        case Op::float_to_i8: return repeat([=, to = p.bytes] { to_bytes(a, to, n); });
+        case Op::min_max:
+            return repeat([=] { min_max(a, n, out); });
+        case Op::i8_to_float:
+            return from_integers<int8_t>(p);
+        case Op::i16_to_float:
+            return from_integers<int16_t>(p);
+        case Op::i32_to_float:
+            return from_integers<int32_t>(p);
+        case Op::float_to_i8:
+            return repeat([=, to = p.bytes] { to_bytes(a, to, n); });
         case Op::lstm:
             return repeat([=] {
-                lstm(out, n, [=](size_t g, size_t k) { return load(a + g * n + k); },
-                     [] { return [](V x, size_t) { return x; }; });
+                lstm(
+                    out, n, [=](size_t g, size_t k) { return load(a + g * n + k); },
+                    [] { return [](V x, size_t) { return x; }; });
             });
         case Op::lstm_activation:
             return repeat([=] {
-                lstm(out, n,
-                     [=](size_t g, size_t k) {
-                         const V x = load(a + g * n + k);
-                         return g == 3 ? tanh(x) : sigmoid(x);
-                     },
-                     [] { return [](V x, size_t) { return x; }; });
+                lstm(
+                    out, n,
+                    [=](size_t g, size_t k) {
+                        const V x = load(a + g * n + k);
+                        return g == 3 ? tanh(x) : sigmoid(x);
+                    },
+                    [] { return [](V x, size_t) { return x; }; });
             });
-        case Op::lstm_norm: return repeat([=] { lstm_norm(a, b, c, out, n); });
-        case Op::hw32_to_linear: return hw32(p, true);
-        case Op::linear_to_hw32: return hw32(p, false);
-        case Op::split: return each(p, [=](size_t i) { return load(a + i); });
+        case Op::lstm_norm:
+            return repeat([=] { lstm_norm(a, b, c, out, n); });
+        case Op::hw32_to_linear:
+            return hw32(p, true);
+        case Op::linear_to_hw32:
+            return hw32(p, false);
+        case Op::split:
+            return each(p, [=](size_t i) { return load(a + i); });
         case Op::one_hot:
             return repeat([=, fill = each(p, [](size_t) { return hn::Zero(d); })] {
                 fill(1);
                 out[static_cast<size_t>(*a)] = 1;
             });
-        default: return {};
+        default:
+            return {};
     }
 }
 

@@ -1,5 +1,5 @@
-// Plain loops, the C library's memcpy and memset, and the compiler's freedom: built with -O3 -ffast-math -march=native,
-// which vectorises, reorders sums, fuses and calls the C library's vector maths.
+// Plain loops, the C library's memcpy and memset, and the compiler's freedom: built with -O3 -ffast-math
+// -march=native, which vectorises, reorders sums, fuses and calls the C library's vector maths.
 #include <algorithm>
 #include <cmath>
 #include <cstring>
@@ -54,8 +54,8 @@ std::pair<float, float> moments(const float* x, size_t n) {
     return {mean, squares / static_cast<float>(n) - mean * mean};
 }
 
-void layer_norm(const float* x, const float* __restrict gamma, const float* __restrict beta, float* __restrict y,
-                size_t n) {
+void layer_norm(const float* x, const float* __restrict gamma, const float* __restrict beta,
+                float* __restrict y, size_t n) {
     const auto [mean, var] = moments(x, n);
     const float factor = 1 / std::sqrt(var + kEpsilon);
     for (size_t i = 0; i < n; ++i)
@@ -196,48 +196,74 @@ Work loop(const Problem& p) {
     const auto* bytes_in = static_cast<const uint8_t*>(p.integers);
     auto* bytes_out = reinterpret_cast<uint8_t*>(p.bytes);
     switch (p.op) {
-        case Op::dispatch: return {};  // there is no work to speak of, and a loop has no dispatch
-        case Op::add: return repeat([=] { each(out, n, [=](size_t i) { return a[i] + b[i]; }); });
-        case Op::sub: return repeat([=] { each(out, n, [=](size_t i) { return a[i] - b[i]; }); });
-        case Op::mul: return repeat([=] { each(out, n, [=](size_t i) { return a[i] * b[i]; }); });
-        case Op::scale: return repeat([=] { each(out, n, [=](size_t i) { return a[i] * kScale; }); });
-        case Op::complement: return repeat([=] { each(out, n, [=](size_t i) { return 1 - a[i]; }); });
+        case Op::dispatch:
+            return {};  // there is no work to speak of, and a loop has no dispatch
+        case Op::add:
+            return repeat([=] { each(out, n, [=](size_t i) { return a[i] + b[i]; }); });
+        case Op::sub:
+            return repeat([=] { each(out, n, [=](size_t i) { return a[i] - b[i]; }); });
+        case Op::mul:
+            return repeat([=] { each(out, n, [=](size_t i) { return a[i] * b[i]; }); });
+        case Op::scale:
+            return repeat([=] { each(out, n, [=](size_t i) { return a[i] * kScale; }); });
+        case Op::complement:
+            return repeat([=] { each(out, n, [=](size_t i) { return 1 - a[i]; }); });
         case Op::dot_product:
             return repeat([=] { each(out, n, [=](size_t i) { return a[i] * c[i] + b[i] * d[i]; }); });
-        case Op::exp: return repeat([=] { each(out, n, [=](size_t i) { return std::exp(a[i]); }); });
-        case Op::sigmoid: return repeat([=] { each(out, n, [=](size_t i) { return sigmoid(a[i]); }); });
-        case Op::tanh: return repeat([=] { each(out, n, [=](size_t i) { return std::tanh(a[i]); }); });
-        case Op::softmax: return repeat([=] { softmax(a, out, n); });
-        case Op::sum: return repeat([=] { *out = sum(a, n); });
-        case Op::variance: return repeat([=] { *out = variance(a, n, kMean); });
-        case Op::layer_norm: return repeat([=] { layer_norm(a, b, c, out, n); });
-        case Op::instance_norm: return repeat([=] { instance_norm(a, out, n); });
+        case Op::exp:
+            return repeat([=] { each(out, n, [=](size_t i) { return std::exp(a[i]); }); });
+        case Op::sigmoid:
+            return repeat([=] { each(out, n, [=](size_t i) { return sigmoid(a[i]); }); });
+        case Op::tanh:
+            return repeat([=] { each(out, n, [=](size_t i) { return std::tanh(a[i]); }); });
+        case Op::softmax:
+            return repeat([=] { softmax(a, out, n); });
+        case Op::sum:
+            return repeat([=] { *out = sum(a, n); });
+        case Op::variance:
+            return repeat([=] { *out = variance(a, n, kMean); });
+        case Op::layer_norm:
+            return repeat([=] { layer_norm(a, b, c, out, n); });
+        case Op::instance_norm:
+            return repeat([=] { instance_norm(a, out, n); });
         case Op::feature_norm:
             return repeat([=] {
                 for (size_t frame = 0; frame < n; frame += kFrame)
                     each(out + frame, kFrame, [=](size_t k) { return (a[frame + k] - b[k]) / c[k]; });
             });
-        case Op::min_max: return repeat([=] { min_max(a, n, out); });
-        case Op::i8_to_float: return from_integers<int8_t>(p);
-        case Op::i16_to_float: return from_integers<int16_t>(p);
-        case Op::i32_to_float: return from_integers<int32_t>(p);
+        case Op::min_max:
+            return repeat([=] { min_max(a, n, out); });
+        case Op::i8_to_float:
+            return from_integers<int8_t>(p);
+        case Op::i16_to_float:
+            return from_integers<int16_t>(p);
+        case Op::i32_to_float:
+            return from_integers<int32_t>(p);
         case Op::float_to_i8:
             return repeat([=, to = p.bytes] {
                 for (size_t i = 0; i < n; ++i)
                     to[i] = static_cast<int8_t>(std::min(std::max(a[i] * kToBytes, -128.0f), 127.0f));
             });
-        case Op::lstm: return repeat([=] { lstm(a, out, out + n, n); });
-        case Op::lstm_activation: return repeat([=] { lstm_activation(a, out, out + n, n); });
-        case Op::lstm_norm: return repeat([=] { lstm_norm(a, b, c, out, out + n, n); });
-        case Op::matmul: return repeat([=, s = p.shape] { matmul(a, b, out, s); });
+        case Op::lstm:
+            return repeat([=] { lstm(a, out, out + n, n); });
+        case Op::lstm_activation:
+            return repeat([=] { lstm_activation(a, out, out + n, n); });
+        case Op::lstm_norm:
+            return repeat([=] { lstm_norm(a, b, c, out, out + n, n); });
+        case Op::matmul:
+            return repeat([=, s = p.shape] { matmul(a, b, out, s); });
         case Op::transpose:
             return repeat([=, copy = std::make_shared<std::vector<float>>(rows * cols)] {
                 transpose(out, copy->data(), rows, cols);
             });
-        case Op::hw32_to_linear: return repeat([=] { hw32_to_linear(bytes_in, bytes_out, rows, cols); });
-        case Op::linear_to_hw32: return repeat([=] { linear_to_hw32(bytes_in, bytes_out, rows, cols); });
-        case Op::im2col: return repeat([=, s = Patches(p.shape)] { im2col(bytes_in, bytes_out, s); });
-        case Op::split: return repeat([=] { std::memcpy(out, a, n * sizeof(float)); });
+        case Op::hw32_to_linear:
+            return repeat([=] { hw32_to_linear(bytes_in, bytes_out, rows, cols); });
+        case Op::linear_to_hw32:
+            return repeat([=] { linear_to_hw32(bytes_in, bytes_out, rows, cols); });
+        case Op::im2col:
+            return repeat([=, s = Patches(p.shape)] { im2col(bytes_in, bytes_out, s); });
+        case Op::split:
+            return repeat([=] { std::memcpy(out, a, n * sizeof(float)); });
         case Op::embedding:
             return repeat([=] { std::memcpy(out, b + static_cast<size_t>(a[0]) * n, n * sizeof(float)); });
         case Op::one_hot:

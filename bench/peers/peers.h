@@ -1,6 +1,6 @@
-// General libraries that do some of the same operations, each as fast as it can be made to: free to fuse, to reorder
-// and to approximate within the tolerance of the comparison, on one thread. Which are built is decided by what is
-// installed.
+// General libraries that do some of the same operations, each as fast as it can be made to: free to fuse, to
+// reorder and to approximate within the tolerance of the comparison, on one thread. Which are built is
+// decided by what is installed.
 #pragma once
 
 #include <cstddef>

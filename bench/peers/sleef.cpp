@@ -1,4 +1,5 @@
-// SLEEF's vector functions, with errors up to 1 ULP (exp) and 3.5 ULP (tanh), in loops over the widest vectors.
+// SLEEF's vector functions, with errors up to 1 ULP (exp) and 3.5 ULP (tanh), in loops over the widest
+// vectors.
 #include <immintrin.h>
 #include <sleef.h>
 
@@ -83,7 +84,8 @@ template <class Gate, class Activate, class Finish>
 void lstm(float* out, size_t n, Gate gate, Activate activate, Finish finish) {
     float* cell = out + n;
     for (size_t k = 0; k < n; k += kLanes)
-        store(cell + k, activate(0, gate(0, k)) * activate(3, gate(3, k)) + activate(1, gate(1, k)) * load(cell + k));
+        store(cell + k,
+              activate(0, gate(0, k)) * activate(3, gate(3, k)) + activate(1, gate(1, k)) * load(cell + k));
     const auto normalise = finish();
     for (size_t k = 0; k < n; k += kLanes)
         store(out + k, activate(2, gate(2, k)) * tanh(normalise(load(cell + k), k)));
@@ -97,9 +99,7 @@ void lstm_norm(const float* gates, const float* gamma, const float* beta, float*
     lstm(
         out, n, [&](size_t g, size_t k) { return affine(of[g], load(gates + g * n + k), g * n / 4 + k); },
         [](size_t g, Vector x) { return g == 3 ? tanh(x) : sigmoid(x); },
-        [&] {
-            return [=, m = Moments(out + n, n)](Vector x, size_t k) { return affine(m, x, 4 * n + k); };
-        });
+        [&] { return [=, m = Moments(out + n, n)](Vector x, size_t k) { return affine(m, x, 4 * n + k); }; });
 }
 
 }  // namespace
@@ -113,18 +113,29 @@ Work sleef(const Problem& p) {
     const auto gate = [=](size_t g, size_t k) { return load(a + g * n + k); };
     const auto unchanged = [] { return [](Vector x, size_t) { return x; }; };
     switch (p.op) {
-        case Op::exp: return each(p, [=](size_t i) { return exp(load(a + i)); });
-        case Op::sigmoid: return each(p, [=](size_t i) { return sigmoid(load(a + i)); });
-        case Op::tanh: return each(p, [=](size_t i) { return tanh(load(a + i)); });
-        case Op::softmax: return repeat([=] { softmax(a, out, n); });
+        case Op::exp:
+            return each(p, [=](size_t i) { return exp(load(a + i)); });
+        case Op::sigmoid:
+            return each(p, [=](size_t i) { return sigmoid(load(a + i)); });
+        case Op::tanh:
+            return each(p, [=](size_t i) { return tanh(load(a + i)); });
+        case Op::softmax:
+            return repeat([=] { softmax(a, out, n); });
         case Op::lstm:
-            return repeat([=] { lstm(out, n, gate, [](size_t, Vector x) { return x; }, unchanged); });
+            return repeat([=] {
+                lstm(
+                    out, n, gate, [](size_t, Vector x) { return x; }, unchanged);
+            });
         case Op::lstm_activation:
             return repeat([=] {
-                lstm(out, n, gate, [](size_t g, Vector x) { return g == 3 ? tanh(x) : sigmoid(x); }, unchanged);
+                lstm(
+                    out, n, gate, [](size_t g, Vector x) { return g == 3 ? tanh(x) : sigmoid(x); },
+                    unchanged);
             });
-        case Op::lstm_norm: return repeat([=] { lstm_norm(a, b, c, out, n); });
-        default: return {};
+        case Op::lstm_norm:
+            return repeat([=] { lstm_norm(a, b, c, out, n); });
+        default:
+            return {};
     }
 }
 

@@ -14,7 +14,8 @@ struct Line {
     std::string group, name;
     Op op;
     Shape shape;
-    double tolerance;  // of the comparison with peers: relative to 1 + |result|
+    Problem::Input input;
+    double tolerance;  // of the comparison with peers: relative to the result and the mean of all
     bool ordered;      // the order of a sum is the contract, so the limit is the measure, not the peers
     std::vector<Pass> passes;
 

@@ -8,7 +8,7 @@ namespace {
 
 constexpr double kBatch = 40e-6;  // long beside a look at the clock, short beside a tick of the scheduler
 constexpr double kLong = 1e-3;    // a call that refills the caches by itself
-constexpr int kLeastRounds = 4;
+constexpr int kLeastRounds = 6;
 
 double now() {
     return std::chrono::duration<double>(std::chrono::steady_clock::now().time_since_epoch()).count();

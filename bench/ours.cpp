@@ -54,6 +54,8 @@ Work ours(const Problem& p) {
     switch (p.op) {
         case Op::dispatch:
             return repeat([driver = std::make_shared<Driver>(p)] { driver->run(); });
+        case Op::operator_add:
+            return repeat([=] { kelRt_ewopAdd(out, a, b, n, nullptr); });
         case Op::add:
             return repeat([=] { kelRt_addf(a, b, out, n); });
         case Op::sub:
@@ -97,6 +99,11 @@ Work ours(const Problem& p) {
                 [=, in = static_cast<const int32_t*>(p.integers)] { kelRt_scaleI32toF(in, out, kScale, n); });
         case Op::float_to_i8:
             return repeat([=, to = p.bytes] { kelRt_scaleFtoI8(a, to, kToBytes, n); });
+        case Op::copy_format:
+            return repeat([=] {
+                kelRt_copyFormatConv(bytes_out, 8, kToFraction, 1, bytes_in, 16, kFromFraction, 1, n, nullptr,
+                                     nullptr);
+            });
         case Op::lstm:
             return repeat([=, gates = p.a] { kelRt_lstmStates(out, out + n, gates, n); });
         case Op::lstm_activation:

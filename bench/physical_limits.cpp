@@ -7,8 +7,6 @@
 #include <memory>
 #include <utility>
 
-#include "measure.h"
-
 namespace bench {
 namespace {
 
@@ -97,10 +95,12 @@ struct Buffer {
 
 }  // namespace
 
-Rates measure_rates(double budget) {
-    const std::vector<double> seconds = least_seconds(
-        {repeat(multiply_and_add), repeat(divide), repeat(add_in_order<float>), repeat(add_in_order<double>)},
-        budget);
+std::vector<Work> rate_works() {
+    return {repeat(multiply_and_add), repeat(divide), repeat(add_in_order<float>),
+            repeat(add_in_order<double>)};
+}
+
+Rates rates_from(const double* seconds) {
     constexpr double steps = kSteps;
     return {seconds[0] / (steps * kInFlight * kLanes), seconds[1] / (steps * kInFlight * kLanes),
             seconds[2] / steps, seconds[3] / steps};

@@ -19,11 +19,14 @@ struct Pass {
     double double_chain = 0;  // the same in double precision
 };
 
-// Seconds of one operation at full rate on this processor, in its widest vectors (chains: of one addition).
+// Seconds of one operation at full rate on this processor, in its widest vectors (of the chains: of one
+// addition). They are measured beside every line, because the clock changes with whatever else the processor
+// does.
 struct Rates {
     double flop, division, chain, double_chain;
 };
-Rates measure_rates(double budget);
+std::vector<Work> rate_works();
+Rates rates_from(const double* seconds);  // of the works above
 
 // Work that moves the bytes of a pass: a copy of as many, or only reading or only writing them. Several ways,
 // of which the fastest counts.

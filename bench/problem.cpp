@@ -1,5 +1,6 @@
 #include "problem.h"
 
+#include <algorithm>
 #include <bit>
 #include <cstdlib>
 #include <new>
@@ -15,6 +16,7 @@ Counts counts_of(Op op, const Shape& s) {
     const size_t n = s.n;
     switch (op) {
         case Op::dispatch:
+        case Op::operator_add:
         case Op::add:
         case Op::sub:
         case Op::mul:
@@ -45,6 +47,8 @@ Counts counts_of(Op op, const Shape& s) {
             return {.out = n, .integer_bytes = 2 * n};
         case Op::i32_to_float:
             return {.out = n, .integer_bytes = 4 * n};
+        case Op::copy_format:
+            return {.integer_bytes = 2 * n, .bytes = n};
         case Op::float_to_i8:
             return {.a = n, .bytes = n};
         case Op::lstm:
@@ -69,19 +73,19 @@ Counts counts_of(Op op, const Shape& s) {
     std::abort();
 }
 
-// Uniform floats from low to high, the same for everyone who asks with the same seed.
-void fill(float* values, size_t count, float low, float high, uint32_t seed) {
-    for (size_t i = 0; i < count; ++i) {
-        seed = seed * 1664525 + 1013904223;
-        values[i] = low + (high - low) * static_cast<float>(seed >> 8) * 0x1p-24f;
-    }
+// What `make` makes of random words, the same for everyone who asks with the same seed; repeated after a
+// prime number of them, because filling takes longer than measuring.
+template <class T, class Make>
+void fill(T* values, size_t count, uint32_t seed, Make make) {
+    constexpr size_t kPeriod = 65521;
+    for (size_t i = 0; i < std::min(count, kPeriod); ++i)
+        values[i] = make(seed = seed * 1664525 + 1013904223);
+    for (size_t filled = kPeriod; filled < count; filled += kPeriod)
+        std::copy_n(values, std::min(count - filled, kPeriod), values + filled);
 }
 
-void fill_subnormal(float* values, size_t count, uint32_t seed) {
-    for (size_t i = 0; i < count; ++i) {
-        seed = seed * 1664525 + 1013904223;
-        values[i] = std::bit_cast<float>(seed & 0x807FFFFFu);
-    }
+auto uniform(float low, float high) {
+    return [=](uint32_t word) { return low + (high - low) * static_cast<float>(word >> 8) * 0x1p-24f; };
 }
 
 }  // namespace
@@ -123,18 +127,16 @@ Problem::Problem(Op operation, const Shape& s, Input input) : op(operation), sha
     const Counts count = counts_of(op, s);
     const auto floats = [&](size_t n, uint32_t seed) {
         auto* values = static_cast<float*>(allocate(n, sizeof(float)));
-        // Deviations, scales and the values of reductions must not be near zero.
-        const bool lstm = op == Op::lstm;
         if (input == Input::subnormal)
-            fill_subnormal(values, n, seed);
-        else if (lstm)
-            fill(values, n, 0.05f, 0.95f, seed);  // activated gates
+            fill(values, n, seed, [](uint32_t word) { return std::bit_cast<float>(word & 0x807FFFFFu); });
+        else if (op == Op::lstm)
+            fill(values, n, seed, uniform(0.05f, 0.95f));  // activated gates
         else if (op == Op::feature_norm && seed == 3)
-            fill(values, n, 0.5f, 2, seed);
+            fill(values, n, seed, uniform(0.5f, 2));  // deviations
         else if (op == Op::sum)
-            fill(values, n, 0, 1, seed);
+            fill(values, n, seed, uniform(0, 1));  // or peers could not agree on what is left
         else
-            fill(values, n, -4, 4, seed);
+            fill(values, n, seed, uniform(-4, 4));
         return values;
     };
     a = floats(count.a, 1);
@@ -145,12 +147,10 @@ Problem::Problem(Op operation, const Shape& s, Input input) : op(operation), sha
     if (op == Op::one_hot || op == Op::embedding)
         a[0] = 3;
     integers = allocate(count.integer_bytes, 1);
-    uint32_t word = 6;
-    for (size_t i = 0; i < count.integer_bytes; ++i)
-        static_cast<uint8_t*>(integers)[i] = static_cast<uint8_t>((word = word * 1664525 + 1013904223) >> 24);
+    fill(static_cast<uint8_t*>(integers), count.integer_bytes, 6,
+         [](uint32_t word) { return static_cast<uint8_t>(word >> 24); });
     bytes = static_cast<int8_t*>(allocate(count.bytes, 1));
-    for (size_t i = 0; i < count.bytes; ++i)
-        bytes[i] = 99;
+    std::fill_n(bytes, count.bytes, static_cast<int8_t>(99));
     out_count = count.out;
     bytes_count = count.bytes;
 }

@@ -11,6 +11,7 @@ namespace bench {
 
 enum class Op {
     dispatch,
+    operator_add,
     add,
     sub,
     mul,
@@ -31,6 +32,7 @@ enum class Op {
     i16_to_float,
     i32_to_float,
     float_to_i8,
+    copy_format,
     lstm,
     lstm_activation,
     lstm_norm,
@@ -65,13 +67,15 @@ constexpr float kScale = 0.7f, kBias = 0.3f, kToBytes = 40.0f, kMean = 0.1f, kEp
 //   vectors          a, b, c, d and out of n floats; integers of any width are in `integers`
 //   sum, variance    out[0]; min_max: out[0] the least, out[1] the largest
 //   layer_norm       b gamma, c beta; feature_norm: b mean, c deviation, frames of kFrame
-//   lstm*            a the gates i, f, o, g (4n); out: n of the hidden state, then n of the cell state,
-//   updated in place lstm_norm        b gammas, c betas: those of gate k start at k * n / 4 floats, those of
-//   the cell at 4n floats matmul           a, b, out; transpose: out alone, rows x cols as stored, in place
+//   copy_format      16-bit integers with kFromFraction fractional bits to bytes with kToFraction
+//   lstm*            a the gates i, f, o, g (4n); out: hidden state (n), then cell state (n), in place
+//   lstm_norm        b gammas, c betas: of gate k from k * n / 4 floats on, of the cell from 4n
+//   matmul           a, b, out; transpose: out alone, rows x cols as stored, in place
 //   hw32*, im2col    integers to bytes
-//   one_hot          a[0] the index into n; embedding: a[0] the index of a row of n in the table b of
-//   kTableRows
+//   one_hot          a[0] the index into n; embedding: of a row of n in b, a table of kTableRows
 enum : size_t { kFrame = 40, kTableRows = 8 };
+enum : uint32_t { kFromFraction = 12, kToFraction = 4 };
+constexpr float kFormatFactor = (1 << kToFraction) / static_cast<float>(1 << kFromFraction);
 
 class Problem {
   public:

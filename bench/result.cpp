@@ -8,6 +8,16 @@
 namespace bench {
 namespace {
 
+std::string ratio_text(double ratio) {
+    if (ratio == 0)
+        return "";
+    char text[32];
+    std::snprintf(text, sizeof text, "%.2f", ratio);
+    return text;
+}
+
+}  // namespace
+
 std::string time_text(double seconds) {
     char text[32];
     const double ns = seconds * 1e9;
@@ -19,14 +29,6 @@ std::string time_text(double seconds) {
         std::snprintf(text, sizeof text, "%.1f ms", ns / 1e6);
     return text;
 }
-
-std::string ratio_text(double ratio) {
-    char text[32];
-    std::snprintf(text, sizeof text, "%.2f", ratio);
-    return text;
-}
-
-}  // namespace
 
 std::vector<Group> groups_of(const std::vector<Result>& results) {
     std::vector<Group> groups;
@@ -64,7 +66,8 @@ void print(const Result& r, bool with_peers, bool all) {
     std::printf(" %10s %-11s %8.2f\n", time_text(r.limit.seconds).c_str(), r.limit.kind, r.fraction());
     if (all)
         for (const Timed& peer : r.peers)
-            std::printf("    %-9s %10s\n", peer.name.c_str(), time_text(peer.seconds).c_str());
+            std::printf("    %-9s %10s  differs by %.1e\n", peer.name.c_str(),
+                        time_text(peer.seconds).c_str(), peer.distance);
     std::fflush(stdout);
 }
 

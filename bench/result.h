@@ -11,6 +11,7 @@ namespace bench {
 struct Timed {
     std::string name;
     double seconds;
+    double distance;  // of its results from ours
 };
 
 struct Result {
@@ -30,6 +31,8 @@ struct Group {
     double ratio;     // geometric mean of best peer's time / ours; 0 without peers
     double fraction;  // geometric mean of limit / ours
 };
+std::string time_text(double seconds);
+
 std::vector<Group> groups_of(const std::vector<Result>& results);
 
 void print_heading(const std::string& group, bool with_peers);

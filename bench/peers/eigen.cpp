@@ -75,13 +75,25 @@ Work matmul(const Problem& p) {
     });
 }
 
+// Squares by Eigen itself; others from a copy, in blocks that it turns in registers.
 Work transpose(const Problem& p) {
     const auto rows = static_cast<Index>(p.shape.rows), cols = static_cast<Index>(p.shape.cols);
     if (rows == cols)
         return repeat([=, out = p.out] { Eigen::Map<Matrix>(out, rows, cols).transposeInPlace(); });
+    constexpr Index kBlock = 8;
+    using Block = Eigen::Matrix<float, kBlock, kBlock, Eigen::RowMajor>;
     return repeat([=, out = p.out, copy = std::make_shared<Matrix>(rows, cols)] {
         *copy = Eigen::Map<Matrix>(out, rows, cols);
-        Eigen::Map<Matrix>(out, cols, rows) = copy->transpose();
+        Eigen::Map<Matrix> turned(out, cols, rows);
+        const Index whole_rows = rows / kBlock * kBlock, whole_cols = cols / kBlock * kBlock;
+        for (Index j = 0; j < whole_cols; j += kBlock)
+            for (Index i = 0; i < whole_rows; i += kBlock) {
+                Block block = copy->block<kBlock, kBlock>(i, j);
+                block.transposeInPlace();
+                turned.block<kBlock, kBlock>(j, i) = block;
+            }
+        turned.rightCols(rows - whole_rows) = copy->bottomRows(rows - whole_rows).transpose();
+        turned.bottomRows(cols - whole_cols) = copy->rightCols(cols - whole_cols).transpose();
     });
 }
 
@@ -107,6 +119,7 @@ Work eigen(const Problem& p) {
     const In a(p.a, n), b(p.b, n), c(p.c, n), d(p.d, n);
     float* const out = p.out;
     switch (p.op) {
+        case Op::operator_add:
         case Op::add:
             return repeat([=] { Out(out, n) = a + b; });
         case Op::sub:
@@ -159,6 +172,12 @@ Work eigen(const Problem& p) {
                 [=, to = Eigen::Map<Eigen::Array<int8_t, Eigen::Dynamic, 1>>(p.bytes, n)]() mutable {
                     to = (a * kToBytes).max(-128.0f).min(127.0f).cast<int8_t>();
                 });
+        case Op::copy_format:
+            return repeat([=, to = Eigen::Map<Eigen::Array<int8_t, Eigen::Dynamic, 1>>(p.bytes, n),
+                           in = Eigen::Map<const Eigen::Array<int16_t, Eigen::Dynamic, 1>>(
+                               static_cast<const int16_t*>(p.integers), n)]() mutable {
+                to = (in.cast<float>() * kFormatFactor).max(-128.0f).min(127.0f).cast<int8_t>();
+            });
         case Op::lstm:
             return repeat([=, g = p.a] {
                 Out h(out, n), cell(out + n, n);

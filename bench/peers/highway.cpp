@@ -239,6 +239,7 @@ Work highway(const Problem& p) {
         return {};
     const V one = splat(1), factor = splat(kScale);
     switch (p.op) {
+        case Op::operator_add:
         case Op::add:
             return each(p, [=](size_t i) { return hn::Add(load(a + i), load(b + i)); });
         case Op::sub:

@@ -1,5 +1,5 @@
-// libxsmm: products of small matrices by code made for their size, and transpositions. Its matrices are stored by
-// columns, so a product is asked for with the operands exchanged.
+// libxsmm: products of small matrices by code made for their size, and transpositions. Its matrices are
+// stored by columns, so a product is asked for with the operands exchanged.
 #include <libxsmm.h>
 
 #include <cstring>
@@ -66,15 +66,20 @@ Work libxsmm(const Problem& p) {
     if (!ready)
         return {};
     switch (p.op) {
-        case Op::matmul: return matmul(p);
-        case Op::transpose: return transpose(p);
-        case Op::hw32_to_linear: return hw32(p, true);
-        case Op::linear_to_hw32: return hw32(p, false);
+        case Op::matmul:
+            return matmul(p);
+        case Op::transpose:
+            return transpose(p);
+        case Op::hw32_to_linear:
+            return hw32(p, true);
+        case Op::linear_to_hw32:
+            return hw32(p, false);
         case Op::split:
             return repeat([=, a = p.a, out = p.out, n = static_cast<int>(p.shape.n)] {
                 libxsmm_matcopy(out, a, sizeof(float), n, 1, n, n);
             });
-        default: return {};
+        default:
+            return {};
     }
 }
 

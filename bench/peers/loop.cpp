@@ -198,6 +198,7 @@ Work loop(const Problem& p) {
     switch (p.op) {
         case Op::dispatch:
             return {};  // there is no work to speak of, and a loop has no dispatch
+        case Op::operator_add:
         case Op::add:
             return repeat([=] { each(out, n, [=](size_t i) { return a[i] + b[i]; }); });
         case Op::sub:
@@ -243,6 +244,12 @@ Work loop(const Problem& p) {
             return repeat([=, to = p.bytes] {
                 for (size_t i = 0; i < n; ++i)
                     to[i] = static_cast<int8_t>(std::min(std::max(a[i] * kToBytes, -128.0f), 127.0f));
+            });
+        case Op::copy_format:
+            return repeat([=, in = static_cast<const int16_t*>(p.integers), to = p.bytes] {
+                for (size_t i = 0; i < n; ++i)
+                    to[i] = static_cast<int8_t>(
+                        std::min(std::max(static_cast<float>(in[i]) * kFormatFactor, -128.0f), 127.0f));
             });
         case Op::lstm:
             return repeat([=] { lstm(a, out, out + n, n); });

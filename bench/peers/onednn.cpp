@@ -1,6 +1,6 @@
 // oneDNN's primitives, created once and executed on one thread.
-#include <dnnl.hpp>
 #include <omp.h>
+#include <dnnl.hpp>
 
 #include "peers.h"
 
@@ -48,7 +48,9 @@ Work eltwise(const Problem& p, dnnl::algorithm algorithm, float alpha = 0, float
 Work binary(const Problem& p, dnnl::algorithm algorithm) {
     const memory::desc desc = vector(static_cast<memory::dim>(p.shape.n));
     return execute(dnnl::binary({{algorithm, desc, desc, desc}, cpu().engine}),
-                   {{DNNL_ARG_SRC_0, over(desc, p.a)}, {DNNL_ARG_SRC_1, over(desc, p.b)}, {DNNL_ARG_DST, over(desc, p.out)}});
+                   {{DNNL_ARG_SRC_0, over(desc, p.a)},
+                    {DNNL_ARG_SRC_1, over(desc, p.b)},
+                    {DNNL_ARG_DST, over(desc, p.out)}});
 }
 
 Work softmax(const Problem& p) {
@@ -68,7 +70,8 @@ Work layer_norm(const Problem& p) {
     const memory::desc desc({1, n}, Type::f32, Tag::ab);
     using dnnl::normalization_flags;
     const dnnl::layer_normalization_forward::desc what(
-        dnnl::prop_kind::forward_inference, desc, kEpsilon, normalization_flags::use_scale | normalization_flags::use_shift);
+        dnnl::prop_kind::forward_inference, desc, kEpsilon,
+        normalization_flags::use_scale | normalization_flags::use_shift);
     return execute(dnnl::layer_normalization_forward({what, cpu().engine}),
                    {{DNNL_ARG_SRC, over(desc, p.a)},
                     {DNNL_ARG_DST, over(desc, p.out)},
@@ -76,7 +79,8 @@ Work layer_norm(const Problem& p) {
                     {DNNL_ARG_SHIFT, over(vector(n), p.c)}});
 }
 
-Work convert(const memory::desc& from, const void* source, const memory::desc& to, void* target, float scale) {
+Work convert(const memory::desc& from, const void* source, const memory::desc& to, void* target,
+             float scale) {
     dnnl::primitive_attr attributes;
     attributes.set_output_scales(0, {scale});
     return execute(dnnl::reorder({cpu().engine, from, cpu().engine, to, attributes}),
@@ -87,7 +91,8 @@ Work convert(const memory::desc& from, const void* source, const memory::desc& t
 Work hw32(const Problem& p, bool to_linear) {
     const Dims dims = {static_cast<memory::dim>(p.shape.rows), 4, static_cast<memory::dim>(p.shape.cols)};
     const memory::desc planes(dims, Type::u8, Tag::abc), linear(dims, Type::u8, Tag::acb);
-    return to_linear ? convert(planes, p.integers, linear, p.bytes, 1) : convert(linear, p.integers, planes, p.bytes, 1);
+    return to_linear ? convert(planes, p.integers, linear, p.bytes, 1)
+                     : convert(linear, p.integers, planes, p.bytes, 1);
 }
 
 Work matmul(const Problem& p) {
@@ -119,32 +124,53 @@ Work onednn(const Problem& p) {
     using dnnl::algorithm;
     switch (p.op) {
         case Op::dispatch:
-        case Op::add: return binary(p, algorithm::binary_add);
-        case Op::sub: return binary(p, algorithm::binary_sub);
-        case Op::mul: return binary(p, algorithm::binary_mul);
-        case Op::scale: return eltwise(p, algorithm::eltwise_linear, kScale);
-        case Op::complement: return eltwise(p, algorithm::eltwise_linear, -1, 1);
-        case Op::exp: return eltwise(p, algorithm::eltwise_exp);
-        case Op::sigmoid: return eltwise(p, algorithm::eltwise_logistic);
-        case Op::tanh: return eltwise(p, algorithm::eltwise_tanh);
-        case Op::softmax: return softmax(p);
-        case Op::sum: return reduction(p, algorithm::reduction_sum, p.out);
+        case Op::operator_add:
+        case Op::add:
+            return binary(p, algorithm::binary_add);
+        case Op::sub:
+            return binary(p, algorithm::binary_sub);
+        case Op::mul:
+            return binary(p, algorithm::binary_mul);
+        case Op::scale:
+            return eltwise(p, algorithm::eltwise_linear, kScale);
+        case Op::complement:
+            return eltwise(p, algorithm::eltwise_linear, -1, 1);
+        case Op::exp:
+            return eltwise(p, algorithm::eltwise_exp);
+        case Op::sigmoid:
+            return eltwise(p, algorithm::eltwise_logistic);
+        case Op::tanh:
+            return eltwise(p, algorithm::eltwise_tanh);
+        case Op::softmax:
+            return softmax(p);
+        case Op::sum:
+            return reduction(p, algorithm::reduction_sum, p.out);
         case Op::min_max:
             return repeat([least = reduction(p, algorithm::reduction_min, p.out),
                            largest = reduction(p, algorithm::reduction_max, p.out + 1)] {
                 least(1);
                 largest(1);
             });
-        case Op::layer_norm: return layer_norm(p);
-        case Op::i8_to_float: return convert(vector(n, Type::s8), p.integers, vector(n), p.out, kScale);
-        case Op::i32_to_float: return convert(vector(n, Type::s32), p.integers, vector(n), p.out, kScale);
-        case Op::float_to_i8: return convert(vector(n), p.a, vector(n, Type::s8), p.bytes, kToBytes);
-        case Op::matmul: return matmul(p);
-        case Op::transpose: return transpose(p);
-        case Op::hw32_to_linear: return hw32(p, true);
-        case Op::linear_to_hw32: return hw32(p, false);
-        case Op::split: return convert(vector(n), p.a, vector(n), p.out, 1);
-        default: return {};
+        case Op::layer_norm:
+            return layer_norm(p);
+        case Op::i8_to_float:
+            return convert(vector(n, Type::s8), p.integers, vector(n), p.out, kScale);
+        case Op::i32_to_float:
+            return convert(vector(n, Type::s32), p.integers, vector(n), p.out, kScale);
+        case Op::float_to_i8:
+            return convert(vector(n), p.a, vector(n, Type::s8), p.bytes, kToBytes);
+        case Op::matmul:
+            return matmul(p);
+        case Op::transpose:
+            return transpose(p);
+        case Op::hw32_to_linear:
+            return hw32(p, true);
+        case Op::linear_to_hw32:
+            return hw32(p, false);
+        case Op::split:
+            return convert(vector(n), p.a, vector(n), p.out, 1);
+        default:
+            return {};
     }
 }
 

@@ -44,6 +44,7 @@ Work openblas(const Problem& p) {
             return repeat([=] { *out = cblas_ssum(n, a, 1); });
         case Op::scale:
             return repeat([=] { cblas_saxpby(n, kScale, a, 1, 0, out, 1); });
+        case Op::operator_add:
         case Op::add:
             return repeat([=] {
                 cblas_scopy(n, a, 1, out, 1);

@@ -1,24 +1,15 @@
-// Line charts as SVG, with the few things that error curves need: linear or logarithmic axes, bands, filled
-// envelopes. Colours follow the reader's light or dark scheme.
+// Line charts as SVG, with the few things that the pages need: linear or logarithmic axes, bands, filled
+// envelopes, lines. Colours follow the reader's light or dark scheme.
 #pragma once
 
 #include <cmath>
-#include <cstdarg>
-#include <cstdio>
 #include <string>
+#include <utility>
 #include <vector>
 
-namespace accuracy {
+#include "page.h"
 
-inline std::string format(const char* pattern, ...) __attribute__((format(printf, 1, 2)));
-inline std::string format(const char* pattern, ...) {
-    char text[512];
-    va_list arguments;
-    va_start(arguments, pattern);
-    std::vsnprintf(text, sizeof text, pattern, arguments);
-    va_end(arguments);
-    return text;
-}
+namespace docs {
 
 struct Axis {
     double low, high;
@@ -47,10 +38,12 @@ class Chart {
         svg_ += R"(<style>
 .paper{fill:#ffffff} .ink{fill:#24292f} .quiet{fill:#57606a} .grid{stroke:#d0d7de} .frame{stroke:#57606a;fill:none}
 .line0{stroke:#0550ae;fill:none} .line1{stroke:#bc4c00;fill:none} .area0{fill:#0550ae} .area1{fill:#bc4c00}
-.band{fill:#57606a}
+.line2{stroke:#116329;fill:none} .line3{stroke:#8250df;fill:none} .line4{stroke:#cf222e;fill:none}
+.line5{stroke:#1b7c83;fill:none} .line6{stroke:#9a6700;fill:none} .band{fill:#57606a}
 @media (prefers-color-scheme: dark){
 .paper{fill:#0d1117} .ink{fill:#e6edf3} .quiet{fill:#9198a1} .grid{stroke:#30363d} .frame{stroke:#9198a1}
-.line0{stroke:#79c0ff} .line1{stroke:#ffa657} .area0{fill:#79c0ff} .area1{fill:#ffa657} .band{fill:#9198a1}}
+.line0{stroke:#79c0ff} .line1{stroke:#ffa657} .area0{fill:#79c0ff} .area1{fill:#ffa657} .line2{stroke:#7ee787}
+.line3{stroke:#d2a8ff} .line4{stroke:#ff7b72} .line5{stroke:#76e3ea} .line6{stroke:#e3b341} .band{fill:#9198a1}}
 </style>
 )";
         svg_ += format("<rect class=\"paper\" width=\"%d\" height=\"%d\" rx=\"6\"/>\n", kWidth, kHeight);
@@ -87,17 +80,15 @@ class Chart {
 
     // The largest values, drawn as a line, over the mean, drawn dashed; `number` chooses the colour.
     void curve(int number, const std::vector<Point>& largest, const std::vector<Point>& mean) {
-        const auto path = [this](const std::vector<Point>& points) {
-            std::string d;
-            for (const Point& p : points)
-                d += format("%s%.1f %.1f", d.empty() ? "M" : "L", across(p.x), up(p.y));
-            return d;
-        };
         svg_ += format("<path class=\"area%d\" fill-opacity=\"0.12\" d=\"", number) + path(largest) +
                 format("V%dH%.1fZ\"/>\n", kBottom, across(largest.front().x));
         svg_ += format("<path class=\"line%d\" stroke-width=\"1.4\" d=\"", number) + path(largest) + "\"/>\n";
         svg_ +=
             format("<path class=\"line%d\" stroke-dasharray=\"4 3\" d=\"", number) + path(mean) + "\"/>\n";
+    }
+
+    void line(int number, const std::vector<Point>& points) {
+        svg_ += format("<path class=\"line%d\" stroke-width=\"1.8\" d=\"", number) + path(points) + "\"/>\n";
     }
 
     // One line of the legend, at the top right.
@@ -117,10 +108,16 @@ class Chart {
   private:
     static constexpr int kWidth = 860, kHeight = 420, kLeft = 78, kRight = 840, kTop = 44, kBottom = 356;
     double across(double x) const { return kLeft + (kRight - kLeft) * x_.position(x); }
+    std::string path(const std::vector<Point>& points) const {
+        std::string d;
+        for (const Point& p : points)
+            d += format("%s%.1f %.1f", d.empty() ? "M" : "L", across(p.x), up(p.y));
+        return d;
+    }
     double up(double y) const { return kBottom - (kBottom - kTop) * y_.position(y); }
 
     Axis x_, y_;
     std::string svg_;
 };
 
-}  // namespace accuracy
+}  // namespace docs

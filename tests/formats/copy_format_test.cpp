@@ -8,7 +8,7 @@
 #include <cstdlib>
 #include <limits>
 
-#include "formats/guarded.h"
+#include "support/guarded.h"
 #include "support/probe.h"
 #include "support/rig.h"
 

@@ -4,7 +4,7 @@
 
 #include <numeric>
 
-#include "formats/guarded.h"
+#include "support/guarded.h"
 #include "operators/hw32_shuffle.h"
 #include "support/probe.h"
 #include "support/rig.h"

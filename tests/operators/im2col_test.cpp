@@ -3,7 +3,7 @@
 
 #include <random>
 
-#include "formats/guarded.h"
+#include "support/guarded.h"
 #include "support/probe.h"
 #include "support/rig.h"
 

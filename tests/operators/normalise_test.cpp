@@ -1,5 +1,5 @@
-// Softmax and instance normalisation by their definitions: the order of sums and roundings, every small size
-// and larger ones, special values, degenerate inputs.
+// Softmax, instance and feature normalisation by their definitions: the order of sums and roundings, every
+// small size and larger ones, special values, degenerate inputs.
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -155,6 +155,21 @@ TEST(InstanceNorm, OfNextToNoDeviation) {
     EXPECT_EQ(one, Floats{0.25f});
     for (uint32_t i = 1; i < 200; ++i)  // where the digits of epsilon show, and the root's precision
         expect_instance_norm({static_cast<float>(i) * 0x1p-17f, static_cast<float>(i) * -0x1p-17f});
+}
+
+TEST(FeatureNorm, NormalisesWholeFramesOnly) {
+    for (uint32_t length = 0; length <= 20; ++length) {
+        const Floats mean = floats::plain(length + 1, 1), var = floats::wild(length + 1, 2);
+        for (uint32_t total = 0; total <= 40; ++total) {
+            const Floats in = floats::wild(total + 1, total);
+            Floats out(total + 1, -7), expected = out;
+            for (uint32_t i = 0; length > 0 && i < total / length * length; ++i)
+                expected[i] = (in[i] - mean[i % length]) / var[i % length];
+            EXPECT_EQ(kelRt_featurenorm(in.data(), total, mean.data(), var.data(), length, out.data()),
+                      NNA_STATUS_OK);
+            ASSERT_EQ(floats::differ_at(out, expected), out.size()) << total << " by " << length;
+        }
+    }
 }
 
 }  // namespace

@@ -1,4 +1,4 @@
-// Floats for tests: their bits, inputs by strategy, and the arithmetic of vector parts by its definition.
+// Inputs for tests by strategy, the bits of floats, and the arithmetic of vector parts by its definition.
 #pragma once
 
 #include <bit>
@@ -76,6 +76,14 @@ inline Floats plain(size_t n, uint32_t seed) {
     for (float& value : x)
         value = random.plain();
     return x;
+}
+
+inline std::vector<uint8_t> noise(size_t n, uint32_t seed) {
+    Random random(seed);
+    std::vector<uint8_t> bytes(n);
+    for (uint8_t& byte : bytes)
+        byte = static_cast<uint8_t>(random() >> 24);
+    return bytes;
 }
 
 // The first element whose bits differ, or the size. From element `scalar` on, which NaN it is stays open.

@@ -5,7 +5,6 @@
 #include <numeric>
 
 #include "kelRt.h"
-#include "operators/hw32_shuffle.h"
 #include "support/floats.h"
 #include "support/guarded.h"
 
@@ -39,7 +38,7 @@ const struct {
     bool to_linear;
     void (*convert)(Lines d, Lines s, uint32_t L);
 } kConverters[] = {
-    {1, false, [](Lines d, Lines s, uint32_t L) { kelrt::convert_lin_hw(d[0], s[0], L); }},
+    {1, false, [](Lines d, Lines s, uint32_t L) { kelRt_hw32FmtConvParam(d[0], s[0], L, 1, L, nullptr); }},
     {1, true, [](Lines d, Lines s, uint32_t L) { convert_hw_lin(d[0], s[0], L); }},
     {1, true, [](Lines d, Lines s, uint32_t L) { convert_hw_lin_neon_1(d[0], s[0], L); }},
     {2, true, [](Lines d, Lines s, uint32_t L) { convert_hw_lin_neon_2(d[0], s[0], d[1], s[1], L); }},
@@ -87,7 +86,7 @@ TEST(Hw32Line, ConvertsInPlaceAndOverlapping) {
                 uint8_t* const src = area.data() + (forward ? 0 : shift);
                 uint8_t* const dst = area.data() + (forward ? shift : 0);
                 std::copy(original.begin(), original.end(), src);
-                kelrt::convert_lin_hw(dst, src, L);
+                kelRt_hw32FmtConvParam(dst, src, L, 1, L, nullptr);
                 ASSERT_EQ(Bytes(dst, dst + bytes), converted(original, false));
                 std::memmove(src, dst, bytes);
                 convert_hw_lin(dst, src, L);

@@ -204,7 +204,10 @@ struct Operation {
 
 template <class Op>
 void on_blocks(Operands x, uint32_t* y, Op op) {
-    kelrt::for_blocks<4>(kBlock, [=](size_t i) { op(x.a + i, x.b + i, x.c + i, y + i); });
+    kelrt::vector_part<true>([=] {
+        for (size_t i = 0; i < kBlock; i += 4)
+            op(x.a + i, x.b + i, x.c + i, y + i);
+    });
 }
 template <class Op>
 void on_floats(Operands x, uint32_t* y, Op op) {
@@ -444,6 +447,11 @@ int main(int argc, char** argv) {
             std::fprintf(stderr, "kelrt_sweep: what is %s?\n", option.c_str());
             return 2;
         }
+    }
+
+    if (stride == 0 || stride > UINT64_C(1) << 32) {
+        std::fprintf(stderr, "kelrt_sweep: the stride is a number from 1 to 2^32\n");
+        return 2;
     }
 
     std::map<std::string, std::string> golden;  // "name stride" or "name pairs" to the rest of the line

@@ -14,9 +14,10 @@ using Bytes = std::vector<uint8_t>;
 struct Geometry {
     uint32_t rows, cols, channels, kernel_height, kernel_width, row_stride, col_stride;
 
-    uint32_t out_height() const { return (rows - kernel_height) / row_stride + 1; }
-    uint32_t out_width() const { return (cols - kernel_width) / col_stride + 1; }
-    // Up to the end of the last receptive field: the map may end there.
+    uint32_t out_height() const { return row_stride ? (rows - kernel_height) / row_stride + 1 : 1; }
+    uint32_t out_width() const { return col_stride ? (cols - kernel_width) / col_stride + 1 : 1; }
+    // Up to the last byte that a patch takes, which may be before the end of the map or, where a kernel is
+    // larger than the input, behind it.
     uint32_t input_bytes() const {
         const uint32_t row = (out_height() - 1) * row_stride + kernel_height - 1;
         return (row * cols + (out_width() - 1) * col_stride + kernel_width) * channels;
@@ -87,7 +88,7 @@ TEST(Im2col, EqualsTheReferenceWithoutTouchingABytePastEitherEnd) {
     const Geometry real[] = {{20, 21, 64, 3, 3, 1, 1}, {40, 33, 3, 5, 5, 1, 1}, {40, 33, 3, 7, 7, 2, 2},
                              {9, 9, 257, 1, 3, 2, 1},  {8, 8, 8, 3, 3, 1, 1},   {8, 8, 3, 3, 3, 1, 1},
                              {1, 40, 1, 1, 1, 1, 1},   {5, 5, 16, 5, 5, 1, 1},  {5, 4, 1, 5, 4, 9, 9},
-                             {1, 40, 1, 1, 1, 1, 20}};
+                             {1, 40, 1, 1, 1, 1, 20},  {18, 1, 1, 1, 2, 6, 0},  {1, 40, 1, 3, 2, 0, 3}};
     for (const Geometry& g : real)
         expect_matches(g);
 }

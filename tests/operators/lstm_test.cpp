@@ -2,6 +2,7 @@
 // another; refusals; profiling lines; the layer normalisation and the dump that come with them.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cmath>
 #include <cstring>
 #include <limits>

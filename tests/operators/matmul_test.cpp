@@ -2,15 +2,18 @@
 #include <gtest/gtest.h>
 
 #include "kelRt.h"
-#include "kel_rt/operators/transpose.h"
 #include "support/floats.h"
 #include "support/guarded.h"
+#include "support/heap.h"
 #include "support/mode.h"
+#include "support/rig.h"
 
 namespace {
 
 using floats::Floats;
 using guarded::Wall;
+using rig::mem;
+using rig::val;
 
 Floats numbered(size_t count) {
     Floats values(count);
@@ -27,24 +30,22 @@ Floats transposed(const Floats& m, size_t rows, size_t cols) {
     return t;
 }
 
-// Both ways of transposing: the one that callers get, and the one it falls back on without memory.
+// As callers get it, and as it goes on when there is no memory for a copy.
 void expect_transposes(int32_t rows, int32_t cols) {
     const auto r = static_cast<uint32_t>(rows), c = static_cast<uint32_t>(cols);
     const Floats m = numbered(size_t{r} * c), expected = transposed(m, r, c);
-    const size_t bytes = 4 * m.size();
-    for (const bool by_cycles : {false, true}) {
-        if (by_cycles && (rows < 2 || cols < 2))
-            continue;
+    const size_t bytes = 4 * m.size(), blocks = heap::blocks();
+    for (const int failing_allocation : {0, 1}) {
         guarded::Bytes memory(bytes, c % 2 ? Wall::Before : Wall::After, r % 4);
         std::memcpy(memory.data(), m.data(), bytes);
-        if (by_cycles)
-            kelrt::transpose_by_cycles(memory.floats(), r, c);
-        else
-            transpose(memory.floats(), cols, rows);
+        heap::fail_allocation(failing_allocation);
+        transpose(memory.floats(), cols, rows);
+        heap::fail_allocation(0);
         ASSERT_EQ(std::memcmp(memory.data(), expected.data(), bytes), 0)
-            << rows << " x " << cols << (by_cycles ? " by cycles" : "");
+            << rows << " x " << cols << (failing_allocation ? " without a copy" : "");
         EXPECT_TRUE(memory.intact());
     }
+    EXPECT_EQ(heap::blocks(), blocks);
 }
 
 TEST(Transpose, EqualsTheNaiveOneForEverySmallShapeAndForWideOnes) {
@@ -191,6 +192,28 @@ TEST(Matmul, AResultOverAnOperandIsWrittenRowByRow) {
     float untouched = 7;
     KelRtMatrix vast{UINT32_MAX, 0, &untouched};  // no rows: no work, however many columns
     m_multiply(&vast, &vast, &vast);
+}
+
+// Drivers that keep several tensors in one memory see the transposition: of an operand that is the other one
+// too, and in accelerator memory as soon as a result in that memory is published, now or later.
+TEST(Matmul, TransposedOperandsAreSharedAndGoAlongWhenTheirMemoryIsPublished) {
+    const Floats x = {1, 2, 3, 4}, moved = {1, 3, 2, 4};
+    for (const bool fetched : {false, true}) {
+        rig::Rig rig;
+        const uint32_t m = rig.memory_of(Floats{1, 2, 3, 4, 0, 0, 0, 0}), other = rig.memory(16);
+        const auto multiply = [&](uint32_t c, uint32_t offset) {
+            return rig.run(10,
+                           {mem(m), mem(m), mem(c, offset), val(2), val(2), val(2), val(2), val(0), val(1)});
+        };
+        EXPECT_EQ(multiply(other, 0), NNA_STATUS_OK);
+        EXPECT_EQ(rig.device<float>(other, 4), (Floats{7, 15, 10, 22})) << "x^T * x^T";
+        EXPECT_EQ(rig.device<float>(m, 4), x);
+        // A later context writes behind x: split into m, from another memory or from m itself.
+        EXPECT_EQ(rig.run(12, {mem(fetched ? m : other), mem(m, 16), val(16)}), NNA_STATUS_OK);
+        EXPECT_EQ(rig.device<float>(m, 4), fetched ? x : moved);
+        EXPECT_EQ(multiply(m, 16), NNA_STATUS_OK);
+        EXPECT_EQ(rig.device<float>(m, 4), fetched ? moved : x) << "transposed anew, and published with c";
+    }
 }
 
 TEST(Matmul, EmptyResultsAndSumsOfNothing) {

@@ -316,6 +316,33 @@ class Runs(KelrtTest):
         self.assertEqual(result.returncode, 1)
         self.assertIn("NNA_STATUS_NULL_POINTER (1056)", result.stdout)
 
+    def test_operands_left_changed_are_warned_of(self):
+        m, at = {"mem": "m"}, lambda offset: {"mem": "m", "offset": offset}
+        matmul = lambda a, b, c, *flags: {"op": "cpu_matmul", "args": [a, b, c, 2, 2, 2, 2, *flags]}
+        add = lambda out, a: {"op": "cpu_ewop_add", "args": [out, a, X, 4]}
+        lstm = {"op": "cpu_lstm_states", "args": [at(48), Y, m, 3]}
+        overlap = "context 0: a and b overlap in memory m, so that both are read as the transposition leaves them"
+        publishes = "publishing %s publishes all of memory m, operand %s as context 0 left it included"
+        for contexts, warnings in [
+            ([matmul(m, m, Z, 0, 1)], [overlap]),
+            ([matmul(m, at(12), Z, 1, 0)], [overlap]),
+            ([matmul(m, at(16), Z, 1, 1)], []),
+            ([matmul(m, m, Z, 0, 0)], []),
+            ([{"op": "cpu_matmul", "args": [m, m, Z, 1, 4, 4, 1, 1, 0]}], []),  # moves nothing
+            ([matmul(m, X, at(16), 1, 0)], ["context 0: " + publishes % ("c", "a")]),
+            ([matmul(X, m, at(16), 1, 0)], []),
+            ([matmul(X, m, Z, 0, 1), add(at(16), Y)], ["context 1: " + publishes % ("out", "b")]),
+            ([matmul(X, m, Z, 0, 1), add(at(16), m), add(at(16), Y)], []),  # fetched anew in between
+            ([lstm], ["context 0: " + publishes % ("out", "gates")]),
+        ]:
+            for kind in ("accelerator", "cpu"):
+                with self.subTest(contexts=contexts, kind=kind):
+                    memories = dict(add_job()["memories"], m=memory([15], kind=kind))
+                    result = self.run_job({"memories": memories, "contexts": contexts})
+                    self.assertEqual(result.returncode, 0, result)
+                    self.assertEqual(result.stderr.splitlines(), ["kelrt: warning: " + warning for warning in warnings
+                                                                  if kind == "accelerator" or "overlap" in warning])
+
     def test_sram_rows_move_both_ways(self):
         job = {"memories": {"m": memory([6], "u1", kind="cpu")},
                "sram": memory([16], "u1", base=4096, values=list(range(16))),
@@ -448,6 +475,9 @@ class Extents(KelrtTest):
             ("cpu_embedding", dict(out=12, index=4, table=12, w=3)),
             ("cpu_im2col", dict(im2col, out=4 * 24, **{"in": 60})),
             ("cpu_im2col", dict(im2col, rows=6, out=4 * 24, **{"in": 60})),
+            # A kernel wider than the map, at a stride of 0: one position a row, and bytes of the row below.
+            ("cpu_im2col", dict(im2col, rows=18, cols=1, channels=1, kernelHeight=1, rowStride=6, colStride=0, out=24,
+                                **{"in": 14})),
             ("cpu_matmul", matmul),
             ("cpu_matmul", dict(matmul, aRows=3, aCols=2, bRows=5, bCols=3, transA=1, transB=1)),
             ("cpu_matmul", dict(matmul, bRows=9, bCols=9, transB=1, b=324, c=72)),

@@ -5,6 +5,8 @@
 #include <algorithm>
 #include <charconv>
 
+#include "im2col_geometry.h"
+
 namespace tool {
 namespace {
 
@@ -61,23 +63,16 @@ double hw32_param(Values v) {
     return hw32(v[4], v[6]);
 }
 
-// im2col: positions of the receptive field along one axis, in the operator's own wrapping arithmetic.
-uint32_t positions(uint32_t size, uint32_t kernel, uint32_t stride) {
-    return quotient(size - kernel, stride) + 1;
+kelrt::Im2colGeometry geometry(Values v) {
+    return {v[4], v[5], v[6], v[7], v[8], v[10], v[11]};
 }
 
 double patches_input(Values v) {
-    const double rows = positions(v[4], v[7], v[10]), cols = positions(v[5], v[8], v[11]);
-    if (rows * cols * v[6] * v[7] * v[8] == 0)
-        return 0;
-    const double last_row = (rows - 1) * v[10] + v[7] - 1.0, last_col = (cols - 1) * v[11] + v[8] - 1.0;
-    return (last_row * v[5] + last_col + 1) * v[6];
+    return static_cast<double>(geometry(v).input_bytes());
 }
 
 double patches_output(Values v) {
-    const double patch = 1.0 * v[6] * v[7] * v[8];
-    const double padded = static_cast<double>(static_cast<uint64_t>((patch + 7) / 8)) * 8;
-    return 1.0 * positions(v[4], v[7], v[10]) * positions(v[5], v[8], v[11]) * padded;
+    return static_cast<double>(geometry(v).output_bytes());
 }
 
 struct Matmul {
@@ -105,6 +100,12 @@ double matmul_c(Values v) {
     return 4 * p.m * p.n;
 }
 
+// Whether transposing moves any element.
+template <int flag, int rows, int cols>
+bool transposes(Values v) {
+    return v[flag] != 0 && dimension(v[rows]) > 1 && dimension(v[cols]) > 1;
+}
+
 double frames(Values v) {
     const uint32_t total = v[3], length = v[6];
     return length > total ? 0 : 4.0 * quotient(total, length) * length;
@@ -124,6 +125,10 @@ double gate_parameters(Values v) {
 
 double cell_parameters(Values v) {
     return v[15] ? 4.0 * v[5] : 0;
+}
+
+bool always(Values) {
+    return true;
 }
 
 double sram_rows(Values v) {
@@ -148,6 +153,12 @@ constexpr Argument inout(const char* name, Extent extent, const char* meaning) {
     return {name, KEL_RT_ARG_MEM, Use::InOut, Element::Float, meaning, extent};
 }
 
+// An operand that the operator works in. Only the CPU's view of accelerator memory shows it, until something
+// else in that memory is published; a CPU buffer keeps it.
+constexpr Argument scratch(const char* name, Extent extent, bool (*is_changed)(Values), const char* meaning) {
+    return {name, KEL_RT_ARG_MEM, Use::Input, Element::Float, meaning, extent, is_changed};
+}
+
 constexpr Argument val(const char* name, const char* meaning) {
     return {name, KEL_RT_ARG_VAL, Use::Scalar, Element::None, meaning, nullptr};
 }
@@ -167,7 +178,8 @@ constexpr Argument kInstanceNorm[] = {
 constexpr Argument kLstm[] = {
     out("out", floats<5>, "new hidden state, n values"),
     inout("cell", floats<5>, "cell state, n values: the previous one, replaced by the new one"),
-    in("gates", floats<5, 4>, "4 blocks of n values: input, forget, output gate, cell candidate; scratch"),
+    scratch("gates", floats<5, 4>, always,
+            "4 blocks of n values: input, forget, output gate, cell candidate; left changed"),
     val("n", "number of units"),
 };
 
@@ -239,8 +251,8 @@ constexpr Argument kIm2col[] = {
 };
 
 constexpr Argument kMatmul[] = {
-    in("a", matmul_a, "aRows x aCols values"),
-    in("b", matmul_b, "bRows x bCols values"),
+    scratch("a", matmul_a, transposes<9, 5, 6>, "aRows x aCols values; left transposed by transA"),
+    scratch("b", matmul_b, transposes<10, 7, 8>, "bRows x bCols values; left transposed by transB"),
     out("c", matmul_c, "the product"),
     val("aRows", "rows of a as stored"),
     val("aCols", "columns of a as stored"),
@@ -268,7 +280,8 @@ constexpr Argument kSplit[] = {
 constexpr Argument kLstmNorm[] = {
     out("out", floats<5>, "new hidden state, n values"),
     inout("cell", floats<5>, "cell state, n values: the previous one, replaced by the new one"),
-    in("gates", floats<5, 4>, "4 blocks of n values: input, forget, output gate, cell candidate; scratch"),
+    scratch("gates", floats<5, 4>, always,
+            "4 blocks of n values: input, forget, output gate, cell candidate; left changed"),
     val("n", "number of units"),
     val("cifg", "not 0: the input gate is 1 - forget gate"),
     val("cpuActivation", "not 0: the gates are raw and activated here"),

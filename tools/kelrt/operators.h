@@ -27,6 +27,8 @@ struct Argument {
     // Bytes that the operator reads or writes from the operand's start; a double, because no product of
     // 32-bit numbers wraps in it.
     double (*extent)(Values values);
+    // Whether the operator leaves the operand changed though it is no result; null: never.
+    bool (*is_changed)(Values values) = nullptr;
 
     bool is_memory() const { return type == KEL_RT_ARG_MEM; }
     bool is_written() const { return use == Use::Output || use == Use::InOut; }

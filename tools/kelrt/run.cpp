@@ -9,6 +9,7 @@
 #include "bad_input.h"
 #include "machine.h"
 #include "status.h"
+#include "warnings.h"
 
 namespace tool {
 namespace {
@@ -158,6 +159,8 @@ class Run {
 }  // namespace
 
 int run_job(const Job& job, const RunOptions& options) {
+    for (const std::string& warning : warnings_of(job))
+        std::fprintf(stderr, "kelrt: warning: %s\n", warning.c_str());
     return Run(job, options).run();
 }
 

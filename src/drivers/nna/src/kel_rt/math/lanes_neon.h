@@ -10,7 +10,9 @@
 
 #include "math/lanes_portable.h"
 
-namespace kelrt::neon {
+namespace kelrt {
+namespace {
+namespace neon {
 
 struct Ints {
     int32x4_t v;
@@ -24,6 +26,7 @@ struct Ints {
 
 struct Floats {
     using Bits = Ints;
+    using Integers = Ints;
     float32x4_t v;
 
     static Floats splat(float value) { return {vdupq_n_f32(value)}; }
@@ -203,4 +206,6 @@ inline void store_int8(void* p, IntPair a) {
     vst1_u8(static_cast<uint8_t*>(p), vreinterpret_u8_s8(vmovn_s16(x)));
 }
 
-}  // namespace kelrt::neon
+}  // namespace neon
+}  // namespace
+}  // namespace kelrt

@@ -79,6 +79,13 @@ void reductions(const float* x, float* y, Reduction reduce) {
         y[i] = i >= kBlock / 4 ? 0 : y[i] != y[i] ? as_float(0x7FC00000u) : y[i];
 }
 
+void to_int8(const float* x, float* y, float scale) {
+    int8_t bytes[kBlock];
+    kelRt_scaleFtoI8(x, bytes, scale, kBlock);
+    for (uint32_t i = 0; i < kBlock; ++i)
+        y[i] = bytes[i];
+}
+
 struct Function {
     const char* name;
     void (*run)(const float* x, float* y);  // kBlock elements
@@ -141,13 +148,11 @@ const Function kFunctions[] = {
     {"batchComplementf", [](const float* x, float* y) { batchComplementf(x, y, kBlock); }},
     {"batchDotproductf",
      [](const float* x, float* y) { batchDotproductf(x, kNearlyOne.v, kNearlyOne.v, x, y, kBlock); }},
-    {"kelRt_scaleFtoI8",
-     [](const float* x, float* y) {
-         int8_t bytes[kBlock];
-         kelRt_scaleFtoI8(x, bytes, 0.37f, kBlock);
-         for (uint32_t i = 0; i < kBlock; ++i)
-             y[i] = bytes[i];
-     }},
+    {"kelRt_scaleFtoI8", [](const float* x, float* y) { to_int8(x, y, 0.37f); }},
+    {"kelRt_scaleFtoI8/1", [](const float* x, float* y) { to_int8(x, y, 1.0f); }},
+    {"kelRt_scaleFtoI8/128", [](const float* x, float* y) { to_int8(x, y, 128.0f); }},
+    {"kelRt_scaleFtoI8/85", [](const float* x, float* y) { to_int8(x, y, 256.0f / 3); }},
+    {"kelRt_scaleFtoI8/tiny", [](const float* x, float* y) { to_int8(x, y, 0x1p-32f); }},
     {"kelRt_sumf",
      [](const float* x, float* y) {
          reductions(x, y, [](const float* in, float* out) { kelRt_sumf(in, out, 8); });

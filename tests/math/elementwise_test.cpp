@@ -29,16 +29,14 @@ struct Row {
     float i32() const { return static_cast<float>(static_cast<int32_t>(word[0])); }
 };
 
-using In = float* const*;
-
 struct Kernel {
     const char* name;
     std::vector<float> parameters;  // `p` of the functions below
-    uint32_t operands, in_bytes, out_bytes;
-    uint32_t block;  // elements that lanes compute together; kNoTail: rounded up to blocks of four
-    uint32_t (*run)(In x, float* y, uint32_t n, float p);
+    uint32_t (*run)(float* const* x, float* y, uint32_t n, float p);
     float (*in_lane)(const Row& x, float p);
     float (*in_tail)(const Row& x, float p);
+    uint32_t block = 4;  // elements that lanes compute together; kNoTail: rounded up to blocks of four
+    uint32_t in_bytes = 4, out_bytes = 4;
 };
 constexpr uint32_t kNoTail = 0, kAllTail = UINT32_MAX;
 
@@ -57,105 +55,84 @@ float exp_lane(float x) {
 float to_int8(float scaled) {
     return std::isnan(scaled) ? 0 : std::trunc(std::fmin(std::fmax(scaled, -128.0f), 127.0f));
 }
+float dot_lane(const Row& x) {
+    return lane::add(lane::mul(x[0], x[2]), lane::mul(x[1], x[3]));
+}
 float norm_lane(const Row& x, float mean, float divisor) {
     return lane::add(x[2], lane::mul(x[1], lane::div(lane::sub(x[0], mean), divisor)));
 }
 float mean_for(float divisor) {  // by no arithmetic, which may trap
     return bits(divisor) == bits(1) ? 0 : 0.37f;
 }
+template <class Int>
+Int* ints(float* x) {
+    return reinterpret_cast<Int*>(x);
+}
 
 const std::vector<float> kNone = {0}, kScales = {0.37f, 0x1.fffffcp-1f, 0x1p-130f, 1e38f},
                          kInt8Scales = {10, 100, 0x1p-130f, 1e38f};
 
+// clang-format off
 const Kernel kKernels[] = {
-    {"kelRt_tanhf", kNone, 1, 4, 4, 4,
-     [](In x, float* y, uint32_t n, float) { return kelRt_tanhf(*x, y, n); },
-     [](const Row& x, float) { return four<vtanhq_f32>(x[0], kExp.v); },
-     [](const Row& x, float) { return std::tanh(x[0]); }},
-    {"kelRt_expf", kNone, 1, 4, 4, 4, [](In x, float* y, uint32_t n, float) { return kelRt_expf(*x, y, n); },
-     [](const Row& x, float) { return exp_lane(x[0]); }, [](const Row& x, float) { return std::exp(x[0]); }},
-    {"kelRt_sigmoidf", kNone, 1, 4, 4, 4,
-     [](In x, float* y, uint32_t n, float) { return kelRt_sigmoidf(*x, y, n); },
-     [](const Row& x, float) { return four<vinvq_f32>(lane::add(exp_lane(-x[0]), 1)); },
-     [](const Row& x, float) { return 1 / (std::exp(-x[0]) + 1); }},
-    {"kelRt_scalef", kScales, 1, 4, 4, 4,
-     [](In x, float* y, uint32_t n, float p) { return kelRt_scalef(*x, y, p, n); },
-     [](const Row& x, float p) { return lane::mul(x[0], p); },
-     [](const Row& x, float p) { return x[0] * p; }},
-    {"kelRt_mulf", kNone, 2, 4, 4, 4,
-     [](In x, float* y, uint32_t n, float) { return kelRt_mulf(x[0], x[1], y, n); },
-     [](const Row& x, float) { return lane::mul(x[0], x[1]); },
-     [](const Row& x, float) { return x[0] * x[1]; }},
-    {"kelRt_addf", kNone, 2, 4, 4, 4,
-     [](In x, float* y, uint32_t n, float) { return kelRt_addf(x[0], x[1], y, n); },
-     [](const Row& x, float) { return lane::add(x[0], x[1]); },
-     [](const Row& x, float) { return x[0] + x[1]; }},
-    {"kelRt_subf", kNone, 2, 4, 4, 4,
-     [](In x, float* y, uint32_t n, float) { return kelRt_subf(x[0], x[1], y, n); },
-     [](const Row& x, float) { return lane::sub(x[0], x[1]); },
-     [](const Row& x, float) { return x[0] - x[1]; }},
-    {"kelRt_complementf", kNone, 1, 4, 4, 4,
-     [](In x, float* y, uint32_t n, float) { return kelRt_complementf(*x, y, n); },
-     [](const Row& x, float) { return lane::sub(1, x[0]); }, [](const Row& x, float) { return 1 - x[0]; }},
-    {"kelRt_dotproductf", kNone, 4, 4, 4, 4,
-     [](In x, float* y, uint32_t n, float) { return kelRt_dotproductf(x[0], x[1], x[2], x[3], y, n); },
-     [](const Row& x, float) { return lane::add(lane::mul(x[0], x[2]), lane::mul(x[1], x[3])); },
-     [](const Row& x, float) { return x[0] * x[2] + x[1] * x[3]; }},
-    {"kelRt_normf",
-     {-1.9f, 1, 0, 0x1p-130f},
-     3,
-     4,
-     4,
-     4,
-     [](In x, float* y, uint32_t n, float p) { return kelRt_normf(x[0], x[1], x[2], mean_for(p), p, y, n); },
-     [](const Row& x, float p) { return norm_lane(x, mean_for(p), p); },
-     [](const Row& x, float p) { return x[2] + ((x[0] - mean_for(p)) / p) * x[1]; }},
-    {"kelRt_scaleI8toF", kScales, 1, 1, 4, 8,
-     [](In x, float* y, uint32_t n, float p) {
-         return kelRt_scaleI8toF(reinterpret_cast<int8_t*>(*x), y, p, n);
-     },
-     [](const Row& x, float p) { return lane::mul(x.i8(), p); },
-     [](const Row& x, float p) { return x.i8() * p; }},
-    {"kelRt_scaleI16toF", kScales, 1, 2, 4, 8,
-     [](In x, float* y, uint32_t n, float p) {
-         return kelRt_scaleI16toF(reinterpret_cast<int16_t*>(*x), y, p, n);
-     },
-     [](const Row& x, float p) { return lane::mul(x.i16(), p); },
-     [](const Row& x, float p) { return x.i16() * p; }},
-    {"kelRt_scaleI32toF", kScales, 1, 4, 4, 4,
-     [](In x, float* y, uint32_t n, float p) {
-         return kelRt_scaleI32toF(reinterpret_cast<int32_t*>(*x), y, p, n);
-     },
-     [](const Row& x, float p) { return lane::mul(x.i32(), p); },
-     [](const Row& x, float p) { return x.i32() * p; }},
-    {"kelRt_scaleFtoI8", kInt8Scales, 1, 4, 1, 8,
-     [](In x, float* y, uint32_t n, float p) {
-         return kelRt_scaleFtoI8(*x, reinterpret_cast<int8_t*>(y), p, n);
-     },
-     [](const Row& x, float p) { return to_int8(lane::mul(x[0], p)); },
-     [](const Row& x, float p) { return to_int8(x[0] * p); }},
-    {"batchMulf", kNone, 2, 4, 4, kNoTail,
-     [](In x, float* y, uint32_t n, float) { return batchMulf(x[0], x[1], y, n), 1001u; },
-     [](const Row& x, float) { return lane::mul(x[0], x[1]); }, nullptr},
-    {"batchAddf", kNone, 2, 4, 4, kNoTail,
-     [](In x, float* y, uint32_t n, float) { return batchAddf(x[0], x[1], y, n), 1001u; },
-     [](const Row& x, float) { return lane::add(x[0], x[1]); }, nullptr},
-    {"batchSubf", kNone, 2, 4, 4, kNoTail,
-     [](In x, float* y, uint32_t n, float) { return batchSubf(x[0], x[1], y, n), 1001u; },
-     [](const Row& x, float) { return lane::sub(x[0], x[1]); }, nullptr},
-    {"batchComplementf", kNone, 1, 4, 4, kNoTail,
-     [](In x, float* y, uint32_t n, float) { return batchComplementf(*x, y, n), 1001u; },
-     [](const Row& x, float) { return lane::sub(1, x[0]); }, nullptr},
-    {"batchDotproductf", kNone, 4, 4, 4, kNoTail,
-     [](In x, float* y, uint32_t n, float) { return batchDotproductf(x[0], x[1], x[2], x[3], y, n), 1001u; },
-     [](const Row& x, float) { return lane::add(lane::mul(x[0], x[2]), lane::mul(x[1], x[3])); }, nullptr},
-    {"kelRt_ewopAdd", kNone, 2, 4, 4, kAllTail,
-     [](In x, float* y, uint32_t n, float) { return kelRt_ewopAdd(y, x[0], x[1], n, nullptr); }, nullptr,
-     [](const Row& x, float) { return x[0] + x[1]; }},
-    {"kelRt_featurenorm", kNone, 3, 4, 4, kAllTail,
-     [](In x, float* y, uint32_t n, float) { return kelRt_featurenorm(x[0], n, x[1], x[2], n, y); }, nullptr,
-     [](const Row& x, float) { return (x[0] - x[1]) / x[2]; }},
+    {"kelRt_tanhf", kNone, [](auto x, auto y, auto n, auto) { return kelRt_tanhf(*x, y, n); },
+     [](auto& x, auto) { return four<vtanhq_f32>(x[0], kExp.v); },
+     [](auto& x, auto) { return std::tanh(x[0]); }},
+    {"kelRt_expf", kNone, [](auto x, auto y, auto n, auto) { return kelRt_expf(*x, y, n); },
+     [](auto& x, auto) { return exp_lane(x[0]); }, [](auto& x, auto) { return std::exp(x[0]); }},
+    {"kelRt_sigmoidf", kNone, [](auto x, auto y, auto n, auto) { return kelRt_sigmoidf(*x, y, n); },
+     [](auto& x, auto) { return four<vinvq_f32>(lane::add(exp_lane(-x[0]), 1)); },
+     [](auto& x, auto) { return 1 / (std::exp(-x[0]) + 1); }},
+    {"kelRt_scalef", kScales, [](auto x, auto y, auto n, auto p) { return kelRt_scalef(*x, y, p, n); },
+     [](auto& x, auto p) { return lane::mul(x[0], p); }, [](auto& x, auto p) { return x[0] * p; }},
+    {"kelRt_mulf", kNone, [](auto x, auto y, auto n, auto) { return kelRt_mulf(x[0], x[1], y, n); },
+     [](auto& x, auto) { return lane::mul(x[0], x[1]); }, [](auto& x, auto) { return x[0] * x[1]; }},
+    {"kelRt_addf", kNone, [](auto x, auto y, auto n, auto) { return kelRt_addf(x[0], x[1], y, n); },
+     [](auto& x, auto) { return lane::add(x[0], x[1]); }, [](auto& x, auto) { return x[0] + x[1]; }},
+    {"kelRt_subf", kNone, [](auto x, auto y, auto n, auto) { return kelRt_subf(x[0], x[1], y, n); },
+     [](auto& x, auto) { return lane::sub(x[0], x[1]); }, [](auto& x, auto) { return x[0] - x[1]; }},
+    {"kelRt_complementf", kNone, [](auto x, auto y, auto n, auto) { return kelRt_complementf(*x, y, n); },
+     [](auto& x, auto) { return lane::sub(1, x[0]); }, [](auto& x, auto) { return 1 - x[0]; }},
+    {"kelRt_dotproductf", kNone,
+     [](auto x, auto y, auto n, auto) { return kelRt_dotproductf(x[0], x[1], x[2], x[3], y, n); },
+     [](auto& x, auto) { return dot_lane(x); }, [](auto& x, auto) { return x[0] * x[2] + x[1] * x[3]; }},
+    {"kelRt_normf", {-1.9f, 1, 0, 0x1p-130f},
+     [](auto x, auto y, auto n, auto p) { return kelRt_normf(x[0], x[1], x[2], mean_for(p), p, y, n); },
+     [](auto& x, auto p) { return norm_lane(x, mean_for(p), p); },
+     [](auto& x, auto p) { return x[2] + ((x[0] - mean_for(p)) / p) * x[1]; }},
+    {"kelRt_scaleI8toF", kScales,
+     [](auto x, auto y, auto n, auto p) { return kelRt_scaleI8toF(ints<int8_t>(*x), y, p, n); },
+     [](auto& x, auto p) { return lane::mul(x.i8(), p); }, [](auto& x, auto p) { return x.i8() * p; }, 8, 1},
+    {"kelRt_scaleI16toF", kScales,
+     [](auto x, auto y, auto n, auto p) { return kelRt_scaleI16toF(ints<int16_t>(*x), y, p, n); },
+     [](auto& x, auto p) { return lane::mul(x.i16(), p); },
+     [](auto& x, auto p) { return x.i16() * p; }, 8, 2},
+    {"kelRt_scaleI32toF", kScales,
+     [](auto x, auto y, auto n, auto p) { return kelRt_scaleI32toF(ints<int32_t>(*x), y, p, n); },
+     [](auto& x, auto p) { return lane::mul(x.i32(), p); }, [](auto& x, auto p) { return x.i32() * p; }},
+    {"kelRt_scaleFtoI8", kInt8Scales,
+     [](auto x, auto y, auto n, auto p) { return kelRt_scaleFtoI8(*x, ints<int8_t>(y), p, n); },
+     [](auto& x, auto p) { return to_int8(lane::mul(x[0], p)); },
+     [](auto& x, auto p) { return to_int8(x[0] * p); }, 8, 4, 1},
+    {"batchMulf", kNone, [](auto x, auto y, auto n, auto) { return batchMulf(x[0], x[1], y, n), 1001u; },
+     [](auto& x, auto) { return lane::mul(x[0], x[1]); }, nullptr, kNoTail},
+    {"batchAddf", kNone, [](auto x, auto y, auto n, auto) { return batchAddf(x[0], x[1], y, n), 1001u; },
+     [](auto& x, auto) { return lane::add(x[0], x[1]); }, nullptr, kNoTail},
+    {"batchSubf", kNone, [](auto x, auto y, auto n, auto) { return batchSubf(x[0], x[1], y, n), 1001u; },
+     [](auto& x, auto) { return lane::sub(x[0], x[1]); }, nullptr, kNoTail},
+    {"batchComplementf", kNone,
+     [](auto x, auto y, auto n, auto) { return batchComplementf(*x, y, n), 1001u; },
+     [](auto& x, auto) { return lane::sub(1, x[0]); }, nullptr, kNoTail},
+    {"batchDotproductf", kNone,
+     [](auto x, auto y, auto n, auto) { return batchDotproductf(x[0], x[1], x[2], x[3], y, n), 1001u; },
+     [](auto& x, auto) { return dot_lane(x); }, nullptr, kNoTail},
+    {"kelRt_ewopAdd", kNone,
+     [](auto x, auto y, auto n, auto) { return kelRt_ewopAdd(y, x[0], x[1], n, nullptr); }, nullptr,
+     [](auto& x, auto) { return x[0] + x[1]; }, kAllTail},
+    {"kelRt_featurenorm", kNone,
+     [](auto x, auto y, auto n, auto) { return kelRt_featurenorm(x[0], n, x[1], x[2], n, y); },
+     nullptr, [](auto& x, auto) { return (x[0] - x[1]) / x[2]; }, kAllTail},
 };
+// clang-format on
 
 // One kernel over one length, with what it must give.
 class Trial {
@@ -305,25 +282,23 @@ TEST_P(Elementwise, HugeArrays) {
     const Kernel& kernel = GetParam();
     constexpr uint32_t kElements = (1 << 20) + 13, kPart = 4096;
     Random random(3);
-    std::vector<Floats> operands(kernel.operands, Floats(kElements + 3));
+    std::vector<Floats> operands(4, Floats(kElements + 3));
     for (Floats& operand : operands)
         for (float& x : operand)
             x = random.below(1000) ? random.plain() : random.wild();
-    const auto at = [&](uint32_t element, float** x) {
-        for (uint32_t k = 0; k < kernel.operands; ++k)
-            x[k] = reinterpret_cast<float*>(reinterpret_cast<char*>(operands[k].data()) +
-                                            size_t{element} * kernel.in_bytes);
-    };
-    float* x[4] = {};
     Floats whole(kElements + 3), parts(kElements + 3);
-    at(0, x);
-    kernel.run(x, whole.data(), kElements, kernel.parameters[0]);
-    for (uint32_t i = 0; i < kElements; i += kPart) {
-        at(i, x);
-        kernel.run(
-            x, reinterpret_cast<float*>(reinterpret_cast<char*>(parts.data()) + size_t{i} * kernel.out_bytes),
-            std::min(kPart, kElements - i), kernel.parameters[0]);
-    }
+    const auto run = [&](Floats& out, uint32_t from, uint32_t count) {
+        const auto advanced = [&](Floats& array, uint32_t bytes) {
+            return reinterpret_cast<float*>(reinterpret_cast<char*>(array.data()) + size_t{from} * bytes);
+        };
+        float* x[4];
+        for (size_t k = 0; k < 4; ++k)
+            x[k] = advanced(operands[k], kernel.in_bytes);
+        kernel.run(x, advanced(out, kernel.out_bytes), count, kernel.parameters[0]);
+    };
+    run(whole, 0, kElements);
+    for (uint32_t i = 0; i < kElements; i += kPart)
+        run(parts, i, std::min(kPart, kElements - i));
     EXPECT_EQ(std::memcmp(whole.data(), parts.data(), size_t{kElements} * kernel.out_bytes), 0);
 }
 

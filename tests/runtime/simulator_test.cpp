@@ -79,8 +79,17 @@ TEST_F(Simulator, RefusesAndRecordsWhatNoAcceleratorCouldDo) {
     EXPECT_EQ(nna_sim_device_read(sim, memid, 0xFFFFFFFF, bytes, 4), kRange);
     EXPECT_EQ(nna_sim_cpu_view(sim, 1), nullptr);
     EXPECT_EQ(rig.calls().size(), std::size(recorded)) << "the accelerator's own side leaves no record";
+}
+
+TEST_F(Simulator, CountsEveryCallAndKeepsTheFirst) {
+    for (uint32_t i = 0; i < NNA_SIM_MAX_CALLS + 5; ++i)
+        sync(i, 1, 0);
+    EXPECT_EQ(nna_sim_call_count(sim), NNA_SIM_MAX_CALLS + 5u);
+    ASSERT_EQ(rig.calls().size(), size_t{NNA_SIM_MAX_CALLS});
+    EXPECT_EQ(rig.calls().back().memid, NNA_SIM_MAX_CALLS - 1u);
     nna_sim_clear_calls(sim);
     EXPECT_TRUE(rig.calls().empty());
+    EXPECT_EQ(nna_sim_call_count(sim), 0u);
 }
 
 TEST_F(Simulator, MovesSramBothWays) {

@@ -6,20 +6,46 @@
 #include <cstring>
 
 #include "element.h"
+#include "matrix_lanes.h"
 
 namespace kelrt::KELRT_SET {
 namespace {
 
-// Side of the tiles that a transposition goes by, so that both matrices are touched whole cache lines at a
-// time.
-constexpr uint32_t kTile = 16;
+// Elements in a cache line: matrices are transposed by squares of as many rows and columns, so that each line is
+// touched once.
+constexpr uint32_t kLine = 16;
 
-// Copies rows x cols of `from` into cols x rows of `to`, tile by tile.
+// kTurned x kTurned elements, by columns.
+struct Square {
+    Turned column[kTurned];
+
+    static Square load(const f32* from, size_t stride) {
+        Square square;
+        each<kTurned / 4>([&](auto q) {
+            Turned four[4];
+            each<4>([&](auto i) { four[i] = load_row(from + i * stride + 4 * q, stride); });
+            turn(four);
+            each<4>([&](auto i) { square.column[4 * q + i] = four[i]; });
+        });
+        return square;
+    }
+    void store(f32* to, size_t stride) const {
+        each<kTurned>([&](auto i) { store_elements(to + i * stride, column[i]); });
+    }
+};
+
+// Copies rows x cols of `from` into cols x rows of `to`, square by square.
 void transpose_into(f32* to, const f32* from, uint32_t rows, uint32_t cols) {
-    for (uint32_t top = 0; top < rows; top += kTile) {
-        const uint32_t bottom = std::min(rows, top + kTile);
-        for (uint32_t left = 0; left < cols; left += kTile) {
-            const uint32_t right = std::min(cols, left + kTile);
+    for (uint32_t top = 0; top < rows; top += kLine) {
+        const uint32_t bottom = std::min(rows, top + kLine);
+        for (uint32_t left = 0; left < cols; left += kLine) {
+            const uint32_t right = std::min(cols, left + kLine);
+            if (bottom - top == kLine && right - left == kLine) {
+                for (uint32_t row = top; row < bottom; row += kTurned)
+                    for (uint32_t col = left; col < right; col += kTurned)
+                        Square::load(from + size_t(row) * cols + col, cols).store(to + size_t(col) * rows + row, rows);
+                continue;
+            }
             for (uint32_t col = left; col < right; ++col) {
                 for (uint32_t row = top; row < bottom; ++row)
                     to[col * rows + row] = from[row * cols + col];
@@ -44,19 +70,29 @@ bool transpose_through_copy(f32* data, uint32_t rows, uint32_t cols) {
     return true;
 }
 
-// Swaps each tile with its mirror image across the diagonal.
+// Swaps each square with its mirror image across the diagonal.
 void transpose_square(f32* data, uint32_t n) {
-    for (uint32_t top = 0; top < n; top += kTile) {
-        for (uint32_t left = top; left < n; left += kTile) {
-            for (uint32_t row = top; row < std::min(n, top + kTile); ++row) {
-                for (uint32_t col = std::max(left, row + 1); col < std::min(n, left + kTile); ++col) {
-                    const float upper = data[row * n + col];
-                    data[row * n + col] = data[col * n + row];
-                    data[col * n + row] = upper;
+    const uint32_t whole = n - n % kTurned;
+    for (uint32_t top = 0; top < whole; top += kLine) {
+        const uint32_t bottom = std::min(whole, top + kLine);
+        for (uint32_t left = top; left < whole; left += kLine) {
+            const uint32_t right = std::min(whole, left + kLine);
+            for (uint32_t row = top; row < bottom; row += kTurned) {
+                for (uint32_t col = std::max(left, row); col < right; col += kTurned) {
+                    f32 *const upper = data + row * n + col, *const lower = data + col * n + row;
+                    const Square turned = Square::load(upper, n);
+                    Square::load(lower, n).store(upper, n);
+                    turned.store(lower, n);
                 }
             }
         }
     }
+    for (uint32_t row = whole; row < n; ++row)
+        for (uint32_t col = 0; col < row; ++col) {
+            const float upper = data[col * n + row];
+            data[col * n + row] = data[row * n + col];
+            data[row * n + col] = upper;
+        }
 }
 
 }  // namespace

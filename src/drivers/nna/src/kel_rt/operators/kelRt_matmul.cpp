@@ -36,8 +36,8 @@ constexpr int kLanes = 1;
 
 // Products of a tile are added to rows x vectors sums, which stay in registers the while.
 template <int rows, int vectors, typename V>
-void add_products(f32* c, size_t c_stride, Matrix a, Matrix b, size_t depth, bool first) {
-    constexpr size_t lanes = sizeof(V) / sizeof(float);
+[[gnu::flatten]] void add_products(f32* c, size_t c_stride, Matrix a, Matrix b, size_t depth, bool first) {
+    constexpr size_t lanes = kLanesOf<V>;
     V sums[rows][vectors];
     each<rows>([&](auto i) {
         each<vectors>([&](auto v) {
@@ -79,7 +79,7 @@ constexpr int kRows = 4, kVectors = 4;
 #endif
 
 template <int vectors, typename V>
-constexpr Tiles kTilesOf = {vectors * sizeof(V) / sizeof(float),
+constexpr Tiles kTilesOf = {vectors * kLanesOf<V>,
                             {{kRows, add_products<kRows, vectors, V>},
                              {4, add_products<4, vectors, V>},
                              {2, add_products<2, vectors, V>},
@@ -177,42 +177,39 @@ void multiply_row(f32* c, const f32* a, Matrix b, size_t inner, size_t cols) {
 }
 
 #if defined(KELRT_WIDE_SUMS)
-// A matrix by one column: a lane for each row; products are made along the rows and turned.
-template <int groups>
-void add_along_rows(f32* c, Matrix a, const f32* b, size_t inner) {
-    Turned sums[groups] = {};
-    const auto step = [&](size_t k, auto columns) {
-        each<groups>([&](auto g) {
-            for (size_t q = k; q < k + columns; q += 4) {
-                const Turned factors = load_row(b + q, 0);
-                Turned products[4];
-                for (size_t i = 0; i < 4; ++i)
-                    products[i] = load_row(a.data + (g * kTurned + i) * a.stride + q, a.stride) * factors;
-                turn(products);
-                for (size_t i = 0; i < 4; ++i)
-                    sums[g] += products[i];
-            }
-        });
-    };
+// A matrix by one column: a lane for each row. Products are made along the rows and turned.
+template <int groups, int n>
+[[gnu::flatten]] void add_along_rows(f32* c, Matrix a, const f32* b, size_t inner) {
+    using V = Vector<n>;
+    V sums[groups];
+    each<groups>([&](auto g) { sums[g] = V{}; });
     size_t k = 0;
-    for (; k + 16 <= inner; k += 16)
-        step(k, std::integral_constant<size_t, 16>());
-    for (; k + 4 <= inner; k += 4)
-        step(k, std::integral_constant<size_t, 4>());
-    store_elements(c, sums);
+    for (; k + 4 <= inner; k += 4) {
+        const V factors = load_row<n>(b + k, 0);
+        each<groups>([&](auto g) {
+            V products[4];
+            each<4>([&](auto i) { products[i] = load_row<n>(a.data + (g * n + i) * a.stride + k, a.stride) * factors; });
+            turn(products);
+            each<4>([&](auto i) { sums[g] += products[i]; });
+        });
+    }
+    each<groups>([&](auto g) { store_elements(c + g * n, sums[g]); });
     for (; k < inner; ++k)
-        for (size_t i = 0; i < groups * kTurned; ++i)
+        for (size_t i = 0; i < groups * n; ++i)
             c[i] += a.data[i * a.stride + k] * b[k];
 }
 
 void multiply_column(f32* c, Matrix a, const f32* b, size_t rows, size_t inner) {
-    constexpr size_t kAtOnce = 4 * kTurned;
+    const auto by = [&]<int groups, int n>() { };
+    (void)by;
     size_t i = 0;
-    for (; i + kAtOnce <= rows; i += kAtOnce)
-        add_along_rows<4>(c + i, a.from(i, 0), b, inner);
-    for (; i < rows; i += kTurned) {
-        i = std::min(i, rows - kTurned);
-        add_along_rows<1>(c + i, a.from(i, 0), b, inner);
+    if (a.stride % 1024 != 0)
+        for (; i + 2 * kLanes <= rows; i += 2 * kLanes)
+            add_along_rows<2, kLanes>(c + i, a.from(i, 0), b, inner);
+    constexpr size_t n = std::min(kLanes, 8);
+    for (; i < rows; i += n) {
+        i = std::min(i, rows - n);
+        add_along_rows<1, n>(c + i, a.from(i, 0), b, inner);
     }
 }
 #endif
@@ -247,7 +244,7 @@ void multiply(f32* c, const f32* a, const f32* b, uint32_t rows, uint32_t inner,
     else if (rows == 1)
         multiply_row(c, a, right, inner, cols);
 #if defined(KELRT_WIDE_SUMS)
-    else if (cols == 1 && b_stride == 1 && rows >= kTurned)
+    else if (cols == 1 && b_stride == 1 && rows >= 8)
         multiply_column(c, left, b, rows, inner);
 #endif
     else

@@ -30,38 +30,37 @@ void store_elements(void* p, const V& v) {
     std::memcpy(p, &v, sizeof v);
 }
 
-// Eight lanes are enough to turn a rectangle as fast as its cache lines come.
-#if defined(__AVX2__)
-constexpr int kTurned = 8;
-#else
-constexpr int kTurned = 4;
-#endif
-using Turned = FloatVector<kTurned>;
+template <typename V>
+constexpr size_t kLanesOf = sizeof(V) / sizeof(float);
 
-// Four neighbouring elements of a row and, in the upper lanes, of the row four below.
-inline Turned load_row(const f32* from, [[maybe_unused]] size_t stride) {
-    const auto four = load_elements<FloatVector<4>>(from);
-#if defined(__AVX2__)
-    return __builtin_shufflevector(four, load_elements<FloatVector<4>>(from + 4 * stride), 0, 1, 2, 3, 4, 5, 6, 7);
-#else
-    return four;
-#endif
+// Turning a rectangle of n rows and four columns, n being a multiple of four. Its rows come in four vectors:
+// vector i has four elements of row i, then of row i + 4, and so on. They become its columns.
+
+template <int n>
+FloatVector<n> load_row(const f32* from, size_t stride) {
+    if constexpr (n == 4) {
+        return load_elements<FloatVector<4>>(from);
+    } else {
+        return [&]<int... e>(std::integer_sequence<int, e...>) {
+            return __builtin_shufflevector(load_row<n / 2>(from, stride),
+                                           load_row<n / 2>(from + n / 2 * stride, stride), e...);
+        }(std::make_integer_sequence<int, n>());
+    }
 }
 
-// Lanes i and j of a, then of b, within every four lanes.
-template <int i, int j>
-Turned pick(Turned a, Turned b) {
-#if defined(__AVX2__)
-    return __builtin_shufflevector(a, b, i, j, i + 8, j + 8, i + 4, j + 4, i + 12, j + 12);
-#else
-    return __builtin_shufflevector(a, b, i, j, i + 4, j + 4);
-#endif
+// Lanes i and j of a, then of b, in every block of four.
+template <int i, int j, typename V>
+V pick(V a, V b) {
+    constexpr int n = kLanesOf<V>;
+    return [&]<int... e>(std::integer_sequence<int, e...>) {
+        return __builtin_shufflevector(a, b, (e / 4 * 4 + (e % 2 == 0 ? i : j) + (e % 4 < 2 ? 0 : n))...);
+    }(std::make_integer_sequence<int, n>());
 }
 
-// Turns what load_row gave for rows 0 to 3 into the four columns, of four rows or eight.
-inline void turn(Turned (&v)[4]) {
-    const Turned left_01 = pick<0, 1>(v[0], v[1]), right_01 = pick<2, 3>(v[0], v[1]);
-    const Turned left_23 = pick<0, 1>(v[2], v[3]), right_23 = pick<2, 3>(v[2], v[3]);
+template <typename V>
+void turn(V (&v)[4]) {
+    const V left_01 = pick<0, 1>(v[0], v[1]), right_01 = pick<2, 3>(v[0], v[1]);
+    const V left_23 = pick<0, 1>(v[2], v[3]), right_23 = pick<2, 3>(v[2], v[3]);
     v[0] = pick<0, 2>(left_01, left_23);
     v[1] = pick<1, 3>(left_01, left_23);
     v[2] = pick<0, 2>(right_01, right_23);

@@ -1,5 +1,34 @@
-// The exported kernels: each is the one of the instruction set that suits this processor.
+// The exported kernels: each is the one of the widest instruction set that both this build (KELRT_HAS_... name its
+// sets) and this processor have.
 #include "instruction_sets.h"
+
+namespace kelrt {
+
+#define KELRT_DECLARE_SET(set)     \
+    namespace set {                \
+    extern const Kernels kKernels; \
+    }
+KELRT_DECLARE_SET(avx512)
+KELRT_DECLARE_SET(avx2)
+KELRT_DECLARE_SET(KELRT_BASE_SET)
+#undef KELRT_DECLARE_SET
+
+// What the processor has, the compiler's own library has found out when it was loaded: no state of ours.
+static inline const Kernels& kernels() {
+#if defined(KELRT_HAS_AVX512)
+    if (__builtin_cpu_supports("avx512f") && __builtin_cpu_supports("avx512bw") &&
+        __builtin_cpu_supports("avx512dq") && __builtin_cpu_supports("avx512vl") &&
+        __builtin_cpu_supports("avx512vbmi"))
+        return avx512::kKernels;
+#endif
+#if defined(KELRT_HAS_AVX2)
+    if (__builtin_cpu_supports("avx2"))
+        return avx2::kKernels;
+#endif
+    return KELRT_BASE_SET::kKernels;
+}
+
+}  // namespace kelrt
 
 using kelrt::kernels;
 

@@ -4,6 +4,7 @@
 usage: kelrt_test.py COMMAND... where COMMAND runs kelrt, under an emulator if need be.
 """
 
+import fcntl
 import json
 import os
 import pathlib
@@ -466,17 +467,6 @@ class Runs(KelrtTest):
 class Endings(KelrtTest):
     """How it ends when something goes wrong after all."""
 
-    def many_outputs(self, name, value):
-        """A job whose report does not fit into a pipe, so that it waits there with files half done."""
-        memories = {f"m{i}": memory([64], values=[value] * 64) for i in range(99)}
-        (self.folder / name).write_text(json.dumps({"memories": memories, "contexts": [], "outputs": list(memories)}))
-
-    def wait_for_files(self):
-        for _ in range(3000):
-            if self.out.exists() and any(self.out.iterdir()):
-                return
-            time.sleep(0.1)
-
     def test_a_report_that_cannot_be_written(self):
         words = ["ops"], ["ops", "4"], ["--help"], ["run", "--help"], ["--version"], ["run", "job.json", "--out", "out"]
         (self.folder / "job.json").write_text(json.dumps(add_job()))
@@ -493,7 +483,7 @@ class Endings(KelrtTest):
         (self.folder / "job.json").write_text(job)
         limit = lambda: resource.setrlimit(resource.RLIMIT_FSIZE, (100, 100))
         for make, out, how, reason in [
-            (lambda: self.out.write_text("a file"), "out", {}, "out: cannot use the folder (Not a directory)"),
+            (lambda: self.out.write_text("a file"), "out", {}, "out: cannot make the folder (File exists)"),
             (lambda: (self.out / "z.npy").mkdir(parents=True), "out", {},
              "out/z.npy: cannot put the file in place (Is a directory)"),
             (lambda: (self.out / "x.npy").write_text("old"), "out", {},
@@ -516,11 +506,15 @@ class Endings(KelrtTest):
         self.assertEqual(stat.S_IMODE((self.out / "x.npy").stat().st_mode), 0o640)
 
     def test_signals_leave_nothing_behind(self):
-        self.many_outputs("job.json", 1.23456789e-30)
+        # The report does not fit into a pipe, so that the run waits there with files half done.
+        memories = {f"m{i}": memory([64], values=[1.23456789e-30] * 64) for i in range(99)}
+        (self.folder / "job.json").write_text(
+            json.dumps({"memories": memories, "contexts": [], "outputs": list(memories)}))
         for number in (signal.SIGINT, signal.SIGTERM, signal.SIGHUP, signal.SIGPIPE):
             with self.subTest(signal=number):
                 process = self.start("run", "job.json", "--out", self.out, stdout=subprocess.PIPE)
-                self.wait_for_files()
+                while not (self.out.exists() and any(self.out.iterdir())):
+                    time.sleep(0.1)
                 if number == signal.SIGPIPE:
                     process.stdout.close()
                 else:
@@ -529,16 +523,17 @@ class Endings(KelrtTest):
                 self.assertFalse(self.out.exists())
 
     def test_sets_of_outputs_do_not_mix(self):
-        self.many_outputs("first.json", 1.23456789e-30)
-        self.many_outputs("second.json", 2.3456789e-30)
-        first = self.start("run", "first.json", "--out", self.out, stdout=subprocess.PIPE)
-        self.wait_for_files()
-        second = self.start("run", "second.json", "--out", self.out, stdout=subprocess.DEVNULL)
+        self.out.mkdir()
+        ours = os.open(self.out, os.O_RDONLY)
+        fcntl.flock(ours, fcntl.LOCK_EX)  # as another run does
+        (self.folder / "job.json").write_text(json.dumps(add_job()))
+        process = self.start("run", "job.json", "--out", self.out, stdout=subprocess.DEVNULL)
         time.sleep(1)
-        self.assertIsNone(second.poll())
-        first.communicate()
-        self.assertEqual((first.returncode, second.wait(60)), (0, 0))
-        self.assertEqual([data[-4:] for data in self.written().values()], [struct.pack("<f", 2.3456789e-30)] * 99)
+        self.assertIsNone(process.poll())
+        self.assertFalse((self.out / "z.npy").exists())
+        os.close(ours)
+        self.assertEqual(process.wait(60), 0)
+        self.assertEqual(list(self.written()), ["z.npy"])
 
     def test_the_end_of_memory(self):
         if len(KELRT) > 1 or SANITIZED:

@@ -51,31 +51,38 @@ void make_folder(const std::string& folder) {
     for (const std::filesystem::path& part : std::filesystem::path(folder)) {
         path /= part;
         const auto make = [](const std::string& name) { return ::mkdir(name.c_str(), 0777) == 0; };
-        if (!make_unfinished(path.string(), make) && errno != EEXIST)
+        if (make_unfinished(path.string(), make))
+            continue;
+        const int reason = errno;
+        std::error_code unknown;
+        if (!std::filesystem::is_directory(path, unknown)) {
+            errno = reason;
             throw Error(with_reason(path.string() + ": cannot make the folder"));
+        }
     }
 }
 
-// The folder, locked. While this run waited, another may have removed it again: then from the start.
-int open_folder(const std::string& folder) {
-    for (;;) {
-        make_folder(folder);
-        const int fd = ::open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-        if (fd < 0)
+// An open folder that no other set is put into meanwhile. Where the file system has no locks, two runs at a
+// time are the user's risk.
+class LockedFolder {
+  public:
+    explicit LockedFolder(const std::string& folder)
+        : fd_(::open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC)) {
+        if (fd_ < 0)
             throw Error(with_reason(folder + ": cannot use the folder"));
-        // Where the file system has no locks, two runs at a time are the user's risk.
-        while (::flock(fd, LOCK_EX) != 0 && errno == EINTR) {
+        while (::flock(fd_, LOCK_EX) != 0 && errno == EINTR) {
         }
-        struct stat locked {
-        }, present{};
-        const bool removed =
-            ::fstat(fd, &locked) == 0 && (::stat(folder.c_str(), &present) != 0 ||
-                                          locked.st_ino != present.st_ino || locked.st_dev != present.st_dev);
-        if (!removed)
-            return fd;
-        ::close(fd);
     }
-}
+    ~LockedFolder() { ::close(fd_); }
+    LockedFolder(const LockedFolder&) = delete;
+    LockedFolder& operator=(const LockedFolder&) = delete;
+
+    // Has what happened in it written to disk; that not every file system can is no failure.
+    void sync() const { ::fsync(fd_); }
+
+  private:
+    int fd_;
+};
 
 bool write_all(int fd, const void* data, size_t size) {
     const char* bytes = static_cast<const char*>(data);
@@ -93,18 +100,16 @@ bool write_all(int fd, const void* data, size_t size) {
 
 }  // namespace
 
-// Delegates, so that what a failing open_folder has made is removed too.
+// Delegates, so that what a failing make_folder has made is removed too.
 OutputFiles::OutputFiles(const std::string& folder) : OutputFiles() {
     folder_ = folder;
-    folder_fd_ = open_folder(folder);
+    make_folder(folder);
 }
 
 OutputFiles::~OutputFiles() {
     const SignalsHeld held;
     remove_unfinished_files();
     unfinished.clear();
-    if (folder_fd_ >= 0)
-        ::close(folder_fd_);
 }
 
 void OutputFiles::add(const std::string& name, const Array& array) {
@@ -161,6 +166,7 @@ void OutputFiles::put_back(const File& file) {
 }
 
 void OutputFiles::commit() {
+    const LockedFolder folder(folder_);
     const SignalsHeld held;
     for (File& file : files_) {
         if (put_in_place(file))
@@ -175,7 +181,7 @@ void OutputFiles::commit() {
         if (file.replaces)
             ::unlink(file.old.c_str());
     }
-    ::fsync(folder_fd_);
+    folder.sync();
     files_.clear();
     unfinished.clear();
 }

@@ -9,9 +9,9 @@
 namespace npy {
 
 // A set of .npy files in one folder that appears as a whole or not at all. Each is written beside its place,
-// under a temporary name, and is on disk before the first one gets its own. Of two sets that are written into
-// one folder at a time the later waits for the earlier. One set a process at a time. Complaints are
-// npy::Error and begin with the path.
+// under a temporary name, and is on disk before the first one gets its own. Of two sets for one folder the
+// later waits while the earlier is put in place. One set a process at a time. Complaints are npy::Error and
+// begin with the path.
 class OutputFiles {
   public:
     // Makes the folder, and those above it, if need be.
@@ -40,7 +40,6 @@ class OutputFiles {
     static void put_back(const File& file);
 
     std::string folder_;
-    int folder_fd_ = -1;  // holds the lock
     std::list<File> files_;
 };
 

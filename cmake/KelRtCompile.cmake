@@ -63,3 +63,10 @@ if(KELRT_LANES STREQUAL "portable")
 elseif(KELRT_LANES)
     message(FATAL_ERROR "KELRT_LANES: '${KELRT_LANES}' is neither empty nor portable")
 endif()
+
+set(KELRT_X86 "auto" CACHE STRING "Widest instruction set built on x86-64: auto (all), sse2, avx2 or avx512; \
+avx512-emulated: its text alone, for tests on processors without it")
+set_property(CACHE KELRT_X86 PROPERTY STRINGS auto sse2 avx2 avx512 avx512-emulated)
+if(NOT KELRT_X86 MATCHES "^(auto|sse2|avx2|avx512|avx512-emulated)$")
+    message(FATAL_ERROR "KELRT_X86: '${KELRT_X86}' is none of auto, sse2, avx2, avx512 and avx512-emulated")
+endif()

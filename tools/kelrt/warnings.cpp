@@ -1,5 +1,6 @@
 // Operands that an operator leaves changed although they are no result of it: transposed matrices, gates.
-// Accelerator memory keeps them as they were, unless something else in the same memory is published.
+// Accelerator memory keeps them as they were, unless something else in the same memory is published. And rows
+// of SRAM that caches keep from view.
 #include "warnings.h"
 
 #include <algorithm>
@@ -51,8 +52,10 @@ class Warnings {
         };
         const std::string where = "context " + std::to_string(index) + ": ";
 
-        if (moves_sram(id_of(op)))
-            return;  // without cache maintenance
+        if (moves_sram(id_of(op))) {
+            look_at_rows(where, op, args.back());
+            return;
+        }
         if (op.name == std::string_view("cpu_matmul"))
             look_at_operands(where, op, args, values);
         // Unlike the others, the LSTM operators fetch what they only write too.
@@ -62,11 +65,11 @@ class Warnings {
                 changed_[id].clear();
         });
         each_memory([&](const Argument& argument, uint32_t id) {
-            if (argument.is_changed && argument.is_changed(values) && !job_.memories[id].on_cpu)
+            if (is_left_changed(argument, values) && !job_.memories[id].on_cpu)
                 changed_[id].push_back({index, &argument});
         });
         each_memory([&](const Argument& argument, uint32_t id) {
-            if (!argument.is_written())
+            if (!argument.is_published())
                 return;
             for (const Changed& operand : changed_[id])
                 sentences.push_back(where + "publishing " + argument.name + " publishes all of memory " +
@@ -76,15 +79,31 @@ class Warnings {
         });
     }
 
+    static bool is_left_changed(const Argument& argument, Values values) {
+        return argument.use == Use::Input && argument.written_range(values).end > 0;
+    }
+
     // Transposing one of two operands that share bytes changes the other.
     void look_at_operands(const std::string& where, const Operator& op, const Args& args, Values values) {
         const KelRtContextArg &a = args[2], &b = args[3];
-        const bool transposed = op.arguments[0].is_changed(values) || op.arguments[1].is_changed(values);
+        const bool transposed = is_left_changed(op.at(2), values) || is_left_changed(op.at(3), values);
         if (transposed && a.value == b.value && a.value != KEL_RT_NO_MEMORY_ID &&
-            a.offset < b.offset + op.arguments[1].extent(values) &&
-            b.offset < a.offset + op.arguments[0].extent(values))
+            a.offset < b.offset + op.at(3).read_range(values).end &&
+            b.offset < a.offset + op.at(2).read_range(values).end)
             sentences.push_back(where + "a and b overlap in memory " + job_.memories[a.value].name +
                                 ", so that both are read as the transposition leaves them");
+    }
+
+    // Of accelerator memory the SRAM operators see the CPU's view alone.
+    void look_at_rows(const std::string& where, const Operator& op, const KelRtContextArg& memory) {
+        if (memory.value == KEL_RT_NO_MEMORY_ID || job_.memories[memory.value].on_cpu)
+            return;
+        const std::string name = job_.memories[memory.value].name;
+        sentences.push_back(where + op.name + " maintains no cache, so " +
+                            (op.arguments.back().is_published() ? "memory " + name + " does not show the rows"
+                                                                : "the rows are not those of memory " + name +
+                                                                      " but what a stale view holds") +
+                            "; a cpu memory would");
     }
 
     struct Changed {

@@ -5,6 +5,7 @@
 #include <cstdint>
 
 namespace kelrt {
+namespace {
 
 struct Im2colGeometry {
     uint32_t rows, cols, channels, kernel_height, kernel_width, row_stride, col_stride;
@@ -54,4 +55,5 @@ struct Im2colGeometry {
     }
 };
 
+}  // namespace
 }  // namespace kelrt

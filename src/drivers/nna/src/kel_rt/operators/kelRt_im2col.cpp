@@ -9,12 +9,14 @@
 #include <cstring>
 
 #include "im2col_geometry.h"
-#include "kelRt.h"
+#include "instruction_sets.h"
 #include "log.h"
 
 #if defined(__ARM_NEON)
 #include <arm_neon.h>
 #endif
+
+namespace kelrt::KELRT_SET {
 
 namespace {
 
@@ -141,3 +143,5 @@ uint32_t kelRt_im2col(const uint8_t* input, uint8_t* output, uint32_t rows, uint
     }
     return NNA_STATUS_OK;
 }
+
+}  // namespace kelrt::KELRT_SET

@@ -1,6 +1,6 @@
-// Contexts side by side, on one instance and one simulator: each thread adds memories of its own and runs contexts
-// on them; results are those of a thread alone, and no platform call and no synchronised byte goes missing.
-// A build with -DKELRT_SANITIZE=thread finds for certain what shows here only when two threads meet.
+// Contexts side by side, on one instance and one simulator: each thread adds memories of its own and runs
+// contexts on them; results are those of a thread alone, and no platform call and no synchronised byte goes
+// missing. A build with -DKELRT_SANITIZE=thread finds for certain what shows here only when two threads meet.
 #include <gtest/gtest.h>
 
 #include <latch>
@@ -18,8 +18,8 @@ using Floats = std::vector<float>;
 constexpr int kThreads = 4, kRounds = 500, kMeetings = 1000;
 constexpr uint32_t kCount = 36, kFailure = 4242;
 
-// Bytes to floats, a product of these, the sum of both, its softmax: a result of `seed` alone, or an empty one if a
-// context failed.
+// Bytes to floats, a product of these, the sum of both, its softmax: a result of `seed` alone, or an empty
+// one if a context failed.
 Floats run_round(rig::Rig& rig, int seed) {
     std::vector<int8_t> bytes(kCount);
     for (uint32_t i = 0; i < kCount; ++i)
@@ -27,7 +27,8 @@ Floats run_round(rig::Rig& rig, int seed) {
     const uint32_t in = rig.memory_of(bytes, 3), x = rig.memory(4 * kCount), y = rig.memory(4 * kCount),
                    z = rig.memory(4 * kCount);
     const uint32_t statuses[] = {
-        rig.run(2, {mem(x), val(UINT32_MAX), val(0), val(1), mem(in, 3), val(8), val(8), val(1), val(kCount)}),
+        rig.run(2,
+                {mem(x), val(UINT32_MAX), val(0), val(1), mem(in, 3), val(8), val(8), val(1), val(kCount)}),
         rig.run(10, {mem(x), mem(x), mem(y), val(6), val(6), val(6), val(6), val(0), val(1)}),
         rig.run(4, {mem(z), mem(x), mem(y), val(kCount)}),
         rig.run(5, {mem(z), mem(z), val(kCount)}),
@@ -48,7 +49,8 @@ Floats run_round(rig::Rig& rig, int seed) {
 TEST(Threads, RunContextsSideBySide) {
     std::vector<Floats> alone;
     rig::Rig single, shared;
-    single.instance.cpu_buffer_lookup = shared.instance.cpu_buffer_lookup = nullptr;  // accelerator memory alone
+    single.instance.cpu_buffer_lookup = shared.instance.cpu_buffer_lookup =
+        nullptr;  // accelerator memory alone
     for (int seed = 0; seed < kThreads; ++seed)
         alone.push_back(run_round(single, seed));
     ASSERT_NE(alone[0], Floats{});

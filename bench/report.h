@@ -9,6 +9,7 @@
 namespace bench {
 
 // Measures the cost of every operation over size too, for the drawings. What is wrong in words, or nothing.
-std::string write_report(const std::string& directory, const std::string& command, const std::vector<Result>& results);
+std::string write_report(const std::string& directory, const std::string& command,
+                         const std::vector<Result>& results);
 
 }  // namespace bench

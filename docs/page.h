@@ -30,8 +30,10 @@ inline std::string read(const std::string& path) {  // empty if there is no such
 }
 
 // Puts `content` between the markers `name` of a page; false if it has none.
-[[nodiscard]] inline bool replace_section(std::string& page, const std::string& name, const std::string& content) {
-    const std::string begin = "<!-- " + name + ": written by the program -->\n", end = "<!-- end of " + name + " -->";
+[[nodiscard]] inline bool replace_section(std::string& page, const std::string& name,
+                                          const std::string& content) {
+    const std::string begin = "<!-- " + name + ": written by the program -->\n",
+                      end = "<!-- end of " + name + " -->";
     const size_t from = page.find(begin), to = page.find(end);
     if (from == std::string::npos || to == std::string::npos || to < from)
         return false;

@@ -38,11 +38,15 @@ std::string machine(const std::string& command) {
     std::string names;
     for (const Peer& peer : peers())
         names += std::string(names.empty() ? "" : ", ") + peer.name;
-    return format(
-               "Measured on %s by `%s` on one core of a %s processor, family %s, model %s, with %s. Peers: ",
-               date, command.c_str(), processor("vendor_id").c_str(), processor("cpu family").c_str(),
-               processor("model\t").c_str(), widest) +
-           names + ".\n";
+    const std::string system = docs::read("/etc/os-release"), key = "PRETTY_NAME=\"";
+    if (const size_t name = system.find(key); name != std::string::npos) {
+        const size_t from = name + key.size();
+        names.append(" of ").append(system, from, system.find('"', from) - from);
+    }
+    return format("Measured on %s by `%s`, on one core of a processor of %s, family %s, model %s, with %s.\n",
+                  date, command.c_str(), processor("vendor_id").c_str(), processor("cpu family").c_str(),
+                  processor("model\t").c_str(), widest) +
+           "Peers: " + names + ".\n";
 }
 
 // ---- tables
@@ -262,6 +266,9 @@ bool draw(const Drawing& drawing, const std::string& directory) {
         for (size_t n = 16; n <= drawing.largest; n *= 2) {
             const Curve& curve = drawing.curves[c];
             const Shape shape = curve.shape(n);
+            if (!places.empty() && places.back().curve == c &&
+                places.back().problem->shape.text() == shape.text())
+                continue;  // there is nothing smaller
             places.push_back({c, n, std::make_unique<Problem>(curve.op, shape), curve.elements(shape)});
             works.push_back(ours(*places.back().problem));
         }

@@ -79,6 +79,13 @@ void reductions(const float* x, float* y, Reduction reduce) {
         y[i] = i >= kBlock / 4 ? 0 : y[i] != y[i] ? as_float(0x7FC00000u) : y[i];
 }
 
+void to_int8(const float* x, float* y, float scale) {
+    int8_t bytes[kBlock];
+    kelRt_scaleFtoI8(x, bytes, scale, kBlock);
+    for (uint32_t i = 0; i < kBlock; ++i)
+        y[i] = bytes[i];
+}
+
 struct Function {
     const char* name;
     void (*run)(const float* x, float* y);  // kBlock elements
@@ -141,13 +148,11 @@ const Function kFunctions[] = {
     {"batchComplementf", [](const float* x, float* y) { batchComplementf(x, y, kBlock); }},
     {"batchDotproductf",
      [](const float* x, float* y) { batchDotproductf(x, kNearlyOne.v, kNearlyOne.v, x, y, kBlock); }},
-    {"kelRt_scaleFtoI8",
-     [](const float* x, float* y) {
-         int8_t bytes[kBlock];
-         kelRt_scaleFtoI8(x, bytes, 0.37f, kBlock);
-         for (uint32_t i = 0; i < kBlock; ++i)
-             y[i] = bytes[i];
-     }},
+    {"kelRt_scaleFtoI8", [](const float* x, float* y) { to_int8(x, y, 0.37f); }},
+    {"kelRt_scaleFtoI8/1", [](const float* x, float* y) { to_int8(x, y, 1.0f); }},
+    {"kelRt_scaleFtoI8/128", [](const float* x, float* y) { to_int8(x, y, 128.0f); }},
+    {"kelRt_scaleFtoI8/85", [](const float* x, float* y) { to_int8(x, y, 256.0f / 3); }},
+    {"kelRt_scaleFtoI8/tiny", [](const float* x, float* y) { to_int8(x, y, 0x1p-32f); }},
     {"kelRt_sumf",
      [](const float* x, float* y) {
          reductions(x, y, [](const float* in, float* out) { kelRt_sumf(in, out, 8); });
@@ -199,7 +204,10 @@ struct Operation {
 
 template <class Op>
 void on_blocks(Operands x, uint32_t* y, Op op) {
-    kelrt::for_blocks<4>(kBlock, [=](size_t i) { op(x.a + i, x.b + i, x.c + i, y + i); });
+    kelrt::vector_part<true>([=] {
+        for (size_t i = 0; i < kBlock; i += 4)
+            op(x.a + i, x.b + i, x.c + i, y + i);
+    });
 }
 template <class Op>
 void on_floats(Operands x, uint32_t* y, Op op) {
@@ -439,6 +447,11 @@ int main(int argc, char** argv) {
             std::fprintf(stderr, "kelrt_sweep: what is %s?\n", option.c_str());
             return 2;
         }
+    }
+
+    if (stride == 0 || stride > UINT64_C(1) << 32) {
+        std::fprintf(stderr, "kelrt_sweep: the stride is a number from 1 to 2^32\n");
+        return 2;
     }
 
     std::map<std::string, std::string> golden;  // "name stride" or "name pairs" to the rest of the line

@@ -20,7 +20,7 @@ struct LogStamp {
 // Writes the truncation notice, under the record's own stamp, path and line, when the file had to be cut.
 LogStamp open_log_record(const char* path, int line);
 
-inline bool log_admits(LogLevel level) {
+[[gnu::always_inline]] inline bool log_admits(LogLevel level) {
     return g_log_lvl <= static_cast<int32_t>(level);
 }
 

@@ -6,34 +6,52 @@
 #include "math/lanes.h"
 
 namespace kelrt {
+namespace {
 
-inline constexpr float kInverseLn2 = 1.442695f;
-inline constexpr float kLn2 = 0.6931472f;
-inline constexpr float kInversePi = 0.31830987f;
-inline constexpr float kPi = 3.1415927f;
-inline constexpr float kHalfPi = 1.5707964f;
+constexpr float kInverseLn2 = 1.442695f;
+constexpr float kLn2 = 0.6931472f;
+constexpr float kInversePi = 0.31830987f;
+constexpr float kPi = 3.1415927f;
+constexpr float kHalfPi = 1.5707964f;
 
-// The table that the array kernels use, in the order of taylor_poly.
-inline constexpr float kExpTable[8] = {
-    1.0f,           0.0416598916054f,  0.500000596046f, 0.0014122662833f,
-    1.00000011921f, 0.00833693705499f, 0.166665703058f, 0.000195780929062f};
-
-// The same coefficients in every lane.
-template <class F>
+// A polynomial's coefficients, in the order of taylor_poly: the same in every lane.
 struct SplatTable {
-    const float* c;
+    float c[8];
     // Products of these polynomials end in sums with constants many orders above 2^-126, for every argument.
     static constexpr bool loose = true;
-    F operator[](int i) const { return F::splat(c[i]); }
+    template <class F>
+    F at(int i) const {
+        return F::splat(c[i]);
+    }
 };
 
+// The table that the array kernels use.
+constexpr SplatTable kExpTable = {{1.0f, 0.0416598916054f, 0.500000596046f, 0.0014122662833f, 1.00000011921f,
+                                   0.00833693705499f, 0.166665703058f, 0.000195780929062f}};
+
 // Eight four-lane vectors of the caller's, about which nothing is known.
-template <class F>
 struct CallersTable {
     const void* c;
     static constexpr bool loose = false;
-    F operator[](int i) const { return F::load(static_cast<const char*>(c) + 16 * i); }
+    template <class F>
+    F at(int i) const {
+        return F::load(static_cast<const char*>(c) + 16 * i);
+    }
 };
+
+// A table as the steps of a polynomial take from it.
+#if defined(KELRT_LANE_TABLE)
+inline lanes::LaneTable at_hand(const SplatTable& table) {
+    return lanes::LaneTable(table.c);
+}
+#else
+inline SplatTable at_hand(const SplatTable& table) {
+    return table;
+}
+#endif
+inline CallersTable at_hand(const CallersTable& table) {
+    return table;
+}
 
 template <class F>
 F floor(F x) {  // within the range of 32-bit integers
@@ -49,7 +67,7 @@ F round_to_even(F x) {
 }
 
 template <class F>
-F reciprocal(F x) {
+[[gnu::always_inline]] inline F reciprocal(F x) {
     F r = recip_estimate(x);
     r = mul(r, recip_step(x, r));
     return mul(r, recip_step(x, r));
@@ -64,31 +82,47 @@ F inverse_sqrt(F x) {
 
 // The polynomial c0 + c4 x + c2 x^2 + c6 x^3 + c1 x^4 + c5 x^5 + c3 x^6 + c7 x^7, in this grouping.
 template <class F, class Table>
-F taylor_poly(F x, const Table& c) {
+[[gnu::always_inline]] inline F taylor_poly(F x, const Table& table) {
+    const auto c = at_hand(table);
     const auto product = [](F a, F b) {
         if constexpr (Table::loose)
             return mul_loose(a, b);
         else
             return mul(a, b);
     };
-    const F a = add(c[0], product(c[4], x));
-    const F b = add(c[2], product(c[6], x));
-    const F cc = add(c[1], product(c[5], x));
-    const F d = add(c[3], product(c[7], x));
+    const auto plus_product = [](F sum, F a, F b) {
+        if constexpr (Table::loose)
+            return mul_add_loose(sum, a, b);
+        else
+            return mul_add(sum, a, b);
+    };
+    const F a = plus_product(c.template at<F>(0), c.template at<F>(4), x);
+    const F b = plus_product(c.template at<F>(2), c.template at<F>(6), x);
+    const F cc = plus_product(c.template at<F>(1), c.template at<F>(5), x);
+    const F d = plus_product(c.template at<F>(3), c.template at<F>(7), x);
     const F x2 = product(x, x);
     const F x4 = product(x2, x2);
-    return add(add(a, product(b, x2)), product(add(cc, product(d, x2)), x4));
+    return plus_product(plus_product(a, b, x2), plus_product(cc, d, x2), x4);
 }
 
-// e^x as 2^m * e^r: the bits, because m is added into the exponent field by integer steps. At m = -126 that
-// field may become zero, and from m = 128 it is all ones, a NaN pattern: deliberately there is no clamp.
+// x towards zero, and a * 2^m for such an m, by integer steps: added into the exponent field of a. At m =
+// -126 that field may become zero, and from m = 128 it is all ones, a NaN pattern: deliberately there is no
+// clamp. Lanes that have nothing to do with such values bring their own.
+template <class F>
+typename F::Bits whole(F x) {
+    return to_int_trunc(x);
+}
+template <class F, class I>
+I scale_by_power(F a, I m) {
+    return keep(greater(m, I::splat(-127)), add_sat(bits(a), shl_sat<23>(m)));
+}
+
+// e^x as 2^m * e^r.
 template <class F, class Table>
-typename F::Bits exp(F x, const Table& table) {
-    using I = typename F::Bits;
-    const I m = to_int_trunc(mul_loose(x, F::splat(kInverseLn2)));
+[[gnu::always_inline]] inline auto exp(F x, const Table& table) {
+    const auto m = whole(mul_loose(x, F::splat(kInverseLn2)));
     const F r = mul_add_loose(x, to_float(m), F::splat(-kLn2));
-    const F p = taylor_poly(r, table);
-    return keep(greater(m, I::splat(-127)), add_sat(bits(p), shl_sat<23>(m)));
+    return scale_by_power(taylor_poly(r, table), m);
 }
 
 // ln x from the bits of x, as m ln 2 + ln v with v in [1, 2). For positive normal x only.
@@ -101,7 +135,7 @@ F log(typename F::Bits x, const Table& table) {
 }
 
 template <class F, class Table>
-F tanh(F x, const Table& table) {
+[[gnu::always_inline]] inline F tanh(F x, const Table& table) {
     const F y = clamp(x, -10.0f, 10.0f);
     const F e = from_bits(exp(add(y, y), table));
     const F one = F::splat(1.0f);
@@ -109,7 +143,7 @@ F tanh(F x, const Table& table) {
 }
 
 template <class F, class Table>
-F sigmoid(F x, const Table& table) {
+[[gnu::always_inline]] inline F sigmoid(F x, const Table& table) {
     const F e = from_bits(exp(neg(x), table));
     return reciprocal(add(e, F::splat(1.0f)));
 }
@@ -140,4 +174,5 @@ typename F::Bits sin(F x, const float (&c)[4]) {
     return flip_sign(negative, bits(s));
 }
 
+}  // namespace
 }  // namespace kelrt

@@ -3,42 +3,40 @@
 #include <cmath>
 
 #include "element.h"
-#include "kelRt.h"
+#include "instruction_sets.h"
 #include "math/algorithms.h"
-#include "math/vector_part.h"
+#include "math/blocks.h"
 
-using kelrt::f32;
-using kelrt::for_blocks;
-using kelrt::lanes::Floats;
-
-static constexpr kelrt::SplatTable<Floats> kTable = {kelrt::kExpTable};
+namespace kelrt::KELRT_SET {
 
 uint32_t kelRt_tanhf(const float* in, float* out, uint32_t n) {
+    const uint32_t tail = for_blocks(
+        n, kNumbers, [](auto x) { return tanh(x, kExpTable); }, out, in);
     const f32* x = in;
     f32* y = out;
-    const uint32_t tail =
-        for_blocks<4>(n, [=](size_t i) { store(y + i, kelrt::tanh(Floats::load(x + i), kTable)); });
     for (size_t i = tail; i < n; ++i)
         y[i] = std::tanh(x[i]);
     return NNA_STATUS_OK;
 }
 
 uint32_t kelRt_expf(const float* in, float* out, uint32_t n) {
+    const uint32_t tail = for_blocks(
+        n, kOrdinaryExp, [](auto x) { return exp(x, kExpTable); }, out, in);
     const f32* x = in;
     f32* y = out;
-    const uint32_t tail =
-        for_blocks<4>(n, [=](size_t i) { store(y + i, kelrt::exp(Floats::load(x + i), kTable)); });
     for (size_t i = tail; i < n; ++i)
         y[i] = std::exp(x[i]);
     return NNA_STATUS_OK;
 }
 
 uint32_t kelRt_sigmoidf(const float* in, float* out, uint32_t n) {
+    const uint32_t tail = for_blocks(
+        n, kOrdinaryExp, [](auto x) { return sigmoid(x, kExpTable); }, out, in);
     const f32* x = in;
     f32* y = out;
-    const uint32_t tail =
-        for_blocks<4>(n, [=](size_t i) { store(y + i, kelrt::sigmoid(Floats::load(x + i), kTable)); });
     for (size_t i = tail; i < n; ++i)
         y[i] = 1.0f / (std::exp(-x[i]) + 1.0f);
     return NNA_STATUS_OK;
 }
+
+}  // namespace kelrt::KELRT_SET

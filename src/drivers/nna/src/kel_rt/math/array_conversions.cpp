@@ -1,67 +1,71 @@
 // Array kernels: scaled conversions between integers and floats. Blocks of eight where the integers are
 // narrower than a lane, of four otherwise.
+#include <bit>
+
 #include "element.h"
-#include "kelRt.h"
-#include "math/vector_part.h"
+#include "instruction_sets.h"
+#include "math/blocks.h"
 
-using kelrt::f32;
-using kelrt::for_blocks;
-using kelrt::i16;
-using kelrt::i32;
-using kelrt::lanes::Floats;
-using kelrt::lanes::IntPair;
-using kelrt::lanes::Ints;
+namespace kelrt::KELRT_SET {
 
-static void store_scaled(f32* out, IntPair x, float scale) {
-    store(out, mul(to_float(x.low), Floats::splat(scale)));
-    store(out + 4, mul(to_float(x.high), Floats::splat(scale)));
+// Whether the magnitude of a scale is zero or a normal number below the limit. By its bits: comparing a
+// subnormal traps where the caller has asked for that.
+static If ordinary(float scale, float limit) {
+    const uint32_t magnitude = std::bit_cast<uint32_t>(scale) & 0x7FFFFFFF;
+    return {magnitude == 0 || (magnitude >= 0x00800000 && magnitude < std::bit_cast<uint32_t>(limit))};
+}
+
+// An integer is zero or at least 1, so by a scale that is zero or normal it becomes nothing subnormal.
+static If integers_stay_ordinary(float scale) {
+    return ordinary(scale, __builtin_inff());
+}
+
+static auto scaled_by(float scale) {
+    return [=](auto x) {
+        const auto value = to_float(x);
+        return mul(value, decltype(value)::splat(scale));
+    };
 }
 
 uint32_t kelRt_scaleI8toF(const int8_t* in, float* out, float scale, uint32_t n) {
-    const int8_t* x = in;
+    const uint32_t tail = for_blocks<8>(n, integers_stay_ordinary(scale), scaled_by(scale), out, in);
     f32* y = out;
-    const uint32_t tail =
-        for_blocks<8>(n, [=](size_t i) { store_scaled(y + i, kelrt::lanes::load_int8(x + i), scale); });
     for (size_t i = tail; i < n; ++i)
-        y[i] = static_cast<float>(x[i]) * scale;
+        y[i] = static_cast<float>(in[i]) * scale;
     return NNA_STATUS_OK;
 }
 
 uint32_t kelRt_scaleI16toF(const int16_t* in, float* out, float scale, uint32_t n) {
+    const uint32_t tail = for_blocks<8>(n, integers_stay_ordinary(scale), scaled_by(scale), out, in);
     const i16* x = in;
     f32* y = out;
-    const uint32_t tail =
-        for_blocks<8>(n, [=](size_t i) { store_scaled(y + i, kelrt::lanes::load_int16(x + i), scale); });
     for (size_t i = tail; i < n; ++i)
         y[i] = static_cast<float>(x[i]) * scale;
     return NNA_STATUS_OK;
 }
 
 uint32_t kelRt_scaleI32toF(const int32_t* in, float* out, float scale, uint32_t n) {
+    const uint32_t tail = for_blocks(n, integers_stay_ordinary(scale), scaled_by(scale), out, in);
     const i32* x = in;
     f32* y = out;
-    const uint32_t tail = for_blocks<4>(
-        n, [=](size_t i) { store(y + i, mul(to_float(Ints::load(x + i)), Floats::splat(scale))); });
     for (size_t i = tail; i < n; ++i)
         y[i] = static_cast<float>(x[i]) * scale;
     return NNA_STATUS_OK;
 }
 
-static Ints clamped(Floats x, float scale) {
-    return to_int_trunc(clamp(mul(x, Floats::splat(scale)), -128.0f, 127.0f));
-}
-
 uint32_t kelRt_scaleFtoI8(const float* in, int8_t* out, float scale, uint32_t n) {
+    // Whatever is flushed, or not, is nearer to zero than 1 and becomes 0.
+    const auto converted = [=](auto x) {
+        return to_int_trunc(clamp(mul(x, decltype(x)::splat(scale)), -128.0f, 127.0f));
+    };
+    const uint32_t tail = for_blocks<8>(n, ordinary(scale, 0x1p126f), converted, out, in);
     const f32* x = in;
-    int8_t* y = out;
-    const uint32_t tail = for_blocks<8>(n, [=](size_t i) {
-        const IntPair v = {clamped(Floats::load(x + i), scale), clamped(Floats::load(x + i + 4), scale)};
-        store_int8(y + i, v);
-    });
     for (size_t i = tail; i < n; ++i) {
         const float v = x[i] * scale;
         const float clamped = v < -128.0f ? -128.0f : v > 127.0f ? 127.0f : v;
-        y[i] = v != v ? int8_t{0} : static_cast<int8_t>(clamped);
+        out[i] = v != v ? int8_t{0} : static_cast<int8_t>(clamped);
     }
     return NNA_STATUS_OK;
 }
+
+}  // namespace kelrt::KELRT_SET

@@ -1,48 +1,43 @@
-// The batch kernels: whole blocks of four and nothing else. Other counts are rounded up.
-#include "kelRt.h"
-#include "math/vector_part.h"
+// The batch kernels: whole blocks of four and nothing else. Other counts are rounded up, deliberately without
+// a tail: callers pass multiples of four or padded buffers.
+#include "instruction_sets.h"
+#include "math/blocks.h"
 
-namespace {
+namespace kelrt::KELRT_SET {
 
-using kelrt::lanes::Floats;
-
-// Deliberately no tail: callers pass multiples of four or padded buffers.
-template <class Step>
-void for_blocks_rounded_up(uint32_t n, Step step) {
-    if (n == 0)
-        return;
-    kelrt::vector_part([=] {
-        for (uint64_t done = 0; done < n; done += 4)
-            step(static_cast<size_t>(done));
-    });
+// The last blocks of a count that rounds up to 2^32 go by themselves.
+template <class When, class Function, class... In>
+static void for_blocks_rounded_up(uint32_t n, When when, Function f, float* out, const In*... in) {
+    const uint32_t whole = n - n % 4;
+    for_blocks(whole, when, f, out, in...);
+    if (n > whole)
+        for_blocks(4, when, f, out + whole, in + whole...);
 }
 
-}  // namespace
-
 void batchMulf(const float* a, const float* b, float* out, uint32_t n) {
-    for_blocks_rounded_up(n,
-                          [=](size_t i) { store(out + i, mul(Floats::load(a + i), Floats::load(b + i))); });
+    for_blocks_rounded_up(
+        n, Watching{}, [](auto x, auto y) { return mul(x, y); }, out, a, b);
 }
 
 void batchAddf(const float* a, const float* b, float* out, uint32_t n) {
-    for_blocks_rounded_up(n,
-                          [=](size_t i) { store(out + i, add(Floats::load(a + i), Floats::load(b + i))); });
+    for_blocks_rounded_up(
+        n, Watching{}, [](auto x, auto y) { return add(x, y); }, out, a, b);
 }
 
 void batchSubf(const float* a, const float* b, float* out, uint32_t n) {
-    for_blocks_rounded_up(n,
-                          [=](size_t i) { store(out + i, sub(Floats::load(a + i), Floats::load(b + i))); });
+    for_blocks_rounded_up(
+        n, Watching{}, [](auto x, auto y) { return sub(x, y); }, out, a, b);
 }
 
 void batchComplementf(const float* in, float* out, uint32_t n) {
-    for_blocks_rounded_up(n,
-                          [=](size_t i) { store(out + i, sub(Floats::splat(1.0f), Floats::load(in + i))); });
+    const auto complement = [](auto x) { return sub(decltype(x)::splat(1.0f), x); };
+    for_blocks_rounded_up(n, kNumbers, complement, out, in);
 }
 
 void batchDotproductf(const float* a, const float* b, const float* c, const float* d, float* out,
                       uint32_t n) {
-    for_blocks_rounded_up(n, [=](size_t i) {
-        const Floats first = mul(Floats::load(a + i), Floats::load(c + i));
-        store(out + i, mul_add(first, Floats::load(b + i), Floats::load(d + i)));
-    });
+    const auto dot = [](auto p, auto q, auto r, auto s) { return mul_add(mul(p, r), q, s); };
+    for_blocks_rounded_up(n, Watching{}, dot, out, a, b, c, d);
 }
+
+}  // namespace kelrt::KELRT_SET

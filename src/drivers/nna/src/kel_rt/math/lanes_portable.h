@@ -7,7 +7,9 @@
 #include <cstdint>
 #include <cstring>
 
-namespace kelrt::portable {
+namespace kelrt {
+namespace {
+namespace portable {
 
 struct Ints {
     int32_t v[4];
@@ -23,6 +25,7 @@ struct Ints {
 // Single-precision lanes. A subnormal operand counts as zero of its sign whatever is asked of it.
 struct Floats {
     using Bits = Ints;
+    using Integers = Ints;
     float v[4];
 
     static Floats splat(float value) { return {{value, value, value, value}}; }
@@ -350,4 +353,6 @@ inline void store_int8(void* p, IntPair a) {  // values are in -128..127
     std::memcpy(p, x, sizeof x);
 }
 
-}  // namespace kelrt::portable
+}  // namespace portable
+}  // namespace
+}  // namespace kelrt

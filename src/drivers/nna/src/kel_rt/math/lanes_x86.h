@@ -16,7 +16,9 @@
 
 #include "math/lanes_portable.h"
 
-namespace kelrt::x86 {
+namespace kelrt {
+namespace {
+namespace x86 {
 
 struct Ints {
     __m128i v;
@@ -27,6 +29,7 @@ struct Ints {
 
 struct Floats {
     using Bits = Ints;
+    using Integers = Ints;
     __m128 v;
 
     static Floats splat(float value) { return {_mm_set1_ps(value)}; }
@@ -292,4 +295,6 @@ inline Ints shift_rounding(Ints a, Ints count) {
     return Ints::load(portable::shift_rounding(x, y).v);
 }
 
-}  // namespace kelrt::x86
+}  // namespace x86
+}  // namespace
+}  // namespace kelrt

@@ -15,7 +15,7 @@ namespace {
 
 using kelrt::lanes::Floats;
 using kelrt::lanes::Ints;
-using Table = kelrt::CallersTable<Floats>;
+using Table = kelrt::CallersTable;
 
 Ints stored(Ints x) {
     return x;

@@ -8,10 +8,12 @@
 
 namespace kelrt {
 
-// Calls part(context) with the processor rounding to nearest, trapping nothing and, for the SSE2 lanes,
-// flushing subnormals; then puts the caller's mode back, its exception flags included. See vector_part.cpp
-// for why no arithmetic can slip in or out.
+// Calls part(context) with the processor rounding to nearest, trapping nothing and, for lanes that depend on
+// it, flushing subnormals and making default NaNs; then puts the caller's mode back, its exception flags
+// included. See vector_part.cpp for why no arithmetic can slip in or out.
 void run_vector_part(void (*part)(void*), void* context);
+
+namespace {
 
 // Whether lanes compute in a unit that knows no modes, as 32-bit Arm's NEON unit does. Division leaves it.
 #if defined(__arm__) && defined(__ARM_NEON) && !defined(KELRT_LANES_PORTABLE)
@@ -35,16 +37,5 @@ inline void vector_part(Part part) {
             &part);
 }
 
-// Runs step(i) for the first element i of every whole block among n; returns where the tail starts.
-template <uint32_t width, bool divides = false, class Step>
-inline uint32_t for_blocks(uint32_t n, Step step) {
-    const uint32_t tail = n - n % width;
-    if (tail > 0)
-        vector_part<divides>([=] {
-            for (uint32_t i = 0; i < tail; i += width)
-                step(i);
-        });
-    return tail;
-}
-
+}  // namespace
 }  // namespace kelrt

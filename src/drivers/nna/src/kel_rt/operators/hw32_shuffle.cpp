@@ -1,4 +1,4 @@
-// The steps of NEON, SSE2 and plain C++, the choice between instruction sets, and what is the same for all:
+// The steps of NEON, SSE2 and plain C++, and what is the same for all:
 // lines in place, and buffers that overlap.
 #include "hw32_shuffle.h"
 
@@ -11,15 +11,16 @@
 #define KEL_STEPS_PORTABLE
 #elif defined(__ARM_NEON)
 #include <arm_neon.h>
+#elif defined(__AVX2__)
+#include "hw32_steps_avx2.h"
 #elif defined(__SSE2__)
 #include <emmintrin.h>
 
-#include "hw32_steps_avx2.h"
 #else
 #define KEL_STEPS_PORTABLE
 #endif
 
-namespace kelrt {
+namespace kelrt::KELRT_SET {
 namespace {
 
 #if defined(KEL_STEPS_PORTABLE)
@@ -97,7 +98,7 @@ struct ToHw32 : Hw32FromLinear {
     }
 };
 
-#else  // SSE2
+#elif !defined(__AVX2__)  // SSE2
 
 inline __m128i load_16(const uint8_t* from) {
     return _mm_loadu_si128(reinterpret_cast<const __m128i_u*>(from));
@@ -176,22 +177,6 @@ struct ToHw32 : Hw32FromLinear {
 #endif
 
 using Convert = void (*)(uint8_t* dst, const uint8_t* src, size_t L, size_t lines);
-
-Convert best_to_linear() {
-#if defined(KELRT_HW32_AVX2)
-    if (__builtin_cpu_supports("avx2"))
-        return hw32_to_linear_avx2;
-#endif
-    return convert_lines<ToLinear>;
-}
-
-Convert best_to_hw32() {
-#if defined(KELRT_HW32_AVX2)
-    if (__builtin_cpu_supports("avx2"))
-        return linear_to_hw32_avx2;
-#endif
-    return convert_lines<ToHw32>;
-}
 
 // Lines in place. Neither a stack nor a heap can be trusted to hold a copy of any line, and nobody could be
 // told. Up to kScratch elements go through the stack; a longer line is converted by halves, whose planes are
@@ -277,15 +262,15 @@ void convert_buffer(Convert convert, uint8_t* dst, const uint8_t* src, size_t L,
 }  // namespace
 
 void hw32_to_linear(uint8_t* linear, const uint8_t* planes, size_t L, size_t lines) {
-    convert_buffer<to_linear_in_place>(best_to_linear(), linear, planes, L, lines);
+    convert_buffer<to_linear_in_place>(convert_lines<ToLinear>, linear, planes, L, lines);
 }
 
 void linear_to_hw32(uint8_t* planes, const uint8_t* linear, size_t L, size_t lines) {
-    convert_buffer<to_hw32_in_place>(best_to_hw32(), planes, linear, L, lines);
+    convert_buffer<to_hw32_in_place>(convert_lines<ToHw32>, planes, linear, L, lines);
 }
 
 void convert_lin_hw(uint8_t* dst, const uint8_t* src, uint32_t L) {
     linear_to_hw32(dst, src, L, 1);
 }
 
-}  // namespace kelrt
+}  // namespace kelrt::KELRT_SET

@@ -6,7 +6,7 @@
 #include <cstddef>
 #include <cstdint>
 
-namespace kelrt {
+namespace kelrt::KELRT_SET {
 
 // Whole buffers: `lines` lines of L elements, one after another in both layouts. Any L; the buffers may be
 // the same. If they overlap otherwise, lines are converted in ascending order, each read before it is
@@ -17,4 +17,4 @@ void linear_to_hw32(uint8_t* planes, const uint8_t* linear, size_t L, size_t lin
 // One linear line to one hw32 line; the mirror of the exported convert_hw_lin. The two may overlap.
 void convert_lin_hw(uint8_t* dst, const uint8_t* src, uint32_t L);
 
-}  // namespace kelrt
+}  // namespace kelrt::KELRT_SET

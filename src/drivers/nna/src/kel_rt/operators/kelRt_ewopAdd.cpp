@@ -1,9 +1,9 @@
 // Element-wise add: out[i] = a[i] + b[i].
 #include "element.h"
-#include "kelRt.h"
+#include "instruction_sets.h"
 #include "log.h"
 
-using kelrt::f32;
+namespace kelrt::KELRT_SET {
 
 uint32_t kelRt_ewopAdd(float* out, const float* a, const float* b, uint32_t n, uint32_t* out_bytes) {
     if (!out || !a || !b) {
@@ -19,3 +19,5 @@ uint32_t kelRt_ewopAdd(float* out, const float* a, const float* b, uint32_t n, u
         *out_bytes = n * 4;
     return NNA_STATUS_OK;
 }
+
+}  // namespace kelrt::KELRT_SET

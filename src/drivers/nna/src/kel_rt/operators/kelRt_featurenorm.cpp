@@ -1,9 +1,9 @@
 // Feature normalisation: subtract a per-feature mean from every frame and divide by a per-feature divisor.
 #include "element.h"
-#include "kelRt.h"
+#include "instruction_sets.h"
 #include "log.h"
 
-using kelrt::f32;
+namespace kelrt::KELRT_SET {
 
 uint32_t kelRt_featurenorm(const float* input, uint32_t total, const float* mean, const float* var,
                            uint32_t featureLen, float* output) {
@@ -28,3 +28,5 @@ uint32_t kelRt_featurenorm(const float* input, uint32_t total, const float* mean
     }
     return NNA_STATUS_OK;
 }
+
+}  // namespace kelrt::KELRT_SET

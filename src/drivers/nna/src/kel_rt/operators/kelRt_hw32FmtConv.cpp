@@ -1,11 +1,10 @@
 // hw32 layout to linear layout and back: the conversion kernel of both operators, and the exported line
 // converters. All of them run the same two shuffles.
 #include "hw32_shuffle.h"
-#include "kelRt.h"
+#include "instruction_sets.h"
 #include "log.h"
 
-using kelrt::hw32_to_linear;
-using kelrt::linear_to_hw32;
+namespace kelrt::KELRT_SET {
 
 uint32_t kelRt_hw32FmtConvParam(uint8_t* output, const uint8_t* input, uint32_t size, uint32_t dir,
                                 uint32_t nna_out_line_sz, uint32_t* out_bytes) {
@@ -66,3 +65,5 @@ void convert_hw_lin_neon_8(uint8_t* dst0, const uint8_t* src0, uint8_t* dst1, co
     convert_hw_lin_neon_4(dst0, src0, dst1, src1, dst2, src2, dst3, src3, L);
     convert_hw_lin_neon_4(dst4, src4, dst5, src5, dst6, src6, dst7, src7, L);
 }
+
+}  // namespace kelrt::KELRT_SET

@@ -7,8 +7,10 @@
 // kernel here needs memory of its own.
 #include <cmath>
 
-#include "kelRt.h"
+#include "instruction_sets.h"
 #include "log.h"
+
+namespace kelrt::KELRT_SET {
 
 namespace {
 
@@ -149,3 +151,5 @@ uint32_t kelRt_lstmStatesCifgActivationNorm(float* output, float* cellState, flo
     make_hidden_state(output, into_tanh, blocks, n);
     return NNA_STATUS_OK;
 }
+
+}  // namespace kelrt::KELRT_SET

@@ -4,11 +4,11 @@
 #include <type_traits>
 
 #include "element.h"
-#include "kelRt.h"
+#include "instruction_sets.h"
 #include "log.h"
 #include "transpose.h"
 
-using kelrt::f32;
+namespace kelrt::KELRT_SET {
 
 namespace {
 
@@ -95,9 +95,9 @@ uint32_t kelRt_matmul(float* a, float* b, float* c, int32_t aRows, int32_t aCols
         return NNA_STATUS_NULL_POINTER;
     }
     if (transA)
-        kelrt::transpose_in_place(a, aRows, aCols);
+        transpose_in_place(a, aRows, aCols);
     if (transB)
-        kelrt::transpose_in_place(b, bRows, bCols);
+        transpose_in_place(b, bRows, bCols);
 
     const uint32_t rows = count(transA ? aCols : aRows);
     const uint32_t inner = count(transA ? aRows : aCols);
@@ -106,18 +106,12 @@ uint32_t kelRt_matmul(float* a, float* b, float* c, int32_t aRows, int32_t aCols
     return NNA_STATUS_OK;
 }
 
-void m_init(KelRtMatrix* m, uint32_t cols, uint32_t rows, float* data) {
-    *m = {cols, rows, data};
-}
-
-float* m_get(const KelRtMatrix* m, uint32_t row, uint32_t col) {
-    return m->data + static_cast<uint32_t>(row * m->cols + col);
-}
-
 void m_multiply(const KelRtMatrix* c, const KelRtMatrix* a, const KelRtMatrix* b) {
     multiply(c->data, a->data, b->data, c->rows, a->cols, c->cols, b->cols);
 }
 
 void transpose(float* data, int32_t newRows, int32_t newCols) {
-    kelrt::transpose_in_place(data, newCols, newRows);
+    transpose_in_place(data, newCols, newRows);
 }
+
+}  // namespace kelrt::KELRT_SET

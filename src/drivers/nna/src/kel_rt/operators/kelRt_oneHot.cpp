@@ -1,10 +1,9 @@
 // One-hot: a vector of one value, with another at the index.
 #include "element.h"
 #include "float_index.h"
-#include "kelRt.h"
+#include "instruction_sets.h"
 
-using kelrt::f32;
-using kelrt::u32;
+namespace kelrt::KELRT_SET {
 
 uint32_t kelRt_oneHot(float* out, const float* index, uint32_t d, uint32_t on_value, uint32_t off_value,
                       uint32_t* out_bytes) {
@@ -23,3 +22,5 @@ uint32_t kelRt_oneHot(float* out, const float* index, uint32_t d, uint32_t on_va
         *out_bytes = d * 4;
     return NNA_STATUS_OK;
 }
+
+}  // namespace kelrt::KELRT_SET

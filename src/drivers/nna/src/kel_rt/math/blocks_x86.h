@@ -1,0 +1,170 @@
+// for_blocks on x86: blocks as wide as the instruction set, in x86's own arithmetic wherever that and NEON's
+// cannot differ, which a few operations a block tell. What does differ is rare, and done again by the exact
+// lanes. Most kernels need no change of the processor's mode then, which costs 9 ns and sometimes 40.
+#pragma once
+
+#include <algorithm>
+#include <utility>
+
+#include "math/blocks.h"
+#include "math/lanes_plain.h"
+
+namespace kelrt {
+namespace {
+
+// Rounding to nearest and trapping nothing, as the lanes need it. Whether subnormals are flushed is no matter
+// where there are none.
+inline bool caller_has_our_mode() {
+    return (_mm_getcsr() & 0x7F80) == 0x1F80;
+}
+
+// Up to this many elements a watch over subnormals costs less than switching them off.
+constexpr uint32_t kShort = 128;
+// Elements that are done again together, so that an array full of rare values pays for few switches.
+constexpr size_t kRedone = 256;
+
+template <class F>
+F operand(const float* p) {
+    return F::load(p);
+}
+template <class F>
+typename F::Integers operand(const int8_t* p) {
+    return F::Integers::load_int8(p);
+}
+template <class F>
+typename F::Integers operand(const int16_t* p) {
+    return F::Integers::load_int16(p);
+}
+template <class F>
+typename F::Integers operand(const int32_t* p) {
+    return F::Integers::load(p);
+}
+template <class Result>
+void store_block(float* p, Result r) {
+    store(p, r);
+}
+template <class Result>
+void store_block(int8_t* p, Result r) {
+    store_int8(p, r);
+}
+
+// `count` vectors of n lanes, from consecutive elements.
+template <class F, class T, size_t... k>
+auto operands(std::index_sequence<k...>, const T* p) {
+    return Many<decltype(operand<F>(p)), sizeof...(k)>{{operand<F>(p + k * F::kLanes)...}};
+}
+template <class F, size_t count, class Out, size_t... k>
+void store_all(std::index_sequence<k...>, Out* p, const Many<F, count>& a) {
+    (store_block(p + k * F::kLanes, a.v[k]), ...);
+}
+
+// One group of blocks, count * n elements; false, with nothing stored, if it needs the exact lanes.
+template <int n, size_t count, class Function, class Out, class... In>
+[[gnu::always_inline]] inline bool plain_group(Below when, Function f, Out* out, const In*... in) {
+    constexpr auto each = std::make_index_sequence<count>();
+    Watch<n> watch;
+    const auto look = [&]<class F>(const Many<F, count>& x) {
+        for (const F& one : x.v)
+            watch.large(one.v);
+    };
+    (look(operands<Plain<n>>(each, in)), ...);
+    if (__builtin_expect(any(reinterpret_cast<WordVector<n>>(watch.most >= when.limit)), 0))
+        return false;
+    store_all(each, out, f(operands<Plain<n>>(each, in)...));
+    return true;
+}
+template <int n, size_t count, class Function, class Out, class... In>
+[[gnu::always_inline]] inline bool plain_group(If when, Function f, Out* out, const In*... in) {
+    if (__builtin_expect(!when.holds, 0))
+        return false;
+    constexpr auto each = std::make_index_sequence<count>();
+    store_all(each, out, f(operands<Plain<n>>(each, in)...));
+    return true;
+}
+template <bool flushing>
+struct WatchingIn {};
+template <int n, size_t count, bool flushing, class Function, class... In>
+[[gnu::always_inline]] inline bool plain_group(WatchingIn<flushing>, Function f, float* out,
+                                               const In*... in) {
+    constexpr auto each = std::make_index_sequence<count>();
+    using F = Watched<n, flushing>;
+    Watch<n> watch;
+    const auto watched = [&](const float* p) {
+        return Many<F, count>::filled([&](size_t k) { return F::load(p + k * n, watch); });
+    };
+    const Many<F, count> result = f(watched(in)...);
+    for (const F& one : result.v)
+        watch.large(one.v);
+    if (__builtin_expect(watch.unusual(0x7F800001u), 0))
+        return false;
+    store_all(each, out, result);
+    return true;
+}
+
+// Groups of `count` vectors of n lanes from element i on, as long as they fit and are ordinary. Returns where
+// it stopped.
+template <int n, size_t count, class When, class Function, class Then, class Out, class... In>
+[[gnu::always_inline]] inline size_t plain_groups(size_t i, size_t tail, When when, Function f, Then then,
+                                                  Out* out, const In*... in) {
+    constexpr size_t kGroup = count * n;
+    for (; i + kGroup <= tail && plain_group<n, count>(when, f, out + i, in + i...); i += kGroup)
+        then(i, kGroup);
+    return i;
+}
+
+// Vectors in lockstep: chains as long as that of exp need more than the registers hold (on Zen 3 exp
+// takes 1.24, 1.12, 0.95 and 1.07 cycles an element with 2, 4, 6 and 8), single operations no more than hide
+// a load.
+template <class When>
+constexpr size_t kInFlight = std::is_same_v<When, Below> ? (kWidest == 16 ? 8 : 6) : 4;
+
+// All whole blocks, in groups, then vector by vector, then by four; `exactly(from, to)` does those again that
+// need it. `then` follows what is done.
+template <class When, class Exactly, class Function, class Then, class Out, class... In>
+[[gnu::always_inline]] inline void mixed_blocks(size_t tail, When when, Exactly exactly, Function f,
+                                                Then then, Out* out, const In*... in) {
+    size_t i = 0;
+    while (true) {
+        i = plain_groups<kWidest, kInFlight<When>>(i, tail, when, f, then, out, in...);
+        if (i + kInFlight<When> * kWidest > tail) {
+            i = plain_groups<kWidest, 1>(i, tail, when, f, then, out, in...);
+            if (i + kWidest > tail)
+                i = plain_groups<4, 1>(i, tail, when, f, then, out, in...);
+        }
+        if (i == tail)
+            return;
+        const size_t to = std::min(tail, i + kRedone);
+        exactly(i, to);
+        i = to;
+    }
+}
+
+// out[i] = f(in[i]...) for the whole blocks among n elements; returns where the tail starts. After each
+// stretch then(from, count) is called, in the same mode and in ascending order.
+template <uint32_t block = 4, class When, class Function, class Then, class Out, class... In>
+[[gnu::always_inline]] inline uint32_t for_blocks_then(uint32_t n, When when, Function f, Then then, Out* out,
+                                                       const In*... in) {
+    const uint32_t tail = n - n % block;
+    if (tail == 0)
+        return 0;
+    const auto exactly = [=](size_t from, size_t to) __attribute__((noinline)) {
+        exact_blocks<block>(from, to, f, out, in...);
+        then(from, to - from);
+    };
+    const auto exactly_in_our_mode = [=](size_t from, size_t to) { vector_part([=] { exactly(from, to); }); };
+    if constexpr (std::is_same_v<When, Below> || std::is_same_v<When, If>) {
+        if (caller_has_our_mode())
+            mixed_blocks(tail, when, exactly_in_our_mode, f, then, out, in...);
+        else
+            exactly_in_our_mode(0, tail);
+    } else {
+        if (tail <= kShort && caller_has_our_mode())
+            mixed_blocks(tail, WatchingIn<false>{}, exactly_in_our_mode, f, then, out, in...);
+        else
+            vector_part([=] { mixed_blocks(tail, WatchingIn<true>{}, exactly, f, then, out, in...); });
+    }
+    return tail;
+}
+
+}  // namespace
+}  // namespace kelrt

@@ -157,6 +157,7 @@ int run(const Options& options) {
         print(results.back(), options.peers, options.all);
     }
     print(groups_of(results), options.peers);
+    std::fflush(stdout);
     if (options.write && errors.empty()) {
         std::printf("\nmeasuring cost over size\n");
         if (const std::string wrong = write_report("docs", "./dev bench --peers --write", results);

@@ -7,7 +7,7 @@
 
 namespace bench {
 
-// Least seconds of one call of each, over rounds that take about `budget` seconds in all.
+// Least seconds of one call of each, over rounds that take about `budget` seconds of processor time.
 std::vector<double> least_seconds(const std::vector<Work>& candidates, double budget);
 
 }  // namespace bench

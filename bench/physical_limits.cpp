@@ -1,7 +1,9 @@
 // Built for this processor (-march=native), in vectors as wide as it has.
 #include "physical_limits.h"
 
+#if defined(__x86_64__)
 #include <immintrin.h>
+#endif
 
 #include <cstring>
 #include <memory>
@@ -16,6 +18,11 @@ constexpr size_t kWidth = 64;
 constexpr size_t kWidth = 32;
 #else
 constexpr size_t kWidth = 16;
+#endif
+#if defined(__aarch64__)
+#define IN_VECTOR(value) "+w"(value)
+#else
+#define IN_VECTOR(value) "+x"(value)
 #endif
 typedef float Vector __attribute__((vector_size(kWidth)));
 typedef float Unaligned __attribute__((vector_size(kWidth), aligned(4), may_alias));
@@ -35,13 +42,13 @@ constexpr size_t kInFlight = 12;
 // In turns: two units of each a cycle, and three or four cycles until a result can be used.
 void multiply_and_add() {
     Vector one = Vector{} + 1.0f, tiny = Vector{} + 0x1p-30f;
-    asm volatile("" : "+x"(one), "+x"(tiny));  // a product by a known one would be left out
+    asm volatile("" : IN_VECTOR(one), IN_VECTOR(tiny));  // a product by a known one would be left out
     in_registers(std::make_index_sequence<kInFlight>(), [=](Vector& v, size_t i) {
         if (i % 2)
             v *= one;
         else
             v += tiny;
-        asm volatile("" : "+x"(v));
+        asm volatile("" : IN_VECTOR(v));
     });
 }
 
@@ -49,7 +56,7 @@ void divide() {
     const Vector divisor = Vector{} + 1.1f;
     in_registers(std::make_index_sequence<kInFlight>(), [=](Vector& v, size_t) {
         Vector quotient = v / divisor;
-        asm volatile("" : "+x"(quotient));
+        asm volatile("" : IN_VECTOR(quotient));
     });
 }
 
@@ -58,14 +65,14 @@ void add_in_order() {
     Float sum = 1, addend = Float(0.5);
     for (size_t step = 0; step < kSteps; ++step) {
         sum += addend;
-        asm volatile("" : "+x"(sum));
+        asm volatile("" : IN_VECTOR(sum));
     }
 }
 
 void read(const float* from, size_t count) {
     for (size_t i = 0; i < count; ++i) {
         Vector v = *reinterpret_cast<const Unaligned*>(from + i * kLanes);
-        asm volatile("" : "+x"(v));
+        asm volatile("" : IN_VECTOR(v));
     }
 }
 
@@ -76,11 +83,15 @@ void stream(float* to, const float* from, size_t count) {
         _mm512_stream_ps(to + i * kLanes, v);
 #elif defined(__AVX__)
         _mm256_stream_ps(to + i * kLanes, v);
-#else
+#elif defined(__x86_64__)
         _mm_stream_ps(to + i * kLanes, v);
+#else
+        *reinterpret_cast<Unaligned*>(to + i * kLanes) = v;
 #endif
     }
+#if defined(__x86_64__)
     _mm_sfence();
+#endif
 }
 
 struct Buffer {

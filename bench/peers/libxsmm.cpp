@@ -47,18 +47,6 @@ Work transpose(const Problem& p) {
     });
 }
 
-Work hw32(const Problem& p, bool to_linear) {
-    const auto lines = p.shape.rows, length = p.shape.cols;
-    const int four = 4, line = static_cast<int>(length);
-    return repeat([=, in = static_cast<const uint8_t*>(p.integers), out = p.bytes] {
-        for (size_t at = 0; at < lines * length * 4; at += length * 4)
-            if (to_linear)
-                libxsmm_otrans(out + at, in + at, 1, line, four, line, four);
-            else
-                libxsmm_otrans(out + at, in + at, 1, four, line, four, line);
-    });
-}
-
 }  // namespace
 
 Work libxsmm(const Problem& p) {
@@ -70,10 +58,6 @@ Work libxsmm(const Problem& p) {
             return matmul(p);
         case Op::transpose:
             return transpose(p);
-        case Op::hw32_to_linear:
-            return hw32(p, true);
-        case Op::linear_to_hw32:
-            return hw32(p, false);
         case Op::split:
             return repeat([=, a = p.a, out = p.out, n = static_cast<int>(p.shape.n)] {
                 libxsmm_matcopy(out, a, sizeof(float), n, 1, n, n);

@@ -117,17 +117,21 @@ void lstm_norm(const float* __restrict gates, const float* gamma, const float* b
                std::tanh((cell[k] - m) * scale * gamma[4 * n + k] + beta[4 * n + k]);
 }
 
-void matmul(const float* a, const float* __restrict b, float* __restrict c, const Shape& s) {
+// One row of results at a time, as sums of rows of b; a b that is stored transposed is turned first.
+void matmul(const float* a, const float* b, float* __restrict turned, float* __restrict c, const Shape& s) {
     const size_t a_row = s.transposed_a ? 1 : s.inner, a_inner = s.transposed_a ? s.rows : 1;
+    if (s.transposed_b) {
+        for (size_t j = 0; j < s.cols; ++j)
+            for (size_t k = 0; k < s.inner; ++k)
+                turned[k * s.cols + j] = b[j * s.inner + k];
+        b = turned;
+    }
     for (size_t i = 0; i < s.rows; ++i) {
         float* __restrict row = c + i * s.cols;
-        if (s.transposed_b || s.cols == 1) {
-            for (size_t j = 0; j < s.cols; ++j) {
-                float total = 0;
-                for (size_t k = 0; k < s.inner; ++k)
-                    total += a[i * a_row + k * a_inner] * b[j * s.inner + k];
-                row[j] = total;
-            }
+        if (s.cols == 1) {
+            row[0] = 0;
+            for (size_t k = 0; k < s.inner; ++k)
+                row[0] += a[i * a_row + k * a_inner] * b[k];
         } else {
             std::fill_n(row, s.cols, 0.0f);
             for (size_t k = 0; k < s.inner; ++k)
@@ -258,7 +262,10 @@ Work loop(const Problem& p) {
         case Op::lstm_norm:
             return repeat([=] { lstm_norm(a, b, c, out, out + n, n); });
         case Op::matmul:
-            return repeat([=, s = p.shape] { matmul(a, b, out, s); });
+            return repeat(
+                [=, s = p.shape, turned = std::make_shared<std::vector<float>>(p.shape.inner * cols)] {
+                    matmul(a, b, turned->data(), out, s);
+                });
         case Op::transpose:
             return repeat([=, copy = std::make_shared<std::vector<float>>(rows * cols)] {
                 transpose(out, copy->data(), rows, cols);

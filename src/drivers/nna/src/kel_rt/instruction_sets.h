@@ -1,5 +1,5 @@
-// The kernels whose text is compiled once for each instruction set of the processor's family, and the choice
-// between them. A set is a namespace, named by KELRT_SET while the text is compiled: sse2, avx2 and avx512 on
+// The kernels whose text is compiled once for each instruction set of the processor's family, and the table
+// of each. A set is a namespace, named by KELRT_SET while the text is compiled: sse2, avx2 and avx512 on
 // x86, elsewhere only one. Within it a kernel has its exported name, and calls the others of its own set.
 #pragma once
 
@@ -59,9 +59,6 @@ struct Kernels {
     KELRT_KERNELS(X)
 #undef X
 };
-
-// The widest set that both this build and this processor have.
-const Kernels& kernels();
 
 }  // namespace kelrt
 

@@ -255,6 +255,8 @@ bool apart(const uint8_t* a, const uint8_t* b, size_t bytes) {
 
 template <void (*long_line_in_place)(Convert, uint8_t*, size_t)>
 void convert_buffer(Convert convert, uint8_t* dst, const uint8_t* src, size_t L, size_t lines) {
+    if (L == 0)
+        return;
     const bool in_place = dst == src;
     if (apart(dst, src, 4 * L * lines) || (in_place && (L == 8 || L == 16)))
         return convert(dst, src, L, lines);

@@ -1,4 +1,5 @@
-// The exported kernels: each is the one of the instruction set that suits this processor.
+// The exported kernels: each is the one of the widest instruction set that both this build (KELRT_HAS_... name its
+// sets) and this processor have.
 #include "instruction_sets.h"
 
 namespace kelrt {
@@ -7,23 +8,17 @@ namespace kelrt {
     namespace set {                \
     extern const Kernels kKernels; \
     }
-
-#if defined(KELRT_HAS_AVX512)
 KELRT_DECLARE_SET(avx512)
-#endif
-#if defined(KELRT_HAS_AVX2)
 KELRT_DECLARE_SET(avx2)
-#endif
 KELRT_DECLARE_SET(KELRT_BASE_SET)
+#undef KELRT_DECLARE_SET
 
-namespace {
-
-// The widest set that both this build (KELRT_HAS_... name its sets) and this processor have. What the processor
-// has, the compiler's own library has found out when it was loaded: no state of ours.
-inline const Kernels& kernels() {
+// What the processor has, the compiler's own library has found out when it was loaded: no state of ours.
+static inline const Kernels& kernels() {
 #if defined(KELRT_HAS_AVX512)
-    // The text is compiled for the groups that Ice Lake and Zen 4 brought together; this one came last.
-    if (__builtin_cpu_supports("avx512vbmi"))
+    if (__builtin_cpu_supports("avx512f") && __builtin_cpu_supports("avx512bw") &&
+        __builtin_cpu_supports("avx512dq") && __builtin_cpu_supports("avx512vl") &&
+        __builtin_cpu_supports("avx512vbmi"))
         return avx512::kKernels;
 #endif
 #if defined(KELRT_HAS_AVX2)
@@ -33,7 +28,6 @@ inline const Kernels& kernels() {
     return KELRT_BASE_SET::kKernels;
 }
 
-}  // namespace
 }  // namespace kelrt
 
 using kelrt::kernels;

@@ -6,27 +6,59 @@
 #include <cstring>
 
 #include "element.h"
+#include "matrix_lanes.h"
 
 namespace kelrt::KELRT_SET {
 namespace {
 
-// Side of the tiles that a transposition goes by, so that both matrices are touched whole cache lines at a
-// time.
-constexpr uint32_t kTile = 16;
+constexpr int kSquare = std::min(kWidest, 8);
 
-// Copies rows x cols of `from` into cols x rows of `to`, tile by tile.
-void transpose_into(f32* to, const f32* from, uint32_t rows, uint32_t cols) {
-    for (uint32_t top = 0; top < rows; top += kTile) {
-        const uint32_t bottom = std::min(rows, top + kTile);
-        for (uint32_t left = 0; left < cols; left += kTile) {
-            const uint32_t right = std::min(cols, left + kTile);
-            for (uint32_t col = left; col < right; ++col) {
-                for (uint32_t row = top; row < bottom; ++row)
-                    to[col * rows + row] = from[row * cols + col];
+// n x n elements, through registers.
+template <int n>
+[[gnu::always_inline]] inline void transpose_square(f32* to, size_t to_stride, const f32* from, size_t stride) {
+    FloatVector<n> columns[n / 4][4];
+    each<n / 4>([&](auto q) {
+        each<4>([&](auto i) { columns[q][i] = load_row<n>(from + i * stride + 4 * q, stride); });
+        turn(columns[q]);
+    });
+    each<n>([&](auto i) { store_elements(to + i * to_stride, columns[i / 4][i % 4]); });
+}
+
+// rows x cols elements to another place, by squares. Those at the far edges overlap others.
+template <int n = kSquare>
+[[gnu::always_inline]] inline void transpose_into(f32* to, size_t to_stride, const f32* from, size_t stride, size_t rows, size_t cols) {
+    if constexpr (n < 4) {
+        for (size_t row = 0; row < rows; ++row)
+            for (size_t col = 0; col < cols; ++col)
+                to[col * to_stride + row] = from[row * stride + col];
+    } else if (rows < n || cols < n) {
+        transpose_into<n / 2>(to, to_stride, from, stride, rows, cols);
+    } else {
+        for (size_t row = 0; row < rows; row += n) {
+            row = std::min(row, rows - n);
+            for (size_t col = 0; col < cols; col += n) {
+                col = std::min(col, cols - n);
+                transpose_square<n>(to + col * to_stride + row, to_stride, from + row * stride + col, stride);
             }
         }
     }
 }
+
+// Short rows, without the call of memcpy.
+[[gnu::always_inline]] inline void copy_row(f32* to, const f32* from, size_t count) {
+    constexpr size_t n = kSquare;
+    if (count < n) {
+        for (size_t i = 0; i < count; ++i)
+            to[i] = from[i];
+    } else {
+        for (size_t i = 0; i < count; i += n) {
+            i = std::min(i, count - n);
+            store_elements(to + i, load_elements<FloatVector<kSquare>>(from + i));
+        }
+    }
+}
+
+constexpr size_t kBand = 64;
 
 // Beyond this a device is better off slow than out of memory.
 constexpr size_t kMostCopied = 64u << 20;
@@ -38,23 +70,36 @@ bool transpose_through_copy(f32* data, uint32_t rows, uint32_t cols) {
     auto* const copy = bytes <= kMostCopied ? static_cast<float*>(std::malloc(bytes)) : nullptr;
     if (!copy)
         return false;
-    transpose_into(copy, data, rows, cols);
+    // By bands that a core's first cache has room for.
+    for (size_t left = 0; left < cols; left += kBand)
+        transpose_into(copy + left * rows, rows, data + left, cols, rows, std::min<size_t>(kBand, cols - left));
     std::memcpy(data, copy, bytes);
     std::free(copy);
     return true;
 }
 
-// Swaps each tile with its mirror image across the diagonal.
-void transpose_square(f32* data, uint32_t n) {
-    for (uint32_t top = 0; top < n; top += kTile) {
-        for (uint32_t left = top; left < n; left += kTile) {
-            for (uint32_t row = top; row < std::min(n, top + kTile); ++row) {
-                for (uint32_t col = std::max(left, row + 1); col < std::min(n, left + kTile); ++col) {
-                    const float upper = data[row * n + col];
-                    data[row * n + col] = data[col * n + row];
-                    data[col * n + row] = upper;
-                }
-            }
+constexpr size_t kBlock = 32;
+
+// Swaps a block with its mirror image across the diagonal.
+template <typename Count>
+void swap_blocks(f32* data, size_t n, size_t top, size_t left, Count height, Count width) {
+    alignas(64) float block[kBlock * kBlock];
+    f32 *const upper = data + top * n + left, *const lower = data + left * n + top;
+    transpose_into(block, kBlock, upper, n, height, width);
+    if (left != top)
+        transpose_into(upper, n, lower, n, width, height);
+    for (size_t row = 0; row < width; ++row)
+        copy_row(lower + row * n, block + row * kBlock, height);
+}
+
+void transpose_square(f32* data, size_t n) {
+    for (size_t top = 0; top < n; top += kBlock) {
+        for (size_t left = top; left < n; left += kBlock) {
+            const size_t height = std::min(kBlock, n - top), width = std::min(kBlock, n - left);
+            if (height == kBlock && width == kBlock)
+                swap_blocks(data, n, top, left, std::integral_constant<size_t, kBlock>(), std::integral_constant<size_t, kBlock>());
+            else
+                swap_blocks(data, n, top, left, height, width);
         }
     }
 }

@@ -31,21 +31,24 @@ const char* type_name(uint8_t type) {
 }
 
 // Both codes are compared as bytes: the upper bytes of an argument's type word mean nothing.
-uint32_t check_arg_type(uint32_t actual_word, uint8_t expected, int index) {
-    const uint8_t actual = static_cast<uint8_t>(actual_word);
+bool has_type(const KelRtContextArg& arg, uint8_t expected) {
+    return static_cast<uint8_t>(arg.type) == expected;
+}
+
+// What is wrong with an argument that has another type.
+[[gnu::cold, gnu::noinline]] uint32_t report_type(const KelRtContextArg& arg, uint8_t expected, int index) {
+    const uint8_t actual = static_cast<uint8_t>(arg.type);
     if (actual > KEL_RT_ARG_FLT) {
         KEL_LOG_ERR("Unknown Context Argument[%d] Type %d", index, actual);
         return NNA_STATUS_INVALID_ARGUMENT;
     }
-    if (actual != expected) {
-        KEL_LOG_ERR("Context Argument[%d] Type Mismatch expected %s actual %s", index, type_name(expected),
-                    type_name(actual));
-        return NNA_STATUS_TYPE_MISMATCH;
-    }
-    return NNA_STATUS_OK;
+    KEL_LOG_ERR("Context Argument[%d] Type Mismatch expected %s actual %s", index, type_name(expected),
+                type_name(actual));
+    return NNA_STATUS_TYPE_MISMATCH;
 }
 
-// Holds the operator arguments against the operator's row.
+// Holds the operator arguments against the operator's row. Arguments 0 and 1, the same in all rows, have been
+// looked at.
 uint32_t check_operator_args(const KelRtOpEntry& op, const KelRtContextArg* args) {
     if (args[0].value != op.op_args) {
         KEL_LOG_ERR("Number of Context args do not match");
@@ -54,9 +57,11 @@ uint32_t check_operator_args(const KelRtOpEntry& op, const KelRtContextArg* args
     }
     // The table's count rules here, not num_args: a context simply carries at least that many records. A code
     // that the check itself reports as unknown counts as a mismatch all the same.
-    for (uint32_t i = 0; i < op.total_args; ++i) {
-        if (check_arg_type(args[i].type, op.types[i], static_cast<int>(i)) != NNA_STATUS_OK)
+    for (uint32_t i = 2; i < op.total_args; ++i) {
+        if (!has_type(args[i], op.types[i])) [[unlikely]] {
+            report_type(args[i], op.types[i], static_cast<int>(i));
             return NNA_STATUS_TYPE_MISMATCH;
+        }
     }
     return NNA_STATUS_OK;
 }
@@ -97,9 +102,8 @@ uint32_t kelRt_executeContext(KelRtInstance* instance, const KelRtContext* conte
         return NNA_STATUS_INVALID_ARGUMENT;
     }
     for (int i = 0; i < 2; ++i) {
-        const uint32_t status = check_arg_type(context->args[i].type, KEL_RT_ARG_VAL, i);
-        if (status != NNA_STATUS_OK)
-            return status;
+        if (!has_type(context->args[i], KEL_RT_ARG_VAL)) [[unlikely]]
+            return report_type(context->args[i], KEL_RT_ARG_VAL, i);
     }
 
     const uint32_t status = verify_and_run(instance, context);

@@ -4,22 +4,15 @@
 #include "kelRt.h"
 #include "kelRt_platform.h"
 #include "log.h"
+#include "memory.h"
+
+using kelrt::cpu_buffer;
 
 namespace {
 
 // Directions of tivNnaMemorySyncCache.
 constexpr uint32_t kCpuWillRead = 1;
 constexpr uint32_t kCpuHasWritten = 0;
-
-// The id's CPU buffer, or null. A failing lookup (no table) leaves null too: the id is then accelerator
-// memory. No table has an entry for KEL_RT_NO_MEMORY_ID.
-void* cpu_buffer(KelRtInstance* instance, uint32_t memid) {
-    if (memid == KEL_RT_NO_MEMORY_ID)
-        return nullptr;
-    void* ptr = nullptr;
-    tivNnaCpuMemPtr(instance, memid, &ptr);
-    return ptr;
-}
 
 // Maintains the caches over the whole memory, never over just the operand's range.
 uint32_t sync_whole(KelRtInstance* instance, uint32_t memid, uint32_t direction) {

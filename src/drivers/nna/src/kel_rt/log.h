@@ -44,16 +44,17 @@ class ProfileScope {
 // not mix within a line; never flushed. WARN and ERR are mirrored to the Android log without stamp and level.
 #define KEL_LOG_STEP(level, end, format, ...)                                                                \
     do {                                                                                                     \
-        if (::kelrt::log_admits(::kelrt::LogLevel::level)) {                                                 \
-            const ::kelrt::LogStamp kel_stamp = ::kelrt::open_log_record(__FILE__, __LINE__);                \
-            std::fprintf(stdout, "[%llu.%06llu]  %9s  %-64s:%4d  | " format end, kel_stamp.seconds,          \
-                         kel_stamp.microseconds, KEL_LOG_NAME_##level, __FILE__,                             \
-                         __LINE__ __VA_OPT__(, ) __VA_ARGS__);                                               \
-            if constexpr (::kelrt::LogLevel::level >= ::kelrt::LogLevel::Warn) {                             \
-                __android_log_print(::kelrt::LogLevel::level == ::kelrt::LogLevel::Warn ? 5 : 6, "NNA-Srvc", \
-                                    "  %-64s:%4d  | " format "\n", __FILE__,                                 \
-                                    __LINE__ __VA_OPT__(, ) __VA_ARGS__);                                    \
-            }                                                                                                \
+        if (::kelrt::log_admits(::kelrt::LogLevel::level)) [[unlikely]] {                                    \
+            [](auto... kel_args) __attribute__((cold, noinline)) {                                           \
+                const ::kelrt::LogStamp kel_stamp = ::kelrt::open_log_record(__FILE__, __LINE__);            \
+                std::fprintf(stdout, "[%llu.%06llu]  %9s  %-64s:%4d  | " format end, kel_stamp.seconds,      \
+                             kel_stamp.microseconds, KEL_LOG_NAME_##level, __FILE__, __LINE__, kel_args...); \
+                if constexpr (::kelrt::LogLevel::level >= ::kelrt::LogLevel::Warn) {                         \
+                    __android_log_print(::kelrt::LogLevel::level == ::kelrt::LogLevel::Warn ? 5 : 6,         \
+                                        "NNA-Srvc", "  %-64s:%4d  | " format "\n", __FILE__, __LINE__,       \
+                                        kel_args...);                                                        \
+                }                                                                                            \
+            }(__VA_ARGS__);                                                                                  \
         }                                                                                                    \
     } while (0)
 

@@ -7,6 +7,7 @@
 
 #include "kelRt.h"
 #include "log.h"
+#include "memory.h"
 
 namespace kelrt {
 
@@ -40,13 +41,8 @@ class OperatorCall {
         : instance_(instance), args_(context->args) {}
 
     ~OperatorCall() {
-        if (status_ == NNA_STATUS_OK)
-            return;
-        while (resolved_count_ > 0) {
-            const Tensor& tensor = resolved_[--resolved_count_];
-            if (tensor.base)
-                kel_rtMemory_deallocate(instance_, tensor.base, tensor.memid);
-        }
+        if (failed()) [[unlikely]]
+            hand_back(instance_, resolved_);
     }
 
     OperatorCall(const OperatorCall&) = delete;
@@ -58,7 +54,7 @@ class OperatorCall {
 
     // Ends a call without handing anything back.
     uint32_t abandon() {
-        resolved_count_ = 0;
+        resolved_.count = 0;
         return status_;
     }
 
@@ -69,13 +65,13 @@ class OperatorCall {
     float float_value(int arg) const { return std::bit_cast<float>(args_[arg].value); }
 
     // Resolves an output that the kernel will write.
-    Tensor allocate(int arg) { return resolve(arg, kel_rtMemory_allocate); }
+    Tensor allocate(int arg) { return resolve<kel_rtMemory_allocate>(arg); }
     // Resolves an input, with its caches made coherent.
-    Tensor copyFrom(int arg) { return resolve(arg, kel_rtMemory_copyFrom); }
+    Tensor copyFrom(int arg) { return resolve<kel_rtMemory_copyFrom>(arg); }
 
     // Takes the kernel's status.
     void executed(uint32_t kernel_status) {
-        if (kernel_status == NNA_STATUS_OK)
+        if (kernel_status == NNA_STATUS_OK) [[likely]]
             return;
         KEL_LOG_ERR("Error executing operator %d", kernel_status);
         fail(kernel_status);
@@ -83,37 +79,51 @@ class OperatorCall {
 
     // Publishes an output.
     void copyTo(const Tensor& tensor) {
-        if (!failed())
+        if (!failed() && !is_cpu_buffer(instance_, tensor.base, tensor.memid))
             status_ = kel_rtMemory_copyTo(instance_, tensor.base, tensor.memid);
     }
 
     // Hands a tensor back; what the check says changes nothing.
     void deallocate(const Tensor& tensor) {
-        if (!failed())
+        if (!failed() && !is_cpu_buffer(instance_, tensor.base, tensor.memid))
             kel_rtMemory_deallocate(instance_, tensor.base, tensor.memid);
     }
-
-    KelRtInstance* instance() const { return instance_; }
 
   private:
     // The normalised LSTM has the most tensors.
     static constexpr int kMaxTensors = 7;
 
-    Tensor resolve(int arg, uint32_t (*memory_function)(KelRtInstance*, uint32_t, void**)) {
+    struct Resolved {
+        struct {
+            void* base;
+            uint32_t memid;
+        } tensors[kMaxTensors];
+        int count = 0;
+    };
+
+    template <uint32_t (*memory_function)(KelRtInstance*, uint32_t, void**)>
+    Tensor resolve(int arg) {
         Tensor tensor{nullptr, args_[arg].value, args_[arg].offset};
-        if (failed())
-            return tensor;
-        status_ = memory_function(instance_, tensor.memid, &tensor.base);
+        if (!failed()) [[likely]] {
+            tensor.base = cpu_buffer(instance_, tensor.memid);
+            if (!tensor.base) {
+                void* base = nullptr;  // apart, so that the tensor stays in registers: 3 ns a tensor
+                status_ = memory_function(instance_, tensor.memid, &base);
+                tensor.base = base;
+            }
+        }
         // Recorded even when the call failed: a platform that fails and yet leaves a pointer gets it back.
-        resolved_[resolved_count_++] = tensor;
+        resolved_.tensors[resolved_.count++] = {tensor.base, tensor.memid};
         return tensor;
     }
+
+    // Gets a copy, so that nothing of a call that goes well has to be in memory.
+    [[gnu::cold]] static void hand_back(KelRtInstance* instance, Resolved resolved);
 
     KelRtInstance* instance_;
     const KelRtContextArg* args_;
     uint32_t status_ = NNA_STATUS_OK;
-    int resolved_count_ = 0;
-    Tensor resolved_[kMaxTensors];
+    Resolved resolved_;
 };
 
 }  // namespace kelrt

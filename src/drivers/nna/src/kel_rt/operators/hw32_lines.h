@@ -1,6 +1,7 @@
 // Lines on top of steps, for one direction. An instruction set provides the steps: 16 elements of a line, 8
-// elements of a line, and a line of exactly 8. Everything here has internal linkage, because it is compiled
-// once for each instruction set, and code for one processor must not stand in for another's.
+// elements of a line, and a line of exactly 8; and, if it can, 32 elements, and several short lines at once.
+// Everything here has internal linkage, because it is compiled once for each instruction set, and code for one
+// processor must not stand in for another's.
 //
 // In a step, `planes` is the address of the first element in plane 0, L the distance from plane to plane, and
 // `linear` the address of the first word. A step reads all its bytes before it writes any. Addresses are
@@ -14,30 +15,8 @@
 namespace kelrt {
 namespace {
 
-// What the steps of a direction derive from: how far an element advances each side, and how far apart the
-// four bytes of an element, or the four elements of a byte's plane, lie.
-struct LinearFromHw32 {
-    static constexpr size_t kDst = 4, kSrc = 1;
-    static constexpr size_t dst_stride(size_t) { return 4; }
-    static constexpr size_t src_stride(size_t L) { return L; }
-    static void element(uint8_t* linear, const uint8_t* planes, size_t L) {
-        for (size_t p = 0; p < 4; ++p)
-            linear[p] = planes[p * L];
-    }
-};
-
-struct Hw32FromLinear {
-    static constexpr size_t kDst = 1, kSrc = 4;
-    static constexpr size_t dst_stride(size_t L) { return L; }
-    static constexpr size_t src_stride(size_t) { return 4; }
-    static void element(uint8_t* planes, const uint8_t* linear, size_t L) {
-        for (size_t p = 0; p < 4; ++p)
-            planes[p * L] = linear[p];
-    }
-};
-
 // 4 elements in either direction: a transposition of 4 x 4 bytes is its own inverse.
-inline void step_4(uint8_t* dst, size_t dst_stride, const uint8_t* src, size_t src_stride) {
+inline void transpose_4(uint8_t* dst, size_t dst_stride, const uint8_t* src, size_t src_stride) {
     constexpr uint32_t kEven = 0x00FF00FF, kOdd = 0xFF00FF00;
     uint32_t in[4];
     for (size_t i = 0; i < 4; ++i)
@@ -56,36 +35,54 @@ inline void step_4(uint8_t* dst, size_t dst_stride, const uint8_t* src, size_t s
         std::memcpy(dst + i * dst_stride, &out[i], 4);
 }
 
+// What the steps of a direction derive from: how far an element advances each side, which byte of a line becomes
+// byte `at` of the converted one, and the steps that registers are no use for.
+struct LinearFromHw32 {
+    static constexpr size_t kDst = 4, kSrc = 1;
+    static constexpr size_t source(size_t at, size_t L) { return at % 4 * L + at / 4; }
+    static void step_4(uint8_t* linear, const uint8_t* planes, size_t L) { transpose_4(linear, 4, planes, L); }
+    static void step_1(uint8_t* linear, const uint8_t* planes, size_t L) {
+        for (size_t p = 0; p < 4; ++p)
+            linear[p] = planes[p * L];
+    }
+};
+
+struct Hw32FromLinear {
+    static constexpr size_t kDst = 1, kSrc = 4;
+    static constexpr size_t source(size_t at, size_t L) { return at % L * 4 + at / L; }
+    static void step_4(uint8_t* planes, const uint8_t* linear, size_t L) { transpose_4(planes, L, linear, 4); }
+    static void step_1(uint8_t* planes, const uint8_t* linear, size_t L) {
+        for (size_t p = 0; p < 4; ++p)
+            planes[p * L] = linear[p];
+    }
+};
+
+// Which byte becomes byte `at`, of several lines one after another.
+template <class Direction>
+constexpr size_t source_in_lines(size_t at, size_t L) {
+    return at / (4 * L) * (4 * L) + Direction::source(at % (4 * L), L);
+}
+
 // Planes of this length and more end and begin again too often for hardware that prefetches streams, so the
 // next line is fetched while this one is converted. What follows the last line may be fetched for nothing.
 constexpr size_t kLongLine = 512;
 
-// One line, apart from its source. The elements that whole steps leave over are covered by one more step that
-// ends with the line and does some elements a second time.
-template <class Steps>
-inline void convert_line(uint8_t* dst, const uint8_t* src, size_t L) {
-    size_t i = 0;
-    if (L >= 8) {
-        for (; i + 16 <= L; i += 16) {
+// Lines of at least `count` elements, by steps of as many. The last step ends with the line, and does some
+// elements a second time.
+template <class Direction, size_t count, void (*step)(uint8_t*, const uint8_t*, size_t)>
+void lines_by(uint8_t* dst, const uint8_t* src, size_t L, size_t lines) {
+    for (; lines > 0; --lines, dst += 4 * L, src += 4 * L) {
+        const size_t last = L - count;
+        for (size_t i = 0; i < last; i += count) {
             if (L >= kLongLine) {
-                __builtin_prefetch(src + 4 * L + 4 * i);
-                __builtin_prefetch(dst + 4 * L + 4 * i, 1);
+                for (size_t k = 0; k < count; k += 16) {
+                    __builtin_prefetch(src + 4 * (L + i + k));
+                    __builtin_prefetch(dst + 4 * (L + i + k), 1);
+                }
             }
-            Steps::step_16(dst + Steps::kDst * i, src + Steps::kSrc * i, L);
+            step(dst + Direction::kDst * i, src + Direction::kSrc * i, L);
         }
-        if (i + 8 <= L) {
-            Steps::step_8(dst + Steps::kDst * i, src + Steps::kSrc * i, L);
-            i += 8;
-        }
-        if (i < L)
-            Steps::step_8(dst + Steps::kDst * (L - 8), src + Steps::kSrc * (L - 8), L);
-    } else if (L >= 4) {
-        step_4(dst, Steps::dst_stride(L), src, Steps::src_stride(L));
-        step_4(dst + Steps::kDst * (L - 4), Steps::dst_stride(L), src + Steps::kSrc * (L - 4),
-               Steps::src_stride(L));
-    } else {
-        for (; i < L; ++i)
-            Steps::element(dst + Steps::kDst * i, src + Steps::kSrc * i, L);
+        step(dst + Direction::kDst * last, src + Direction::kSrc * last, L);
     }
 }
 
@@ -94,23 +91,32 @@ template <class Steps>
 void convert_lines(uint8_t* dst, const uint8_t* src, size_t L, size_t lines) {
     if (L == 1) {
         std::memmove(dst, src, 4 * lines);  // both layouts of one element are the same
-    } else if (L == 8) {
-        size_t c = 0;
-        for (; c + 4 <= lines; c += 4) {  // a loop of one line spends half its time on looping
-            Steps::line_8(dst + 32 * c, src + 32 * c);
-            Steps::line_8(dst + 32 * c + 32, src + 32 * c + 32);
-            Steps::line_8(dst + 32 * c + 64, src + 32 * c + 64);
-            Steps::line_8(dst + 32 * c + 96, src + 32 * c + 96);
-        }
-        for (; c < lines; ++c)
-            Steps::line_8(dst + 32 * c, src + 32 * c);
-    } else if (L == 16) {
-        for (size_t c = 0; c < lines; ++c)
-            Steps::step_16(dst + 64 * c, src + 64 * c, 16);
-    } else {
-        for (size_t c = 0; c < lines; ++c)
-            convert_line<Steps>(dst + 4 * L * c, src + 4 * L * c, L);
+        return;
     }
+    if constexpr (requires { Steps::groups; }) {
+        const size_t done = Steps::groups(dst, src, L, lines);
+        dst += 4 * L * done, src += 4 * L * done, lines -= done;
+    }
+    if (L == 8) {
+        for (; lines >= 4; lines -= 4, dst += 128, src += 128)  // one by one, looping takes half the time
+            for (size_t at = 0; at < 128; at += 32)
+                Steps::line_8(dst + at, src + at);
+        for (; lines > 0; --lines, dst += 32, src += 32)
+            Steps::line_8(dst, src);
+        return;
+    }
+    if constexpr (requires { Steps::step_32; }) {
+        if (L >= 32)
+            return lines_by<Steps, 32, Steps::step_32>(dst, src, L, lines);
+    }
+    if (L >= 16)
+        lines_by<Steps, 16, Steps::step_16>(dst, src, L, lines);
+    else if (L >= 8)
+        lines_by<Steps, 8, Steps::step_8>(dst, src, L, lines);
+    else if (L >= 4)
+        lines_by<Steps, 4, Steps::step_4>(dst, src, L, lines);
+    else
+        lines_by<Steps, 1, Steps::step_1>(dst, src, L, lines);
 }
 
 }  // namespace

@@ -11,11 +11,12 @@
 #define KEL_STEPS_PORTABLE
 #elif defined(__ARM_NEON)
 #include <arm_neon.h>
+#elif defined(__AVX512VBMI__)
+#include "hw32_steps_avx512.h"
 #elif defined(__AVX2__)
 #include "hw32_steps_avx2.h"
 #elif defined(__SSE2__)
 #include <emmintrin.h>
-
 #else
 #define KEL_STEPS_PORTABLE
 #endif
@@ -30,7 +31,7 @@ struct ToLinear : LinearFromHw32 {
     static void step(uint8_t* linear, const uint8_t* planes, size_t L) {
         uint8_t words[4 * count];
         for (size_t i = 0; i < count; ++i)
-            element(words + 4 * i, planes + i, L);
+            step_1(words + 4 * i, planes + i, L);
         std::memcpy(linear, words, sizeof words);
     }
     static constexpr auto step_16 = step<16>;
@@ -43,7 +44,7 @@ struct ToHw32 : Hw32FromLinear {
     static void step(uint8_t* planes, const uint8_t* linear, size_t L) {
         uint8_t bytes[4 * count];
         for (size_t i = 0; i < count; ++i)
-            element(bytes + i, linear + 4 * i, count);
+            step_1(bytes + i, linear + 4 * i, count);
         for (size_t p = 0; p < 4; ++p)
             std::memcpy(planes + p * L, bytes + p * count, count);
     }
@@ -98,7 +99,17 @@ struct ToHw32 : Hw32FromLinear {
     }
 };
 
-#elif !defined(__AVX2__)  // SSE2
+#elif defined(__AVX512VBMI__)
+
+using ToLinear = ToLinearBy64;
+using ToHw32 = ToHw32By64;
+
+#elif defined(__AVX2__)
+
+using ToLinear = ToLinearBy32;
+using ToHw32 = ToHw32By32;
+
+#else  // SSE2
 
 inline __m128i load_16(const uint8_t* from) {
     return _mm_loadu_si128(reinterpret_cast<const __m128i_u*>(from));
@@ -244,6 +255,8 @@ bool apart(const uint8_t* a, const uint8_t* b, size_t bytes) {
 
 template <void (*long_line_in_place)(Convert, uint8_t*, size_t)>
 void convert_buffer(Convert convert, uint8_t* dst, const uint8_t* src, size_t L, size_t lines) {
+    if (L == 0)
+        return;
     const bool in_place = dst == src;
     if (apart(dst, src, 4 * L * lines) || (in_place && (L == 8 || L == 16)))
         return convert(dst, src, L, lines);

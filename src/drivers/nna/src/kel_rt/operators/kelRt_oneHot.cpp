@@ -2,8 +2,25 @@
 #include "element.h"
 #include "float_index.h"
 #include "instruction_sets.h"
+#include "wide.h"
 
 namespace kelrt::KELRT_SET {
+namespace {
+
+constexpr size_t kShortFill = 256;  // bytes; beyond, memset has ways that are faster than stores, if it can be used
+
+void fill_words(uint8_t* out, uint32_t word, size_t bytes) {
+    if (bytes > kShortFill && word == (word & 0xFF) * 0x01010101u) {
+        std::memset(out, static_cast<int>(word & 0xFF), bytes);
+        return;
+    }
+    for_wide_blocks<4>(bytes, [=]<size_t size>(size_t at) {
+        typedef uint32_t Words __attribute__((vector_size(size)));
+        store_bytes<size>(out + at, reinterpret_cast<Bytes<size>>(Words{} + word));
+    });
+}
+
+}  // namespace
 
 uint32_t kelRt_oneHot(float* out, const float* index, uint32_t d, uint32_t on_value, uint32_t off_value,
                       uint32_t* out_bytes) {
@@ -15,8 +32,7 @@ uint32_t kelRt_oneHot(float* out, const float* index, uint32_t d, uint32_t on_va
         return NNA_STATUS_FAILED;
 
     u32* elements = reinterpret_cast<u32*>(out);  // bit patterns, so that no NaN changes on its way
-    for (uint32_t i = 0; i < d; ++i)
-        elements[i] = off_value;
+    fill_words(reinterpret_cast<uint8_t*>(out), off_value, size_t{d} * 4);
     elements[k] = on_value;
     if (out_bytes)
         *out_bytes = d * 4;

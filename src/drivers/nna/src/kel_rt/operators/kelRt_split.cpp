@@ -1,6 +1,5 @@
 // Split: a plain byte copy that carves one tensor out of another.
-#include <cstring>
-
+#include "copy_bytes.h"
 #include "kelRt.h"
 #include "log.h"
 
@@ -9,6 +8,6 @@ uint32_t kelRt_split(const void* src, void* dst, uint32_t nbytes) {
         KEL_LOG_ERR("Bad Address Input %p Output %p", src, dst);
         return NNA_STATUS_NULL_POINTER;
     }
-    std::memcpy(dst, src, nbytes);
+    kelrt::copy_bytes(dst, src, nbytes);
     return NNA_STATUS_OK;
 }

@@ -19,21 +19,50 @@ using Lines = std::vector<std::string>;
 constexpr float kInfinity = std::numeric_limits<float>::infinity();
 
 TEST(EwopAdd, AddsAtAnyByteOffsetAndInPlace) {
-    const Floats a = {1, -2.5f, 16777216, kInfinity, 1e-45f, 3e38f}, b = {2, 2.5f, 1, 1, 1e-45f, 3e38f};
-    const Floats sum = {3, 0, 16777216, kInfinity, 3e-45f, kInfinity};
+    const auto repeated = [](Floats x) {  // long enough for what adds several at once
+        for (size_t i = 0; i < 12; ++i)
+            x.push_back(x[i]);
+        return x;
+    };
+    const Floats a = repeated({1, -2.5f, 16777216, kInfinity, 1e-45f, 3e38f});
+    const Floats b = repeated({2, 2.5f, 1, 1, 1e-45f, 3e38f});
+    const Floats sum = repeated({3, 0, 16777216, kInfinity, 3e-45f, kInfinity});
     for (uint32_t offset : {0u, 1u, 2u, 3u, 4u, 7u}) {
         SCOPED_TRACE(offset);
         rig::Rig rig;
         const uint32_t ma = rig.memory_of(a, offset), mb = rig.memory_of(b, offset + 1),
-                       out = rig.memory(24 + offset);
-        EXPECT_EQ(rig.run(4, {mem(out, offset), mem(ma, offset), mem(mb, offset + 1), val(6)}),
+                       out = rig.memory(72 + offset);
+        EXPECT_EQ(rig.run(4, {mem(out, offset), mem(ma, offset), mem(mb, offset + 1), val(18)}),
                   NNA_STATUS_OK);
-        EXPECT_EQ(rig.device<float>(out, 6, offset), sum);
+        EXPECT_EQ(rig.device<float>(out, 18, offset), sum);
         for (uint8_t byte : rig.device<uint8_t>(out, offset))
             EXPECT_EQ(byte, NNA_SIM_STALE_BYTE)
                 << "before the operand the memory is published as the CPU saw it";
-        EXPECT_EQ(rig.run(4, {mem(ma, offset), mem(ma, offset), mem(mb, offset + 1), val(6)}), NNA_STATUS_OK);
-        EXPECT_EQ(rig.device<float>(ma, 6, offset), sum) << "in place";
+        EXPECT_EQ(rig.run(4, {mem(ma, offset), mem(ma, offset), mem(mb, offset + 1), val(18)}),
+                  NNA_STATUS_OK);
+        EXPECT_EQ(rig.device<float>(ma, 18, offset), sum) << "in place";
+    }
+}
+
+// A sum that lands on an operand still to be read is read there, byte for byte.
+TEST(EwopAdd, OverlappingTensorsAreAddedInOrder) {
+    constexpr uint32_t kCount = 40, kApart = 80;
+    for (uint32_t shift = 0; shift <= 2 * kApart; ++shift) {
+        std::vector<uint8_t> found(4 * kCount + 2 * kApart);
+        for (size_t i = 0; i < found.size(); ++i)
+            found[i] =
+                static_cast<uint8_t>(i * 37 % 61);  // of any two bytes and two more, an ordinary number
+        std::vector<uint8_t> expected = found;
+        for (uint32_t i = 0; i < kCount; ++i) {
+            float x[2];
+            std::memcpy(&x[0], &expected[kApart + 4 * i], 4);
+            std::memcpy(&x[1], &expected[4 * i], 4);
+            x[0] += x[1];
+            std::memcpy(&expected[shift + 4 * i], &x[0], 4);
+        }
+        const auto at = [&](uint32_t byte) { return reinterpret_cast<float*>(found.data() + byte); };
+        kelRt_ewopAdd(at(shift), at(kApart), at(0), kCount, nullptr);
+        EXPECT_EQ(found, expected) << shift;
     }
 }
 

@@ -1,7 +1,7 @@
 // Element-wise add: out[i] = a[i] + b[i].
-#include "element.h"
 #include "instruction_sets.h"
 #include "log.h"
+#include "scalars.h"
 
 namespace kelrt::KELRT_SET {
 
@@ -11,10 +11,8 @@ uint32_t kelRt_ewopAdd(float* out, const float* a, const float* b, uint32_t n, u
                     static_cast<const void*>(b), static_cast<const void*>(out));
         return NNA_STATUS_NULL_POINTER;
     }
-    const f32 *x = a, *y = b;
-    f32* z = out;
-    for (uint32_t i = 0; i < n; ++i)
-        z[i] = x[i] + y[i];
+    for_elements(
+        n, [](auto x, auto y) { return x + y; }, out, a, b);
     if (out_bytes)
         *out_bytes = n * 4;
     return NNA_STATUS_OK;

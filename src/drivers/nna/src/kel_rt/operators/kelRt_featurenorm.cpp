@@ -1,7 +1,7 @@
 // Feature normalisation: subtract a per-feature mean from every frame and divide by a per-feature divisor.
-#include "element.h"
 #include "instruction_sets.h"
 #include "log.h"
+#include "scalars.h"
 
 namespace kelrt::KELRT_SET {
 
@@ -19,12 +19,11 @@ uint32_t kelRt_featurenorm(const float* input, uint32_t total, const float* mean
         return NNA_STATUS_OK;
     const uint32_t frames = total / featureLen;
 
-    const f32 *m = mean, *v = var;
     for (uint32_t frame = 0; frame < frames; ++frame) {
-        const f32* x = input + static_cast<size_t>(frame) * featureLen;
-        f32* y = output + static_cast<size_t>(frame) * featureLen;
-        for (uint32_t k = 0; k < featureLen; ++k)
-            y[k] = (x[k] - m[k]) / v[k];
+        const size_t start = static_cast<size_t>(frame) * featureLen;
+        for_elements(
+            featureLen, [](auto x, auto m, auto v) { return (x - m) / v; }, output + start, input + start,
+            mean, var);
     }
     return NNA_STATUS_OK;
 }

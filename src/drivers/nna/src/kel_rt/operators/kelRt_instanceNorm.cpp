@@ -2,9 +2,9 @@
 #include <bit>
 #include <cmath>
 
-#include "element.h"
 #include "instruction_sets.h"
 #include "log.h"
+#include "scalars.h"
 
 namespace kelrt::KELRT_SET {
 
@@ -12,26 +12,42 @@ namespace {
 
 constexpr double kEpsilon = 1e-05;
 
-float mean_of(const f32* x, uint32_t n) {
+float mean_of(const float* x, uint32_t n) {
     float sum = 0.0f;
-    for (uint32_t i = 0; i < n; ++i)
-        sum += x[i];
+    in_order(n, x, [&](float value) { sum += value; });
     return sum / static_cast<float>(n);
+}
+
+double square_of(float x, float mean) {
+    const double d = x - mean;  // a single-precision difference, widened
+    double square = d * d;
+#if defined(KELRT_SCALARS)
+    asm(""
+        : "+w"(square));  // or a multiply-accumulate is made, in which the sum waits for the product: 17
+                          // cycles, not 15
+#endif
+    return square;
 }
 
 // Squares and sums in double, but the running sum is rounded to single after every element, which decides
 // what large inputs give.
-float add_square(float sum, float x, float mean) {
-    const double d = x - mean;  // a single-precision difference, widened
-    return static_cast<float>(static_cast<double>(sum) + d * d);
+void add_squares(float& sum, const float* x, uint32_t n, float mean) {
+    in_order(n, x, [&](float value) {
+        sum = static_cast<float>(static_cast<double>(sum) + square_of(value, mean));
+    });
 }
 
 // Both roundings make a chain of ten cycles an element. While the sum stays within one power of two 2^e, a
 // single addition does the same: to sum + 1.5 * 2^(e+29), whose last bit in double is that of the sum in
 // single. kRun elements are summed so, and then every step is checked by the two roundings themselves, all at
 // once; false if one differs (the sum reached the next power of two, or came to lie between two doubles). 1.6
-// times as fast.
+// times as fast, except where doubles are checked one by one.
 constexpr uint32_t kRun = 32;
+#if defined(KELRT_SCALARS)
+constexpr bool kRuns = false;
+#else
+constexpr bool kRuns = true;
+#endif
 
 bool add_squares_of_run(float& sum, const f32* x, float mean) {
     const uint32_t exponent = std::bit_cast<uint32_t>(sum) >> 23;  // of a sum of squares, which has no sign
@@ -39,10 +55,8 @@ bool add_squares_of_run(float& sum, const f32* x, float mean) {
         return false;
     const double shift = std::bit_cast<double>((exponent + (1023 - 127) + 29ull) << 52) * 1.5;
     double squares[kRun], sums[kRun + 1];
-    for (uint32_t i = 0; i < kRun; ++i) {
-        const double d = x[i] - mean;
-        squares[i] = d * d;
-    }
+    for (uint32_t i = 0; i < kRun; ++i)
+        squares[i] = square_of(x[i], mean);
     double shifted = static_cast<double>(sum) + shift;
     sums[0] = shifted;
     for (uint32_t i = 0; i < kRun; ++i)
@@ -58,17 +72,13 @@ bool add_squares_of_run(float& sum, const f32* x, float mean) {
     return true;
 }
 
-float variance_of(const f32* x, uint32_t n, float mean) {
+float variance_of(const float* x, uint32_t n, float mean) {
     float sum = 0.0f;
     uint32_t i = 0;
-    while (n - i >= kRun) {
+    for (; kRuns && n - i >= kRun; i += kRun)
         if (!add_squares_of_run(sum, x + i, mean))
-            for (uint32_t k = 0; k < kRun; ++k)
-                sum = add_square(sum, x[i + k], mean);
-        i += kRun;
-    }
-    for (; i < n; ++i)
-        sum = add_square(sum, x[i], mean);
+            add_squares(sum, x + i, kRun, mean);
+    add_squares(sum, x + i, n - i, mean);
     return sum / static_cast<float>(n);
 }
 
@@ -81,14 +91,12 @@ uint32_t kelRt_instanceNorm(float* output, const float* input, uint32_t n, float
                     static_cast<const void*>(output));
         return NNA_STATUS_NULL_POINTER;
     }
-    const f32* x = input;
-    f32* y = output;
     if (n > 0) {
-        const float mean = mean_of(x, n);
-        const float variance = variance_of(x, n, mean);
+        const float mean = mean_of(input, n);
+        const float variance = variance_of(input, n, mean);
         const float sd = static_cast<float>(std::sqrt(static_cast<double>(variance) + kEpsilon));
-        for (uint32_t i = 0; i < n; ++i)
-            y[i] = bias + ((x[i] - mean) / sd) * scale;
+        for_elements(
+            n, [=](auto x) { return bias + ((x - mean) / sd) * scale; }, output, input);
     }
     if (outputSize)
         *outputSize = n * 4;

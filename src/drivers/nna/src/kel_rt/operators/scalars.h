@@ -1,0 +1,113 @@
+// Ordinary single-precision arithmetic on arrays, in the caller's mode and without flushing: what operators
+// compute outside of lanes. Elsewhere compilers make vectors of these loops; on 32-bit Arm, whose vector unit
+// flushes, they must not, and a float that may lie at any address would go to the floating-point unit and
+// back by way of a core register. So there eight floats are loaded and stored as vectors, whose lanes are the
+// unit's registers.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+
+#include "element.h"
+#if defined(__arm__) && defined(__ARM_NEON)
+#include <arm_neon.h>
+#define KELRT_SCALARS
+#endif
+
+namespace kelrt {
+namespace {
+
+#if defined(KELRT_SCALARS)
+
+// Eight floats, on which arithmetic is that of each.
+struct Scalars {
+    static constexpr uint32_t kCount = 8;
+    float v[kCount];
+
+    Scalars() = default;
+    Scalars(float value) {
+        for (float& x : v)
+            x = value;
+    }
+    static Scalars load(const float* p) {
+        const auto* const bytes = reinterpret_cast<const uint8_t*>(p);
+        float32x4_t low = vreinterpretq_f32_u8(vld1q_u8(bytes));
+        float32x4_t high = vreinterpretq_f32_u8(vld1q_u8(bytes + 16));
+        asm("" : "+t"(low), "+t"(high));  // or clang loads the lanes one by one
+        Scalars a;
+        a.v[0] = vgetq_lane_f32(low, 0), a.v[4] = vgetq_lane_f32(high, 0);
+        a.v[1] = vgetq_lane_f32(low, 1), a.v[5] = vgetq_lane_f32(high, 1);
+        a.v[2] = vgetq_lane_f32(low, 2), a.v[6] = vgetq_lane_f32(high, 2);
+        a.v[3] = vgetq_lane_f32(low, 3), a.v[7] = vgetq_lane_f32(high, 3);
+        for (float& x : a.v)
+            asm("" : "+t"(x));  // or it takes them for lanes and computes with vectors
+        return a;
+    }
+    void store(float* p) const {
+        auto* const bytes = reinterpret_cast<uint8_t*>(p);
+        vst1q_u8(bytes, vreinterpretq_u8_f32(float32x4_t{v[0], v[1], v[2], v[3]}));
+        vst1q_u8(bytes + 16, vreinterpretq_u8_f32(float32x4_t{v[4], v[5], v[6], v[7]}));
+    }
+    template <class Operation>
+    static Scalars each(Operation operation) {
+        Scalars result;
+        for (uint32_t k = 0; k < kCount; ++k)
+            result.v[k] = operation(k);
+        return result;
+    }
+};
+inline Scalars operator+(Scalars a, Scalars b) {
+    return Scalars::each([&](uint32_t k) { return a.v[k] + b.v[k]; });
+}
+inline Scalars operator-(Scalars a, Scalars b) {
+    return Scalars::each([&](uint32_t k) { return a.v[k] - b.v[k]; });
+}
+inline Scalars operator*(Scalars a, Scalars b) {
+    return Scalars::each([&](uint32_t k) { return a.v[k] * b.v[k]; });
+}
+inline Scalars operator/(Scalars a, Scalars b) {
+    return Scalars::each([&](uint32_t k) { return a.v[k] / b.v[k]; });
+}
+
+// Whether the results of eight elements reach no operand that is still to be read, as those of one would.
+inline bool reads_first(const float* out, const float* in) {
+    const uintptr_t ahead = reinterpret_cast<uintptr_t>(out) - reinterpret_cast<uintptr_t>(in);
+    return ahead == 0 || ahead >= sizeof(Scalars);
+}
+
+#endif
+
+inline float element(const f32* p) {
+    return *p;
+}
+
+// out[i] = f(in[i]...), in ascending order.
+template <class Function, class... In>
+inline void for_elements(uint32_t n, Function f, float* out, const In*... in) {
+    uint32_t i = 0;
+#if defined(KELRT_SCALARS)
+    if ((reads_first(out, in) && ...))
+        for (const uint32_t groups = n - n % Scalars::kCount; i < groups; i += Scalars::kCount)
+            f(Scalars::load(in + i)...).store(out + i);
+#endif
+    f32* y = out;
+    for (; i < n; ++i)
+        y[i] = f(element(in + i)...);
+}
+
+// step(in[i]) in ascending order, for sums whose order decides.
+template <class Step>
+inline void in_order(uint32_t n, const float* in, Step step) {
+    uint32_t i = 0;
+#if defined(KELRT_SCALARS)
+    for (const uint32_t groups = n - n % Scalars::kCount; i < groups; i += Scalars::kCount)
+        for (const float x : Scalars::load(in + i).v)
+            step(x);
+#endif
+    const f32* x = in;
+    for (; i < n; ++i)
+        step(x[i]);
+}
+
+}  // namespace
+}  // namespace kelrt

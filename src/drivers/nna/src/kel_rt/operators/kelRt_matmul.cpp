@@ -54,7 +54,8 @@ template <size_t count>
 void add_row(f32* c, const f32* a, Matrix b, size_t cols, bool first) {
     using V = SumVector<kLanes>;
     float factors[count];
-    std::memcpy(factors, a, sizeof factors);
+    for (size_t k = 0; k < count; ++k)
+        factors[k] = a[k];
     const auto add = [&]<typename T>(T zero, size_t j) {
         T sum = first ? zero : load_elements<T>(c + j);
         for (size_t k = 0; k < count; ++k)

@@ -26,7 +26,7 @@ V load_elements(const void* p) {
     return v;
 }
 template <typename V>
-void store_elements(void* p, const V& v) {
+void store_elements(void* p, V v) {
     std::memcpy(p, &v, sizeof v);
 }
 

@@ -14,16 +14,16 @@ namespace kelrt::KELRT_SET {
 
 namespace {
 
-// Tiles go down panels of b, and of a as many rows and columns as the nearer caches hold beside a panel. Between
-// blocks of k the sums rest in c.
+// Tiles go down panels of b, and of a as many rows and columns as the nearer caches hold beside a panel.
+// Between blocks of k the sums rest in c.
 constexpr size_t kPanel = 16 << 10, kPanelWidth = kWidestTiles.width;
 constexpr size_t kDepth = kPanel / sizeof(float) / kPanelWidth;
 constexpr size_t kHeight = 256 / kRows * kRows;
 
 void multiply_by_tiles(f32* c, Matrix a, Matrix b, size_t rows, size_t inner, size_t cols) {
     alignas(64) float panel[kPanel / sizeof(float)];
-    // Rows of b that lie far apart drive each other out of the cache; put together, 256 x 256 x 256 takes 0.86 of the
-    // time.
+    // Rows of b that lie far apart drive each other out of the cache; put together, 256 x 256 x 256 takes
+    // 0.86 of the time.
     const bool packs = rows >= 4 * kRows && cols >= 128;
     const size_t in_panels = cols - cols % kPanelWidth;
     for (size_t i = 0; in_panels != 0 && i < rows; i += kHeight) {
@@ -33,7 +33,8 @@ void multiply_by_tiles(f32* c, Matrix a, Matrix b, size_t rows, size_t inner, si
                 Matrix right = b.from(k, j);
                 if (packs) {
                     for (size_t row = 0; row < depth; ++row)
-                        std::memcpy(panel + row * kPanelWidth, right.from(row, 0).data, kPanelWidth * sizeof(float));
+                        std::memcpy(panel + row * kPanelWidth, right.from(row, 0).data,
+                                    kPanelWidth * sizeof(float));
                     right = {panel, kPanelWidth};
                 }
                 add_panel(kWidestTiles, c + i * cols + j, cols, a.from(i, k), right, height, depth, k == 0);
@@ -92,7 +93,8 @@ template <int groups, int n>
         const V factors = load_row<n>(b + k, 0);
         each<groups>([&](auto g) {
             V products[4];
-            each<4>([&](auto i) { products[i] = load_row<n>(a.from(g * n + i, k).data, a.stride) * factors; });
+            each<4>(
+                [&](auto i) { products[i] = load_row<n>(a.from(g * n + i, k).data, a.stride) * factors; });
             turn(products);
             each<4>([&](auto i) { sums[g] += products[i]; });
         });
@@ -103,8 +105,9 @@ template <int groups, int n>
             c[i] += *a.from(i, k).data * b[k];
 }
 
-// Several vectors of sums, so that one need not wait for another. But rows a multiple of 4 KiB apart get into each
-// other's way in the cache, which has room for eight: then 1024 x 1024 takes 0.6 of the time with so few.
+// Several vectors of sums, so that one need not wait for another. But rows a multiple of 4 KiB apart get into
+// each other's way in the cache, which has room for eight: then 1024 x 1024 takes 0.6 of the time with so
+// few.
 constexpr size_t kFewRows = 8, kManyRows = std::max(16, 2 * kLanes);
 
 // Of at least kFewRows.
@@ -142,8 +145,8 @@ bool overlap(const f32* c, size_t results, Matrix m, size_t rows, size_t cols) {
 void multiply(f32* c, Matrix a, Matrix b, size_t rows, size_t inner, size_t cols) {
     if (rows == 0 || cols == 0)
         return;
-    // A result that overlaps an operand changes what later sums read. Then the order of the results counts too, and
-    // it is the plain one.
+    // A result that overlaps an operand changes what later sums read. Then the order of the results counts
+    // too, and it is the plain one.
     if (overlap(c, rows * cols, a, rows, inner) || overlap(c, rows * cols, b, inner, cols))
         return multiply_plainly(c, a, b, rows, inner, cols);
     if (rows == 1)

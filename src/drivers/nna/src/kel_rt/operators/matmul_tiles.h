@@ -1,5 +1,5 @@
-// The inner loop of matrix multiplication: tiles of the result, whose sums stay in registers while products are
-// added. One text for every width of vector and every height.
+// The inner loop of matrix multiplication: tiles of the result, whose sums stay in registers while products
+// are added. One text for every width of vector and every height.
 #pragma once
 
 #include <iterator>
@@ -16,8 +16,8 @@ struct Matrix {
     Matrix from(size_t row, size_t col) const { return {data + row * stride + col, stride}; }
 };
 
-// A sum keeps subnormals and follows the caller's rounding mode, as scalar arithmetic does. On these processors a
-// vector does so too; elsewhere a vector is one float.
+// A sum keeps subnormals and follows the caller's rounding mode, as scalar arithmetic does. On these
+// processors a vector does so too; elsewhere a vector is one float.
 #if defined(__SSE2__) || defined(__aarch64__)
 #define KELRT_VECTOR_SUMS
 template <int n>
@@ -29,16 +29,15 @@ using SumVector = float;
 constexpr int kLanes = 1;
 #endif
 
-// c[i][j] += the sum over k of a[i][k] * b[k][j], for `rows` rows and `vectors` vectors V of columns. The first
-// time c is not read.
+// c[i][j] += the sum over k of a[i][k] * b[k][j], for `rows` rows and `vectors` vectors V of columns. The
+// first time c is not read.
 template <int rows, int vectors, typename V>
 [[gnu::flatten]] void add_products(f32* c, size_t c_stride, Matrix a, Matrix b, size_t depth, bool first) {
     constexpr size_t lanes = kLanesOf<V>;
     V sums[rows][vectors];
     each<rows>([&](auto i) {
-        each<vectors>([&](auto v) {
-            sums[i][v] = first ? V{} : load_elements<V>(c + i * c_stride + v * lanes);
-        });
+        each<vectors>(
+            [&](auto v) { sums[i][v] = first ? V{} : load_elements<V>(c + i * c_stride + v * lanes); });
     });
     for (size_t k = 0; k < depth; ++k) {
         V across[vectors];
@@ -64,8 +63,8 @@ struct Tiles {
     Tile tile[4];
 };
 
-// Two vectors of sums in each row, and four vectors more, fill the registers. Single floats: a square needs the
-// fewest loads.
+// Two vectors of sums in each row, and four vectors more, fill the registers. Single floats: a square needs
+// the fewest loads.
 #if defined(__AVX512F__) || defined(__aarch64__)
 constexpr int kRows = 12, kVectors = 2;
 #elif defined(KELRT_VECTOR_SUMS)
@@ -75,7 +74,7 @@ constexpr int kRows = 4, kVectors = 4;
 #endif
 
 template <int vectors, typename V>
-constexpr Tiles kTilesOf = {vectors * kLanesOf<V>,
+constexpr Tiles kTilesOf = {vectors* kLanesOf<V>,
                             {{kRows, add_products<kRows, vectors, V>},
                              {4, add_products<4, vectors, V>},
                              {2, add_products<2, vectors, V>},
@@ -105,8 +104,8 @@ inline const Tiles& tiles_for(size_t columns, size_t most) {
 }
 
 // All rows of a result as wide as the tiles.
-inline void add_panel(const Tiles& tiles, f32* c, size_t c_stride, Matrix a, Matrix b, size_t rows, size_t depth,
-                      bool first) {
+inline void add_panel(const Tiles& tiles, f32* c, size_t c_stride, Matrix a, Matrix b, size_t rows,
+                      size_t depth, bool first) {
     size_t i = 0;
     for (const auto& [height, add] : tiles.tile)
         for (; rows - i >= height; i += height)

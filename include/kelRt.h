@@ -6,11 +6,15 @@
  *
  * Rules that hold for everything here, unless a function says otherwise:
  * - The library has no state, threads or locks. Calls are safe side by side as long as no two of them touch
- * the same memory id or the same arrays, and the driver does not change the CPU buffer table meanwhile.
+ * the same memory id or the same arrays, the driver does not change the CPU buffer table meanwhile, and no
+ * two "cpu_copy_fmt_conv" with an automatic scale share an instance, whose out_shift both would write. The
+ * platform's functions are called on the callers' threads, side by side as well.
  * - Nothing aborts. A failure is a status code and, where stated, a log line; a kernel that refuses its
  * arguments has written nothing.
  * - Tensors are dense and row-major, 32-bit floats in native byte order. Pointers may sit at any byte
  * address: no kernel asks for alignment.
+ * - Arrays overlap only where a function says that they may; "`out` may be `in`" means the same array from the
+ * same byte on. What is only read may overlap what is only read.
  * - Sizes are trusted: no kernel knows how large the memory behind a pointer is.
  */
 #ifndef KEL_RT_H
@@ -103,7 +107,9 @@ typedef struct KelRtInstance {
     uintptr_t driver1[2];
     CpuBufferEntry* cpu_buffer_lookup; /**< table of tivNnaCpuMemPtr, which every operator consults */
     uintptr_t driver2[4];
-    uint8_t out_shift; /**< 0 to 4, written by "cpu_copy_fmt_conv" when it chooses the output scale itself */
+    /** 0 to 4, written by "cpu_copy_fmt_conv" when it chooses the output scale itself: the last one to run
+     * says which. Where two may run at once, give each an instance of its own; the tables may be shared. */
+    uint8_t out_shift;
     uint8_t driver3[sizeof(uintptr_t) - 1];
 } KelRtInstance;
 
@@ -111,7 +117,8 @@ typedef struct KelRtInstance {
 
 /**
  * Checks `context` against the operator table, runs its operator on the calling thread and returns its
- * status. `instance` is passed on untouched. A null context is an error (1056), not a fault.
+ * status. `instance` is passed on, and nothing of it but out_shift is ever written. A null context is an
+ * error (1056), not a fault.
  */
 KEL_RT_API uint32_t kelRt_executeContext(KelRtInstance* instance, const KelRtContext* context);
 
@@ -157,7 +164,10 @@ KEL_RT_API uint32_t kel_rtMemory_allocate(KelRtInstance* instance, uint32_t memi
 /** An input that the CPU will read: as allocate, after making the caches coherent. 1070 when that fails. */
 KEL_RT_API uint32_t kel_rtMemory_copyFrom(KelRtInstance* instance, uint32_t memid, void** out_ptr);
 
-/** Publishes what the CPU wrote at `ptr`. 1056 when ptr is null or not the id's CPU buffer, 1070 as copyFrom.
+/**
+ * Publishes what the CPU wrote at `ptr`, and whatever else the CPU's view of that memory holds: operands too
+ * that a kernel left changed (see kelRt_matmul and kelRt_lstmStates), unless a copyFrom has fetched the
+ * memory anew in between. 1056 when ptr is null or not the id's CPU buffer, 1070 as copyFrom.
  */
 KEL_RT_API uint32_t kel_rtMemory_copyTo(KelRtInstance* instance, void* ptr, uint32_t memid);
 
@@ -304,9 +314,14 @@ KEL_RT_API uint32_t kelRt_featurenorm(const float* input, uint32_t total, const 
  * c = op(a) * op(b), where op transposes when its flag is non-zero. aRows x aCols and bRows x bCols are the
  * shapes as stored; c is M x N with M = transA ? aCols : aRows, N = transB ? bRows : bCols. The inner
  * dimension is a's; b is taken to have that many rows. Each c element is a single-precision sum in increasing
- * k. `a` and `b` are left transposed in place when their flags are set. Where c overlaps them, it is written
- * row by row, each result as soon as it is summed (and slowly). Dimensions are not checked; zero or negative
- * ones give no work. 1056 (and an ERR line) if a pointer is null.
+ * k. Dimensions are not checked; zero or negative ones give no work. 1056 (and an ERR line) if a pointer is
+ * null.
+ *
+ * `a` and `b` are transposed in place when their flags are set, and left so. They may share bytes, which are
+ * then transposed for both: x * x^T needs a copy of x. Where c overlaps them, it is written row by row, each
+ * result as soon as it is summed (and slowly). As an operator, cpu_matmul publishes c alone; a transposed
+ * operand reaches accelerator memory all the same when c lies in the same memory, or a later context
+ * publishes that memory without having fetched it (see kel_rtMemory_copyTo).
  */
 KEL_RT_API uint32_t kelRt_matmul(float* a, float* b, float* c, int32_t aRows, int32_t aCols, int32_t bRows,
                                  int32_t bCols, int32_t transA, int32_t transB);
@@ -345,7 +360,8 @@ KEL_RT_API uint32_t kelRt_im2col(const uint8_t* input, uint8_t* output, uint32_t
  *
  * The two with Activation in their name take raw gate values and apply sigmoid (i, f, o) and tanh (g) first;
  * the others take activated values as they are, unclamped. The two with Cifg compute i = 1 - f and ignore
- * what block i holds. `gates` is scratch and is left overwritten. The three arrays must not overlap.
+ * what block i holds. `gates` is scratch and is left overwritten (and, as an operand of cpu_matmul, may reach
+ * accelerator memory). The three arrays must not overlap.
  *
  * 1056 if a pointer is null, 1064 if n is 0, neither with a log line. Otherwise a profiling line marks
  * beginning and end, when the platform profiles event 1.

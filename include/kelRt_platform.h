@@ -4,7 +4,7 @@
  * on the device: libtivnna_udriver.so, libtiv_common.so and liblog.so.
  *
  * Status codes are those of kelRt.h: 1001 is success, any other value a failure of the platform's own
- * choosing.
+ * choosing. A driver that runs contexts side by side calls these functions side by side.
  */
 #ifndef KEL_RT_PLATFORM_H
 #define KEL_RT_PLATFORM_H
@@ -45,7 +45,8 @@ KEL_RT_PLATFORM_API uint32_t tivNnaUdrv_dumpSram(void* device, uint32_t sram_add
 /** Log threshold: a message is written when g_log_lvl <= its level (0 DEBUG, 1 INFO, 2 WARN, 3 ERR). */
 KEL_RT_PLATFORM_API extern int32_t g_log_lvl;
 
-/** Largest allowed position of the log stream (standard output) in bytes. */
+/** Largest allowed position of the log stream (standard output) in bytes. No value stands for any length:
+ * past 2 GiB a stream exceeds INT32_MAX as well, where long has 64 bits. */
 KEL_RT_PLATFORM_API extern int32_t g_log_file_max_size;
 
 /** Truncates or rotates the log file behind standard output; called when `position` exceeds `max_size`. */

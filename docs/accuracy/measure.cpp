@@ -13,10 +13,8 @@
 #include <array>
 #include <atomic>
 #include <cstdlib>
-#include <fstream>
 #include <functional>
 #include <mutex>
-#include <sstream>
 #include <thread>
 
 #include "chart.h"
@@ -24,6 +22,10 @@
 
 namespace accuracy {
 namespace {
+
+using docs::Chart;
+using docs::format;
+using docs::Point;
 
 [[noreturn]] void stop(const std::string& why) {
     std::fprintf(stderr, "kelrt_accuracy: %s\n", why.c_str());
@@ -372,8 +374,7 @@ std::vector<std::pair<double, std::string>> ticks(std::initializer_list<double> 
 }
 
 void write(const std::string& path, const std::string& content) {
-    std::ofstream file(path, std::ios::binary);
-    if (!(file << content).flush())
+    if (!docs::write(path, content))
         stop("cannot write " + path);
 }
 
@@ -432,14 +433,9 @@ struct Page {
     std::string text;     // accuracy.md
     std::string figures;  // figures.txt
 
-    // Puts `content` between the markers `name`.
     void section(const std::string& name, const std::string& content) {
-        const std::string begin = "<!-- " + name + ": written by the program -->\n",
-                          end = "<!-- end of " + name + " -->";
-        const size_t from = text.find(begin), to = text.find(end);
-        if (from == std::string::npos || to == std::string::npos || to < from)
+        if (!docs::replace_section(text, name, content))
             stop("accuracy.md has no section " + name);
-        text.replace(from + begin.size(), to - from - begin.size(), "\n" + content + "\n");
     }
 };
 
@@ -534,8 +530,7 @@ int main(int argc, char** argv) {
     const int64_t stride = argc > 2 ? std::max(1, std::atoi(argv[2])) : 1;
 
     Page page;
-    std::ifstream file(directory + "/accuracy.md", std::ios::binary);
-    page.text.assign(std::istreambuf_iterator<char>(file), {});
+    page.text = docs::read(directory + "/accuracy.md");
     page.figures =
         "# Written by kelrt_accuracy, read by the test of the maths; floats as their bits.\n"
         "# range: function, low, high, 1 if mirrored, largest error in ULP, where it is\n"

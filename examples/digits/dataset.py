@@ -5,7 +5,9 @@ import pathlib
 
 import numpy as np
 
-DATA = pathlib.Path(__file__).resolve().parent / "data"
+HERE = pathlib.Path(__file__).resolve().parent
+DATA = HERE / "data"  # of the repository, which the driver reads
+ELSEWHERE = HERE.parents[1] / "build" / "digits-data"
 HELD_OUT = 500
 SEED = 1998
 
@@ -30,16 +32,15 @@ def split():
 
 def statistics(pictures):
     """Mean and divisor of every pixel, as the device holds them: rounded to single precision. A pixel that
-    never changes is divided by 1."""
-    mean = pictures.mean(axis=0)
-    divisor = pictures.std(axis=0)
+    never changes is divided by 1. The sums are whole numbers, exact in any order."""
+    count, total, squares = len(pictures), pictures.sum(axis=0), (pictures * pictures).sum(axis=0)
+    divisor = np.sqrt(count * squares - total * total) / count
     divisor[divisor == 0] = 1
-    return mean.astype(np.float32), divisor.astype(np.float32)
+    return (total / count).astype(np.float32), divisor.astype(np.float32)
 
 
-def save(name, array, dtype=np.float32):
-    DATA.mkdir(exist_ok=True)
-    np.save(DATA / f"{name}.npy", np.ascontiguousarray(array, dtype=dtype))
+def save(directory, name, array, dtype=np.float32):
+    np.save(directory / f"{name}.npy", np.ascontiguousarray(array, dtype=dtype))
 
 
 def accuracy(scores, labels):

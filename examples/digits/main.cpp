@@ -2,6 +2,7 @@
 // 46 contexts a picture, and shows how well it went.
 #include <algorithm>
 #include <array>
+#include <chrono>
 #include <cmath>
 #include <cstdio>
 #include <exception>
@@ -109,6 +110,14 @@ struct Outcome {
     double accuracy() const {
         return 100.0 * static_cast<double>(right) / static_cast<double>(readings.size());
     }
+    double median_microseconds() const {
+        std::vector<double> times;
+        for (const Reading& reading : readings)
+            times.push_back(reading.microseconds);
+        const auto middle = times.begin() + static_cast<std::ptrdiff_t>(times.size() / 2);
+        std::nth_element(times.begin(), middle, times.end());
+        return *middle;
+    }
     bool good() const { return accuracy() > kLeastAccuracy && difference <= kMostDifference; }
 };
 
@@ -116,12 +125,14 @@ Outcome recognise_all(Network& network, const DataSet& data, const Printer& prin
     Outcome outcome;
     for (uint32_t i = 0; i < kHeldOut; ++i) {
         printer.progress(i + 1, kHeldOut);
+        const auto start = std::chrono::steady_clock::now();
         const Scores probabilities = network.recognise(data.picture(i));
+        const std::chrono::duration<double, std::micro> time = std::chrono::steady_clock::now() - start;
         const auto read = static_cast<uint32_t>(std::max_element(probabilities.begin(), probabilities.end()) -
                                                 probabilities.begin());
         const uint32_t written = data.labels[i];
 
-        outcome.readings.push_back({data.picture(i), written, read, probabilities});
+        outcome.readings.push_back({data.picture(i), written, read, probabilities, time.count()});
         ++outcome.confusion[written][read];
         outcome.right += read == written;
         for (uint32_t digit = 0; digit < kDigits; ++digit) {
@@ -150,20 +161,27 @@ std::vector<Reading> examples(const std::vector<Reading>& readings) {
     return right;
 }
 
+// What matters most comes last, where a small terminal still shows it.
 void report(const Outcome& outcome, const Driver& driver, const Printer& printer) {
-    std::printf("%u handwritten digits that the network never saw in training, read row by row\n", kHeldOut);
-    printer.headline("Pictures and their probabilities");
-    printer.readings(examples(outcome.readings));
+    std::printf("%u handwritten digits, none of them seen in training\n", kHeldOut);
     printer.headline("What was written, and what was read");
     printer.confusion(outcome.confusion);
     printer.headline("Time in each operator");
     printer.times(driver.times());
-    std::printf("  cache maintenance carried %.1f kB to the CPU and %.1f kB back\n", driver.synced_kb(1),
+    std::printf("  cache maintenance: %.0f kB to the CPU, %.0f kB back\n", driver.synced_kb(1),
                 driver.synced_kb(0));
-    std::printf("\n%zu of %zu pictures read right: accuracy %.1f %%\n", outcome.right,
-                outcome.readings.size(), outcome.accuracy());
-    std::printf("largest difference of a probability from double precision: %.2g\n",
-                static_cast<double>(outcome.difference));
+    printer.headline("Pictures and their probabilities");
+    printer.readings(examples(outcome.readings));
+    size_t contexts = 0;
+    for (const OperatorTime& time : driver.times())
+        contexts += time.calls;
+    std::printf("\na picture: %zu contexts, %s (median)\n", contexts / kHeldOut,
+                printer.microseconds(outcome.median_microseconds()).c_str());
+    std::printf("%zu of %zu pictures read right: accuracy %.1f %%\n", outcome.right, outcome.readings.size(),
+                outcome.accuracy());
+    std::printf("probabilities: within %.1e of double precision\n", static_cast<double>(outcome.difference));
+    if (std::fflush(stdout) != 0 || std::ferror(stdout))
+        throw DriverError("the report could not be written");
 }
 
 }  // namespace

@@ -7,8 +7,12 @@
  * misplaced cache operation gives wrong numbers rather than luck. A fresh view is filled with
  * NNA_SIM_STALE_BYTE, a fresh device image with zeros.
  *
- * Every platform call on a memory is recorded, and any of them can be told to fail. A simulator is used by
- * one thread at a time. Plain C, so that drivers in either language can use it.
+ * Every platform call on a memory is recorded, and any of them can be told to fail. Plain C, so that drivers
+ * in either language can use it.
+ *
+ * Threads may share a simulator: platform calls and the functions under "memories" are safe side by side. As
+ * on the device, nobody keeps two of them from the same bytes at the same time; that is the driver's to
+ * order. Set the SRAM up and the faults before the threads start, and read the record when they are done.
  */
 #ifndef NNA_SIM_H
 #define NNA_SIM_H
@@ -77,6 +81,9 @@ enum NnaSimFunction {
     NNA_SIM_DUMP_SRAM,
 };
 
+/** How many calls the record keeps. */
+#define NNA_SIM_MAX_CALLS 4096
+
 typedef struct NnaSimCall {
     enum NnaSimFunction function;
     uint32_t memid;     /**< not for NNA_SIM_DUMP_SRAM */
@@ -87,8 +94,11 @@ typedef struct NnaSimCall {
     uint32_t status;    /**< what the call returned */
 } NnaSimCall;
 
-/** The calls since the last nna_sim_clear_calls, in order; valid until the next platform call. */
+/** The first NNA_SIM_MAX_CALLS calls since the last nna_sim_clear_calls, in the order in which they ended;
+ * valid until the next platform call. */
 NNA_SIM_API const NnaSimCall* nna_sim_calls(const NnaSim* sim, size_t* count);
+/** How many calls there were since then, kept or not. */
+NNA_SIM_API uint64_t nna_sim_call_count(const NnaSim* sim);
 NNA_SIM_API void nna_sim_clear_calls(NnaSim* sim);
 
 /** The k-th platform call from now on (1 is the next) does nothing but return `status`; k = 0 takes all
@@ -100,6 +110,14 @@ NNA_SIM_API void nna_sim_fail_call(NnaSim* sim, uint32_t k, uint32_t status);
 NNA_SIM_API void nna_sim_fail_call_late(NnaSim* sim, uint32_t k, uint32_t status);
 
 /* ---- the common library ---- */
+
+/**
+ * Begins a log: empties or creates the file, sends standard output there and limits it to `max_size` bytes
+ * (g_log_file_max_size). When the limit is passed the simulator empties this file, and never another: what
+ * standard output was when the program started stays whole. There the library says "Log file truncated" all
+ * the same when a limit is passed. 0, or -1 with nothing changed if the file cannot be written or is none.
+ */
+NNA_SIM_API int32_t nna_sim_begin_log(const char* path, int32_t max_size);
 
 /** Which profiling event classes are on: bit `event` of the mask, for events 0 to 31. At first none. */
 NNA_SIM_API void nna_sim_set_profile_events(uint32_t mask);

@@ -1,8 +1,12 @@
 // libtivnna_udriver of the simulated accelerator: memories with a device image and a CPU view, SRAM, a record
 // of the calls, and faults on demand.
+//
+// Bytes are copied outside the lock, so that a thread sanitizer still sees two contexts meet in one memory.
 #include <cstring>
 #include <map>
 #include <memory>
+#include <mutex>
+#include <optional>
 #include <vector>
 
 #include "kelRt.h"
@@ -28,28 +32,44 @@ bool fits(const std::vector<uint8_t>& bytes, uint32_t offset, uint32_t size) {
 }  // namespace
 
 struct NnaSim {
+    mutable std::mutex mutex;  // of everything below, but not of the memories' and the SRAM's bytes
     std::vector<std::unique_ptr<Memory>> memories;  // views keep their address when memories are added
     std::vector<uint8_t> sram;
     uint32_t sram_base = 0;
     NnaSimSramDirection sram_direction = NNA_SIM_SRAM_TO_MEMORY;
     uint64_t synced_bytes[2] = {0, 0};
-    std::vector<NnaSimCall> calls;
-    uint64_t call_number = 0;          // of the last platform call, counted from creation
+    std::vector<NnaSimCall> calls;     // the first since they were cleared
+    uint64_t call_number = 0;          // of the last platform call begun, counted from creation
+    uint64_t calls_ended = 0;          // since they were cleared
     std::map<uint64_t, Fault> faults;  // by call number
 
-    Memory* memory(uint32_t memid) { return memid < memories.size() ? memories[memid].get() : nullptr; }
+    Memory* memory(uint32_t memid) const {
+        const std::lock_guard lock(mutex);
+        return memid < memories.size() ? memories[memid].get() : nullptr;
+    }
 
     // Runs one platform call, unless it is due to fail, and records it.
     template <typename Action>
     uint32_t perform(NnaSimCall call, Action action) {
-        ++call_number;
-        const auto fault = faults.find(call_number);
-        if (fault == faults.end() || fault->second.late)
+        const std::optional<Fault> fault = next_fault();
+        if (!fault || fault->late)
             call.status = action();
-        if (fault != faults.end())
-            call.status = fault->second.status;
-        calls.push_back(call);
+        if (fault)
+            call.status = fault->status;
+
+        const std::lock_guard lock(mutex);
+        ++calls_ended;
+        if (calls.size() < NNA_SIM_MAX_CALLS)
+            calls.push_back(call);
         return call.status;
+    }
+
+  private:
+    // The fault of the call that begins now.
+    std::optional<Fault> next_fault() {
+        const std::lock_guard lock(mutex);
+        const auto due = faults.extract(++call_number);
+        return due ? std::optional(due.mapped()) : std::nullopt;
     }
 };
 
@@ -66,6 +86,7 @@ uint32_t nna_sim_add_memory(NnaSim* sim, uint32_t size) {
     memory->device.assign(size, 0);
     memory->view.reserve(size ? size : 1);  // an empty memory has an address too
     memory->view.assign(size, NNA_SIM_STALE_BYTE);
+    const std::lock_guard lock(sim->mutex);
     sim->memories.push_back(std::move(memory));
     return static_cast<uint32_t>(sim->memories.size() - 1);
 }
@@ -98,6 +119,7 @@ uint8_t* nna_sim_cpu_view(NnaSim* sim, uint32_t memid) {
 }
 
 uint64_t nna_sim_synced_bytes(const NnaSim* sim, uint32_t direction) {
+    const std::lock_guard lock(sim->mutex);
     return direction < 2 ? sim->synced_bytes[direction] : 0;
 }
 
@@ -119,8 +141,15 @@ const NnaSimCall* nna_sim_calls(const NnaSim* sim, size_t* count) {
     return sim->calls.data();
 }
 
+uint64_t nna_sim_call_count(const NnaSim* sim) {
+    const std::lock_guard lock(sim->mutex);
+    return sim->calls_ended;
+}
+
 void nna_sim_clear_calls(NnaSim* sim) {
+    const std::lock_guard lock(sim->mutex);
     sim->calls.clear();
+    sim->calls_ended = 0;
 }
 
 void nna_sim_fail_call(NnaSim* sim, uint32_t k, uint32_t status) {
@@ -172,6 +201,7 @@ uint32_t tivNnaMemorySyncCache(void* device, uint32_t memid, uint32_t direction,
         auto& to = direction == 1 ? memory->view : memory->device;
         if (size > 0)
             std::memcpy(to.data(), from.data(), size);
+        const std::lock_guard lock(sim->mutex);
         sim->synced_bytes[direction] += size;
         return NNA_STATUS_OK;
     });

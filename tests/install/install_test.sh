@@ -1,5 +1,6 @@
 #!/usr/bin/env bash
-# Installs into an empty prefix, moves it, and builds and runs an outside driver by find_package and by pkg-config.
+# Installs into an empty prefix, moves it, runs the tool from there, and builds and runs an outside driver by
+# find_package and by pkg-config.
 # usage: install_test.sh BUILD_DIR SOURCE_DIR C_COMPILER CXX_COMPILER "FLAGS" [EMULATOR...]
 set -euo pipefail
 build=$1 source=$2 cc=$3 cxx=$4 flags=$5
@@ -15,6 +16,11 @@ if grep -rlF -e "$scratch/first" -e "$source" "$prefix/include" "$prefix"/lib*/c
     echo "the files above name the place they were built or installed in"
     exit 1
 fi
+
+"${emulator[@]}" "$prefix/bin/kelrt" --version | grep -qxE "kelrt [0-9]+(\.[0-9]+)+" || {
+    echo "bin/kelrt does not run from where it was moved"
+    exit 1
+}
 
 echo "find_package"
 cmake -S "$source/tests/install" -B "$scratch/build" -G Ninja -DCMAKE_PREFIX_PATH="$prefix" \

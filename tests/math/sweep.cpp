@@ -2,12 +2,13 @@
 // operands, so that builds for different processors can be compared without storing results. The file of
 // golden digests beside this program was written by the NEON build.
 //
-//   kelrt_sweep --check FILE         recompute what the file holds at this stride; fail on any difference
-//   kelrt_sweep --print NAME LO HI   input and result bits of one function, to find where a difference is
-//   kelrt_sweep                      write digests: name, stride, sixteen slices of the patterns, the special
+//   kelrt_sweep --check FILE     recompute what the file holds at this stride; fail on any difference
+//   kelrt_sweep --print NAME     input and result bits of one function, to find where a difference is
+//   kelrt_sweep                  write digests: name, stride, sixteen slices of the patterns, the special
 //   ones
 //
-// Options: --stride N, --pairs N (per operation), --only NAME,NAME..., --functions, --operations, --time.
+// Options: --stride N, --pairs N (per operation), --only NAME,NAME..., --time.
+#include <algorithm>
 #include <bit>
 #include <chrono>
 #include <cstdio>
@@ -35,38 +36,30 @@ float as_float(uint32_t bits) {
 
 // ---- functions of one float
 
-template <auto primitive, class... More>
-void each4(const float* x, float* y, const More&... more) {
-    for (uint32_t i = 0; i < kBlock; i += 4) {
-        kelRt_float32x4_t v;
+template <class Vector, auto primitive, class... More>
+void each(const float* x, float* y, const More&... more) {
+    for (uint32_t i = 0; i < kBlock; i += sizeof(Vector) / sizeof(float)) {
+        Vector v;
         std::memcpy(&v, x + i, sizeof v);
         v = primitive(v, more...);
         std::memcpy(y + i, &v, sizeof v);
     }
 }
-
+template <auto primitive, class... More>
+void each4(const float* x, float* y, const More&... more) {
+    each<kelRt_float32x4_t, primitive>(x, y, more...);
+}
 template <auto primitive>
-void each2(const float* x, float* y) {
-    for (uint32_t i = 0; i < kBlock; i += 2) {
-        kelRt_float32x2_t v;
-        std::memcpy(&v, x + i, sizeof v);
-        v = primitive(v);
-        std::memcpy(y + i, &v, sizeof v);
-    }
+constexpr auto each2 = each<kelRt_float32x2_t, primitive>;
+template <auto kernel>
+void whole(const float* x, float* y) {
+    kernel(x, y, kBlock);
 }
 
 const Table kExp(kExpCoefficients), kLog(kLogCoefficients);
 // One product, added to zero: where a result may be tiny, its rounding shows.
 const Table kProduct(Coefficients{0, 0, 0, 0, 0.99999988f, 0, 0, 0});
-
-struct Filled {
-    float v[kBlock];
-    explicit Filled(float x) {
-        for (float& e : v)
-            e = x;
-    }
-};
-const Filled kZeros(0.0f), kThirds(1.0f / 3), kNearlyOne(0.99999988f);
+const std::vector<float> kZeros(kBlock, 0.0f), kThirds(kBlock, 1.0f / 3), kNearlyOne(kBlock, 0.99999988f);
 
 // Eight elements to one or two. Their last steps are scalar, where which NaN comes out is open.
 template <class Reduction>
@@ -79,88 +72,77 @@ void reductions(const float* x, float* y, Reduction reduce) {
         y[i] = i >= kBlock / 4 ? 0 : y[i] != y[i] ? as_float(0x7FC00000u) : y[i];
 }
 
+void to_int8(const float* x, float* y, float scale) {
+    int8_t bytes[kBlock];
+    kelRt_scaleFtoI8(x, bytes, scale, kBlock);
+    std::copy_n(bytes, kBlock, y);
+}
+// The low bits of each pattern.
+template <class Int, auto kernel>
+void from_int(const float* x, float* y, float scale) {
+    std::vector<Int> ints(kBlock);
+    for (uint32_t i = 0; i < kBlock; ++i)
+        ints[i] = static_cast<Int>(std::bit_cast<uint32_t>(x[i]));
+    kernel(ints.data(), y, scale, kBlock);
+}
+
 struct Function {
     const char* name;
     void (*run)(const float* x, float* y);  // kBlock elements
 };
+// clang-format off
 const Function kFunctions[] = {
-    {"vfloorq_f32", [](const float* x, float* y) { each4<vfloorq_f32>(x, y); }},
-    {"vroundq_rte_f32", [](const float* x, float* y) { each4<vroundq_rte_f32>(x, y); }},
-    {"vinvsqrt_f32", [](const float* x, float* y) { each2<vinvsqrt_f32>(x, y); }},
-    {"vinvsqrtq_f32", [](const float* x, float* y) { each4<vinvsqrtq_f32>(x, y); }},
-    {"vinv_f32", [](const float* x, float* y) { each2<vinv_f32>(x, y); }},
-    {"vinvq_f32", [](const float* x, float* y) { each4<vinvq_f32>(x, y); }},
-    {"vtaylor_polyq_f32", [](const float* x, float* y) { each4<vtaylor_polyq_f32>(x, y, kExp.v); }},
-    {"vtaylor_polyq_f32/product",
-     [](const float* x, float* y) { each4<vtaylor_polyq_f32>(x, y, kProduct.v); }},
-    {"vexpq_f32", [](const float* x, float* y) { each4<vexpq_f32>(x, y, kExp.v); }},
-    {"vlogq_f32", [](const float* x, float* y) { each4<vlogq_f32>(x, y, kLog.v); }},
-    {"vtanhq_f32", [](const float* x, float* y) { each4<vtanhq_f32>(x, y, kExp.v); }},
-    {"vpowq_f32/2.5", [](const float* x, float* y) { each4<vpowq_f32>(x, y, splat(2.5f), kLog.v, kExp.v); }},
-    {"vpowq_f32/-0.3",
-     [](const float* x, float* y) { each4<vpowq_f32>(x, y, splat(-0.3f), kLog.v, kExp.v); }},
-    {"vsinq_f32", [](const float* x, float* y) { each4<vsinq_f32>(x, y); }},
-    {"vsin_f32", [](const float* x, float* y) { each2<vsin_f32>(x, y); }},
-    {"kelRt_tanhf", [](const float* x, float* y) { kelRt_tanhf(x, y, kBlock); }},
-    {"kelRt_expf", [](const float* x, float* y) { kelRt_expf(x, y, kBlock); }},
-    {"kelRt_sigmoidf", [](const float* x, float* y) { kelRt_sigmoidf(x, y, kBlock); }},
-    {"kelRt_scalef", [](const float* x, float* y) { kelRt_scalef(x, y, 0.99999988f, kBlock); }},
-    {"kelRt_mulf", [](const float* x, float* y) { kelRt_mulf(x, kThirds.v, y, kBlock); }},
-    {"kelRt_addf", [](const float* x, float* y) { kelRt_addf(x, kThirds.v, y, kBlock); }},
-    {"kelRt_subf", [](const float* x, float* y) { kelRt_subf(kThirds.v, x, y, kBlock); }},
-    {"kelRt_complementf", [](const float* x, float* y) { kelRt_complementf(x, y, kBlock); }},
-    {"kelRt_dotproductf",
-     [](const float* x, float* y) { kelRt_dotproductf(x, kNearlyOne.v, kNearlyOne.v, x, y, kBlock); }},
-    {"kelRt_normf",
-     [](const float* x, float* y) { kelRt_normf(x, kThirds.v, kZeros.v, 0.0f, 0.7f, y, kBlock); }},
-    {"kelRt_normf/mean",
-     [](const float* x, float* y) { kelRt_normf(x, kThirds.v, kThirds.v, 1.5f, -3.0f, y, kBlock); }},
-    {"kelRt_scaleI32toF",
-     [](const float* x, float* y) {
-         std::vector<int32_t> ints(kBlock);
-         std::memcpy(ints.data(), x, kBlock * sizeof(float));
-         kelRt_scaleI32toF(ints.data(), y, 0.7f, kBlock);
-     }},
-    {"kelRt_scaleI16toF",  // the low half of each pattern
-     [](const float* x, float* y) {
-         std::vector<int16_t> ints(kBlock);
-         for (uint32_t i = 0; i < kBlock; ++i)
-             ints[i] = static_cast<int16_t>(std::bit_cast<uint32_t>(x[i]) & 0xFFFF);
-         kelRt_scaleI16toF(ints.data(), y, 0.7f, kBlock);
-     }},
-    {"kelRt_scaleI8toF",
-     [](const float* x, float* y) {
-         std::vector<int8_t> ints(kBlock);
-         for (uint32_t i = 0; i < kBlock; ++i)
-             ints[i] = static_cast<int8_t>(std::bit_cast<uint32_t>(x[i]) & 0xFF);
-         kelRt_scaleI8toF(ints.data(), y, 0x1.234p-126f, kBlock);
-     }},
-    {"batchMulf", [](const float* x, float* y) { batchMulf(x, kThirds.v, y, kBlock); }},
-    {"batchAddf", [](const float* x, float* y) { batchAddf(x, kThirds.v, y, kBlock); }},
-    {"batchSubf", [](const float* x, float* y) { batchSubf(kThirds.v, x, y, kBlock); }},
-    {"batchComplementf", [](const float* x, float* y) { batchComplementf(x, y, kBlock); }},
-    {"batchDotproductf",
-     [](const float* x, float* y) { batchDotproductf(x, kNearlyOne.v, kNearlyOne.v, x, y, kBlock); }},
-    {"kelRt_scaleFtoI8",
-     [](const float* x, float* y) {
-         int8_t bytes[kBlock];
-         kelRt_scaleFtoI8(x, bytes, 0.37f, kBlock);
-         for (uint32_t i = 0; i < kBlock; ++i)
-             y[i] = bytes[i];
-     }},
-    {"kelRt_sumf",
-     [](const float* x, float* y) {
-         reductions(x, y, [](const float* in, float* out) { kelRt_sumf(in, out, 8); });
-     }},
-    {"kelRt_variancef",
-     [](const float* x, float* y) {
-         reductions(x, y, [](const float* in, float* out) { kelRt_variancef(in, 0.1f, out, 8); });
-     }},
-    {"kelRt_minMaxf",
-     [](const float* x, float* y) {
-         reductions(x, y, [](const float* in, float* out) { kelRt_minMaxf(in, out, out + 1, 8); });
-     }},
+    {"vfloorq_f32", each4<vfloorq_f32>},
+    {"vroundq_rte_f32", each4<vroundq_rte_f32>},
+    {"vinvsqrt_f32", each2<vinvsqrt_f32>},
+    {"vinvsqrtq_f32", each4<vinvsqrtq_f32>},
+    {"vinv_f32", each2<vinv_f32>},
+    {"vinvq_f32", each4<vinvq_f32>},
+    {"vtaylor_polyq_f32", [](auto x, auto y) { each4<vtaylor_polyq_f32>(x, y, kExp.v); }},
+    {"vtaylor_polyq_f32/product", [](auto x, auto y) { each4<vtaylor_polyq_f32>(x, y, kProduct.v); }},
+    {"vexpq_f32", [](auto x, auto y) { each4<vexpq_f32>(x, y, kExp.v); }},
+    {"vlogq_f32", [](auto x, auto y) { each4<vlogq_f32>(x, y, kLog.v); }},
+    {"vtanhq_f32", [](auto x, auto y) { each4<vtanhq_f32>(x, y, kExp.v); }},
+    {"vpowq_f32/2.5", [](auto x, auto y) { each4<vpowq_f32>(x, y, splat(2.5f), kLog.v, kExp.v); }},
+    {"vpowq_f32/-0.3", [](auto x, auto y) { each4<vpowq_f32>(x, y, splat(-0.3f), kLog.v, kExp.v); }},
+    {"vsinq_f32", each4<vsinq_f32>},
+    {"vsin_f32", each2<vsin_f32>},
+    {"kelRt_tanhf", whole<kelRt_tanhf>},
+    {"kelRt_expf", whole<kelRt_expf>},
+    {"kelRt_sigmoidf", whole<kelRt_sigmoidf>},
+    {"kelRt_scalef", [](auto x, auto y) { kelRt_scalef(x, y, 0.99999988f, kBlock); }},
+    {"kelRt_mulf", [](auto x, auto y) { kelRt_mulf(x, kThirds.data(), y, kBlock); }},
+    {"kelRt_addf", [](auto x, auto y) { kelRt_addf(x, kThirds.data(), y, kBlock); }},
+    {"kelRt_subf", [](auto x, auto y) { kelRt_subf(kThirds.data(), x, y, kBlock); }},
+    {"kelRt_complementf", whole<kelRt_complementf>},
+    {"kelRt_dotproductf", [](auto x, auto y) {
+         kelRt_dotproductf(x, kNearlyOne.data(), kNearlyOne.data(), x, y, kBlock); }},
+    {"kelRt_normf", [](auto x, auto y) {
+         kelRt_normf(x, kThirds.data(), kZeros.data(), 0.0f, 0.7f, y, kBlock); }},
+    {"kelRt_normf/mean", [](auto x, auto y) {
+         kelRt_normf(x, kThirds.data(), kThirds.data(), 1.5f, -3.0f, y, kBlock); }},
+    {"kelRt_scaleI32toF", [](auto x, auto y) { from_int<int32_t, kelRt_scaleI32toF>(x, y, 0.7f); }},
+    {"kelRt_scaleI16toF", [](auto x, auto y) { from_int<int16_t, kelRt_scaleI16toF>(x, y, 0.7f); }},
+    {"kelRt_scaleI8toF", [](auto x, auto y) { from_int<int8_t, kelRt_scaleI8toF>(x, y, 0x1.234p-126f); }},
+    {"batchMulf", [](auto x, auto y) { batchMulf(x, kThirds.data(), y, kBlock); }},
+    {"batchAddf", [](auto x, auto y) { batchAddf(x, kThirds.data(), y, kBlock); }},
+    {"batchSubf", [](auto x, auto y) { batchSubf(kThirds.data(), x, y, kBlock); }},
+    {"batchComplementf", whole<batchComplementf>},
+    {"batchDotproductf", [](auto x, auto y) {
+         batchDotproductf(x, kNearlyOne.data(), kNearlyOne.data(), x, y, kBlock); }},
+    {"kelRt_scaleFtoI8", [](auto x, auto y) { to_int8(x, y, 0.37f); }},
+    {"kelRt_scaleFtoI8/1", [](auto x, auto y) { to_int8(x, y, 1.0f); }},
+    {"kelRt_scaleFtoI8/128", [](auto x, auto y) { to_int8(x, y, 128.0f); }},
+    {"kelRt_scaleFtoI8/85", [](auto x, auto y) { to_int8(x, y, 256.0f / 3); }},
+    {"kelRt_scaleFtoI8/tiny", [](auto x, auto y) { to_int8(x, y, 0x1p-32f); }},
+    {"kelRt_sumf", [](auto x, auto y) {
+         reductions(x, y, [](auto in, auto out) { kelRt_sumf(in, out, 8); }); }},
+    {"kelRt_variancef", [](auto x, auto y) {
+         reductions(x, y, [](auto in, auto out) { kelRt_variancef(in, 0.1f, out, 8); }); }},
+    {"kelRt_minMaxf", [](auto x, auto y) {
+         reductions(x, y, [](auto in, auto out) { kelRt_minMaxf(in, out, out + 1, 8); }); }},
 };
+// clang-format on
 
 // The neighbourhoods of every power of two, and of the places where a function changes its mind.
 Words special_patterns() {
@@ -197,60 +179,49 @@ struct Operation {
     void (*run)(Operands x, uint32_t* y);
 };
 
-template <class Op>
-void on_blocks(Operands x, uint32_t* y, Op op) {
-    kelrt::vector_part<true>([=] {
-        for (size_t i = 0; i < kBlock; i += 4)
-            op(x.a + i, x.b + i, x.c + i, y + i);
-    });
+Floats shown(Floats a) {
+    return a;
 }
-template <class Op>
-void on_floats(Operands x, uint32_t* y, Op op) {
-    on_blocks(x, y, [op](const void* a, const void* b, const void* c, void* r) {
-        store(r, op(Floats::load(a), Floats::load(b), Floats::load(c)));
-    });
+Ints shown(Ints a) {
+    return a;
 }
-template <class Op>
-void on_ints(Operands x, uint32_t* y, Op op) {
-    on_blocks(x, y, [op](const void* a, const void* b, const void*, void* r) {
-        store(r, op(Ints::load(a), Ints::load(b)));
-    });
-}
-template <class M>
-Ints shown(M mask) {
+Ints shown(lanes::Mask mask) {
     return keep(mask, Ints::splat(1));
 }
 
+template <class Load, class Op>
+void on_blocks(Operands x, uint32_t* y, Load load, Op op) {
+    kelrt::vector_part<true>([=] {
+        for (size_t i = 0; i < kBlock; i += 4)
+            store(y + i, shown(op(load(x.a + i), load(x.b + i), load(x.c + i))));
+    });
+}
+// The operations are lambdas without captures, so that their types say all.
+template <class Op>
+Operation floats(const char* name, Op) {
+    return {name, [](Operands x, uint32_t* y) { on_blocks(x, y, Floats::load, Op{}); }};
+}
+template <class Op>
+Operation ints(const char* name, Op) {
+    return {name, [](Operands x, uint32_t* y) { on_blocks(x, y, Ints::load, Op{}); }};
+}
+
 const Operation kOperations[] = {
-    {"add", [](Operands x, uint32_t* y) { on_floats(x, y, [](auto a, auto b, auto) { return add(a, b); }); }},
-    {"sub", [](Operands x, uint32_t* y) { on_floats(x, y, [](auto a, auto b, auto) { return sub(a, b); }); }},
-    {"mul", [](Operands x, uint32_t* y) { on_floats(x, y, [](auto a, auto b, auto) { return mul(a, b); }); }},
-    {"mul_add",
-     [](Operands x, uint32_t* y) {
-         on_floats(x, y, [](auto a, auto b, auto c) { return mul_add(c, a, b); });
-     }},
-    {"div", [](Operands x, uint32_t* y) { on_floats(x, y, [](auto a, auto b, auto) { return div(a, b); }); }},
-    {"min", [](Operands x, uint32_t* y) { on_floats(x, y, [](auto a, auto b, auto) { return min(a, b); }); }},
-    {"max", [](Operands x, uint32_t* y) { on_floats(x, y, [](auto a, auto b, auto) { return max(a, b); }); }},
-    {"recip_step",
-     [](Operands x, uint32_t* y) { on_floats(x, y, [](auto a, auto b, auto) { return recip_step(a, b); }); }},
-    {"rsqrt_step",
-     [](Operands x, uint32_t* y) { on_floats(x, y, [](auto a, auto b, auto) { return rsqrt_step(a, b); }); }},
-    {"greater",
-     [](Operands x, uint32_t* y) {
-         on_floats(x, y, [](auto a, auto b, auto) { return shown(greater(a, b)); });
-     }},
-    {"greater_equal",
-     [](Operands x, uint32_t* y) {
-         on_floats(x, y, [](auto a, auto b, auto) { return shown(greater_equal(a, b)); });
-     }},
-    {"equal", [](Operands x,
-                 uint32_t* y) { on_floats(x, y, [](auto a, auto b, auto) { return shown(equal(a, b)); }); }},
-    {"add_sat", [](Operands x, uint32_t* y) { on_ints(x, y, [](auto a, auto b) { return add_sat(a, b); }); }},
-    {"shl_sat",
-     [](Operands x, uint32_t* y) { on_ints(x, y, [](auto a, auto) { return lanes::shl_sat<23>(a); }); }},
-    {"shift_rounding",
-     [](Operands x, uint32_t* y) { on_ints(x, y, [](auto a, auto b) { return shift_rounding(a, b); }); }},
+    floats("add", [](auto a, auto b, auto) { return add(a, b); }),
+    floats("sub", [](auto a, auto b, auto) { return sub(a, b); }),
+    floats("mul", [](auto a, auto b, auto) { return mul(a, b); }),
+    floats("mul_add", [](auto a, auto b, auto c) { return mul_add(c, a, b); }),
+    floats("div", [](auto a, auto b, auto) { return div(a, b); }),
+    floats("min", [](auto a, auto b, auto) { return min(a, b); }),
+    floats("max", [](auto a, auto b, auto) { return max(a, b); }),
+    floats("recip_step", [](auto a, auto b, auto) { return recip_step(a, b); }),
+    floats("rsqrt_step", [](auto a, auto b, auto) { return rsqrt_step(a, b); }),
+    floats("greater", [](auto a, auto b, auto) { return greater(a, b); }),
+    floats("greater_equal", [](auto a, auto b, auto) { return greater_equal(a, b); }),
+    floats("equal", [](auto a, auto b, auto) { return equal(a, b); }),
+    ints("add_sat", [](auto a, auto b, auto) { return add_sat(a, b); }),
+    ints("shl_sat", [](auto a, auto, auto) { return lanes::shl_sat<23>(a); }),
+    ints("shift_rounding", [](auto a, auto b, auto) { return shift_rounding(a, b); }),
     {"rounding_divide_by_pow2_a",
      [](Operands x, uint32_t* y) {
          for (uint32_t i = 0; i < kBlock; i += 4) {
@@ -345,6 +316,19 @@ void apply(const Function& f, const uint32_t* x, uint32_t* y) {
     std::memcpy(y, out, sizeof out);
 }
 
+void print(const Function& f, uint64_t stride) {
+    Words x(kBlock), y(kBlock);
+    for (uint64_t pattern = 0; pattern < UINT64_C(1) << 32;) {
+        for (uint32_t& word : x) {
+            word = static_cast<uint32_t>(pattern);
+            pattern += stride;
+        }
+        apply(f, x.data(), y.data());
+        for (uint32_t k = 0; k < kBlock; ++k)
+            std::printf("%08x %08x\n", x[k], y[k]);
+    }
+}
+
 std::vector<uint64_t> digests(const Function& f, uint64_t stride) {
     std::vector<uint64_t> result;
     Words x(kBlock), y(kBlock);
@@ -401,91 +385,64 @@ std::string hex(const std::vector<uint64_t>& values) {
 }  // namespace
 
 int main(int argc, char** argv) {
-    uint64_t stride = 8191, pairs = 1 << 19;
-    std::string check, only;
-    bool functions = true, operations = true;
-    bool timed = false;
+    std::map<std::string, std::string> options = {{"--stride", "8191"}, {"--pairs", "524288"},
+                                                  {"--check", ""},      {"--only", ""},
+                                                  {"--print", ""},      {"--time", ""}};
     for (int i = 1; i < argc; ++i) {
-        const std::string option = argv[i];
-        if (option == "--time") {
-            timed = true;
-        } else if (option == "--functions") {
-            operations = false;
-        } else if (option == "--operations") {
-            functions = false;
-        } else if (option == "--print" && i + 3 < argc) {
-            for (const Function& f : kFunctions)
-                if (f.name == std::string(argv[i + 1])) {
-                    Words x(kBlock), y(kBlock);
-                    const uint64_t low = std::strtoull(argv[i + 2], nullptr, 0),
-                                   high = std::strtoull(argv[i + 3], nullptr, 0);
-                    for (uint64_t first = low; first < high; first += kBlock) {
-                        for (uint32_t k = 0; k < kBlock; ++k)
-                            x[k] = static_cast<uint32_t>(first + k);
-                        apply(f, x.data(), y.data());
-                        for (uint32_t k = 0; k < kBlock && first + k < high; ++k)
-                            std::printf("%08x %08x\n", x[k], y[k]);
-                    }
-                    return 0;
-                }
-            std::fprintf(stderr, "no function %s\n", argv[i + 1]);
-            return 2;
-        } else if (i + 1 < argc && option == "--check") {
-            check = argv[++i];
-        } else if (i + 1 < argc && option == "--stride") {
-            stride = std::strtoull(argv[++i], nullptr, 0);
-        } else if (i + 1 < argc && option == "--pairs") {
-            pairs = std::strtoull(argv[++i], nullptr, 0);
-        } else if (i + 1 < argc && option == "--only") {
-            only = argv[++i];
-        } else {
-            std::fprintf(stderr, "kelrt_sweep: what is %s?\n", option.c_str());
+        const auto option = options.find(argv[i]);
+        if (option == options.end() || (option->first != "--time" && i + 1 == argc)) {
+            std::fprintf(stderr, "kelrt_sweep: what is %s?\n", argv[i]);
             return 2;
         }
+        option->second = option->first == "--time" ? "yes" : argv[++i];
     }
+    const uint64_t stride = std::strtoull(options["--stride"].c_str(), nullptr, 0),
+                   pairs = std::strtoull(options["--pairs"].c_str(), nullptr, 0);
+    if (stride == 0 || stride > UINT64_C(1) << 32) {
+        std::fprintf(stderr, "kelrt_sweep: the stride is a number from 1 to 2^32\n");
+        return 2;
+    }
+    const std::string only = std::string(",").append(options["--only"]).append(",");
+    const bool checking = !options["--check"].empty();
 
     std::map<std::string, std::string> golden;  // "name stride" or "name pairs" to the rest of the line
-    if (!check.empty()) {
-        std::ifstream file(check);
-        for (std::string line; std::getline(file, line);) {
-            const size_t end = line.find(' ', line.find(' ') + 1);
-            if (end != std::string::npos)
-                golden[line.substr(0, end)] = line.substr(end);
-        }
+    std::ifstream file(options["--check"]);
+    for (std::string line; std::getline(file, line);) {
+        const size_t end = line.find(' ', line.find(' ') + 1);
+        if (end != std::string::npos)
+            golden[line.substr(0, end)] = line.substr(end);
     }
 
-    const auto wanted = [&only](const std::string& name) {
-        return only.empty() || ("," + only + ",").find("," + name + ",") != std::string::npos;
-    };
     int differences = 0, compared = 0;
     const auto report = [&](const auto& item, uint64_t size) {
-        if (!wanted(item.name))
+        if (only != ",," && only.find(std::string(",").append(item.name).append(",")) == std::string::npos)
             return;
         const auto start = std::chrono::steady_clock::now();
         const std::string found = hex(digests(item, size));
         const std::string key = std::string(item.name) + " " + std::to_string(size);
-        if (check.empty()) {
+        ++compared;
+        if (!checking) {
             std::printf("%s%s\n", key.c_str(), found.c_str());
-        } else {
-            ++compared;
-            if (golden[key] != found) {
-                ++differences;
-                std::printf("DIFFERS %s\n  expected%s\n  found   %s\n", key.c_str(), golden[key].c_str(),
-                            found.c_str());
-            }
+        } else if (golden[key] != found) {
+            ++differences;
+            std::printf("DIFFERS %s\n  expected%s\n  found   %s\n", key.c_str(), golden[key].c_str(),
+                        found.c_str());
         }
-        if (timed)
+        if (!options["--time"].empty())
             std::fprintf(stderr, "%s: %.1f s\n", key.c_str(),
                          std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count());
         std::fflush(stdout);
     };
-    if (functions)
-        for (const Function& f : kFunctions)
+    for (const Function& f : kFunctions) {
+        if (options["--print"].empty())
             report(f, stride);
-    if (operations)
-        for (const Operation& op : kOperations)
+        else if (options["--print"] == f.name)
+            print(f, stride);
+    }
+    for (const Operation& op : kOperations)
+        if (options["--print"].empty())
             report(op, pairs);
-    if (!check.empty())
+    if (checking)
         std::printf("%d of %d digests differ\n", differences, compared);
-    return differences || (!check.empty() && compared == 0);
+    return differences || (checking && compared == 0);
 }

@@ -1,18 +1,19 @@
 // Matrix multiply, transposition and the matrix toolkit, against naive references.
 #include <gtest/gtest.h>
 
-#include <cstring>
-#include <random>
-
-#include "kel_rt/operators/transpose.h"
-#include "support/probe.h"
+#include "kelRt.h"
+#include "support/floats.h"
+#include "support/guarded.h"
+#include "support/heap.h"
+#include "support/mode.h"
 #include "support/rig.h"
 
 namespace {
 
+using floats::Floats;
+using guarded::Wall;
 using rig::mem;
 using rig::val;
-using Floats = std::vector<float>;
 
 Floats numbered(size_t count) {
     Floats values(count);
@@ -29,20 +30,22 @@ Floats transposed(const Floats& m, size_t rows, size_t cols) {
     return t;
 }
 
-// Both ways of transposing: the one that callers get, and the one it falls back on without memory.
+// As callers get it, and as it goes on when there is no memory for a copy.
 void expect_transposes(int32_t rows, int32_t cols) {
     const auto r = static_cast<uint32_t>(rows), c = static_cast<uint32_t>(cols);
     const Floats m = numbered(size_t{r} * c), expected = transposed(m, r, c);
-    Floats in_place = m;
-    transpose(in_place.data(), cols, rows);
-    ASSERT_EQ(in_place, expected) << rows << " x " << cols;
-    if (rows < 2 || cols < 2)
-        return;
-    std::vector<uint8_t> odd_address(m.size() * 4 + 1);
-    std::memcpy(&odd_address[1], m.data(), m.size() * 4);
-    kelrt::transpose_by_cycles(reinterpret_cast<float*>(&odd_address[1]), r, c);
-    ASSERT_EQ(std::memcmp(&odd_address[1], expected.data(), m.size() * 4), 0)
-        << rows << " x " << cols << " by cycles";
+    const size_t bytes = 4 * m.size(), blocks = heap::blocks();
+    for (const int failing_allocation : {0, 1}) {
+        guarded::Bytes memory(bytes, c % 2 ? Wall::Before : Wall::After, r % 4);
+        std::memcpy(memory.data(), m.data(), bytes);
+        heap::fail_allocation(failing_allocation);
+        transpose(memory.floats(), cols, rows);
+        heap::fail_allocation(0);
+        ASSERT_EQ(std::memcmp(memory.data(), expected.data(), bytes), 0)
+            << rows << " x " << cols << (failing_allocation ? " without a copy" : "");
+        EXPECT_TRUE(memory.intact());
+    }
+    EXPECT_EQ(heap::blocks(), blocks);
 }
 
 TEST(Transpose, EqualsTheNaiveOneForEverySmallShapeAndForWideOnes) {
@@ -64,91 +67,162 @@ TEST(Transpose, LeavesDegenerateShapesAlone) {
     }
 }
 
-// The order of a sum, a product rounded before it is added, and transposed operands left transposed: one
-// table over shapes and flags at every byte offset, values chosen so that the order decides the bits.
-TEST(Matmul, EqualsTheOrderedSumForEveryFlagAndOffset) {
-    std::mt19937 random(20);
-    std::uniform_real_distribution<float> uniform(-1, 1);
-    const uint32_t shapes[][3] = {{1, 1, 1},   {2, 3, 4}, {5, 1, 7}, {1, 64, 10},
-                                  {3, 17, 33}, {4, 4, 4}, {9, 0, 3}};
-    uint32_t offset = 0;
-    for (const auto& [m, k, n] : shapes) {
-        for (int flags = 0; flags < 4; ++flags, offset = (offset + 1) % 8) {
-            SCOPED_TRACE(testing::Message()
-                         << m << "x" << k << "x" << n << " flags " << flags << " offset " << offset);
-            const bool trans_a = flags & 1, trans_b = flags & 2;
-            Floats a(m * k), b(k * n), c(m * n);
-            for (float& x : a)
-                x = uniform(random) * (random() % 8 == 0 ? 1e6f : 1.0f);
-            for (float& x : b)
-                x = uniform(random);
-            for (size_t i = 0; i < m; ++i)
-                for (size_t j = 0; j < n; ++j) {
-                    float sum = 0;
-                    for (size_t l = 0; l < k; ++l) {
-                        volatile float product = a[i * k + l] * b[l * n + j];
-                        sum = sum + product;
-                    }
-                    c[i * n + j] = sum;
-                }
-            const Floats stored_a = trans_a ? transposed(a, m, k) : a,
-                         stored_b = trans_b ? transposed(b, k, n) : b;
+struct Shape {
+    uint32_t m, k, n;
+};
 
-            rig::Rig rig;
-            const uint32_t ma = rig.memory_of(stored_a, offset), mb = rig.memory_of(stored_b, offset);
-            const uint32_t mc = rig.memory(c.size() * 4 + offset);
-            EXPECT_EQ(rig.run(10, {mem(ma, offset), mem(mb, offset), mem(mc, offset), val(trans_a ? k : m),
-                                   val(trans_a ? m : k), val(trans_b ? n : k), val(trans_b ? k : n),
-                                   val(trans_a ? 0x80000000 : 0), val(trans_b)}),
-                      NNA_STATUS_OK);
-            EXPECT_EQ(rig.device<float>(mc, c.size(), offset), c);
-            EXPECT_EQ(rig.device<float>(ma, a.size(), offset), stored_a)
-                << "accelerator memory is never changed";
-            Floats view(a.size());
-            if (!view.empty())
-                std::memcpy(view.data(), nna_sim_cpu_view(rig.sim, ma) + offset, view.size() * 4);
-            EXPECT_EQ(view, a) << "the CPU's view is left transposed";
+// Each product rounded, then added in increasing k to a sum that starts at zero.
+Floats product(const Shape& s, const Floats& a, const Floats& b) {
+    Floats c(s.m * s.n);
+    for (size_t i = 0; i < s.m; ++i)
+        for (size_t j = 0; j < s.n; ++j)
+            for (size_t l = 0; l < s.k; ++l)
+                c[i * s.n + j] += a[i * s.k + l] * b[l * s.n + j];
+    return c;
+}
+
+// Between walls, with flags, in the mode given; operands are left as the product reads them.
+void expect_product(const Shape& s, const Floats& a, const Floats& b, uint32_t flags, mode::Word callers) {
+    SCOPED_TRACE(testing::Message() << s.m << " x " << s.k << " x " << s.n << ", flags " << flags);
+    const bool trans_a = flags & 1, trans_b = flags & 2;
+    const Wall wall = flags & 4 ? Wall::Before : Wall::After;
+    guarded::Bytes memory_a(4 * a.size(), wall, flags % 3), memory_b(4 * b.size(), wall, s.k % 4),
+        memory_c(4 * s.m * s.n, wall, s.n % 4);
+    const auto fill = [](guarded::Bytes& to, const Floats& from) {
+        std::copy_n(reinterpret_cast<const uint8_t*>(from.data()), 4 * from.size(), to.data());
+    };
+    const auto read = [](guarded::Bytes& from, size_t count) {
+        Floats values(count);
+        std::copy_n(from.data(), 4 * count, reinterpret_cast<uint8_t*>(values.data()));
+        return values;
+    };
+    fill(memory_a, trans_a ? transposed(a, s.m, s.k) : a);
+    fill(memory_b, trans_b ? transposed(b, s.k, s.n) : b);
+    const auto count = [](uint32_t dimension) { return static_cast<int32_t>(dimension); };
+    EXPECT_TRUE(mode::kept_in(callers, [&] {
+        kelRt_matmul(memory_a.floats(), memory_b.floats(), memory_c.floats(), count(trans_a ? s.k : s.m),
+                     count(trans_a ? s.m : s.k), count(trans_b ? s.n : s.k), count(trans_b ? s.k : s.n),
+                     trans_a ? INT32_MIN : 0, trans_b ? -1 : 0);
+    }));
+    Floats expected;
+    mode::kept_in(callers, [&] { expected = product(s, a, b); });
+    const Floats found = read(memory_c, expected.size());
+    const size_t at = floats::differ_at(found, expected);
+    ASSERT_EQ(at, expected.size()) << found[at] << ", not " << expected[at];
+    EXPECT_EQ(floats::differ_at(read(memory_a, a.size()), a), a.size()) << "a is left transposed";
+    EXPECT_EQ(floats::differ_at(read(memory_b, b.size()), b), b.size()) << "b is left transposed";
+    EXPECT_TRUE(memory_a.intact() && memory_b.intact() && memory_c.intact());
+}
+
+// Shapes at the edges of blocks of rows, columns and sums, of whatever size.
+TEST(Matmul, EqualsTheOrderedSum) {
+    std::vector<Shape> shapes = {{9, 0, 3},     {1, 64, 10},   {3, 17, 33},   {12, 256, 32}, {13, 257, 33},
+                                 {11, 255, 31}, {25, 130, 65}, {1, 515, 100}, {100, 3, 1},   {2, 1000, 2},
+                                 {16, 16, 16},  {17, 65, 129}, {48, 7, 64},   {7, 520, 17},  {1, 1, 300}};
+    for (uint32_t size = 1; size <= 20; ++size)
+        shapes.insert(shapes.end(), {{size, size % 7 + 1, size},
+                                     {size % 5 + 1, size, size % 3 + 1},
+                                     {size % 3 + 1, size % 4 + 1, 2 * size + 1}});
+    uint32_t turn = 0;
+    for (const Shape& s : shapes) {
+        const Floats a = floats::plain(s.m * s.k, s.m), b = floats::plain(s.k * s.n, s.n);
+        // Products around 2^-103 and 2^-126, some of them nothing at all; then every sort.
+        Floats tiny_a = a, tiny_b = b;
+        floats::Random random(s.m + s.n);
+        for (float& x : tiny_a)
+            x = random.below(9) ? std::ldexp(x, -64) : 0;
+        for (float& x : tiny_b)
+            x = std::ldexp(x, -static_cast<int>(random.below(80)));
+        for (const mode::Word callers : mode::kScalar) {
+            expect_product(s, a, b, turn++ % 8, callers);
+            expect_product(s, tiny_a, tiny_b, turn++ % 8, callers);
+            expect_product(s, floats::wild(s.m * s.k, 1), floats::wild(s.k * s.n, 2), turn++ % 8, callers);
+            if (HasFatalFailure())
+                return;
         }
     }
 }
 
-// Scalar arithmetic keeps subnormals, also where the compiler sums many columns side by side; NEON would not.
-TEST(Matmul, KeepsSubnormals) {
-    const float tiny = 0x1p-127f;
-    Floats a = {tiny, tiny}, b(2 * 40, 1.5f), c(40);
-    EXPECT_EQ(kelRt_matmul(a.data(), b.data(), c.data(), 1, 2, 2, 40, 0, 0), NNA_STATUS_OK);
-    EXPECT_EQ(c, Floats(40, 3 * tiny));
-    b.assign(2 * 40, 0.25f);
-    EXPECT_EQ(kelRt_matmul(a.data(), b.data(), c.data(), 1, 2, 2, 40, 0, 0), NNA_STATUS_OK);
-    EXPECT_EQ(c, Floats(40, tiny / 2));
+TEST(Matmul, SpecialElementsAmongOrdinaryOnes) {
+    floats::Random random(1);
+    for (const Shape& s : {Shape{14, 70, 36}, Shape{3, 300, 20}, Shape{1, 130, 70}}) {
+        const Floats plain_a = floats::plain(s.m * s.k, 3), plain_b = floats::plain(s.k * s.n, 4);
+        for (uint32_t i = 0; i < 100; ++i) {
+            Floats a = plain_a, b = plain_b;
+            const auto spoil = [&](Floats& x) {
+                x[random.below(static_cast<uint32_t>(x.size()))] =
+                    floats::from_bits(floats::special(random()));
+            };
+            if (i % 3 != 0)
+                spoil(a);
+            if (i % 3 != 1)
+                spoil(b);
+            expect_product(s, a, b, i % 8, mode::kScalar[0]);
+            if (HasFatalFailure())
+                return;
+        }
+    }
 }
 
 TEST(Matmul, AResultOverAnOperandIsWrittenRowByRow) {
-    Floats a = {1, 2, 3, 4}, b = {5, 6, 7, 8};
-    EXPECT_EQ(kelRt_matmul(a.data(), b.data(), a.data(), 2, 2, 2, 2, 0, 0), NNA_STATUS_OK);
-    EXPECT_EQ(a, (Floats{19, 130, 43, 290}));
-    a = {1, 2, 3, 4};
-    EXPECT_EQ(kelRt_matmul(a.data(), b.data(), b.data(), 2, 2, 2, 2, 0, 0), NNA_STATUS_OK);
-    EXPECT_EQ(b, (Floats{19, 22, 19 * 3 + 7 * 4, 22 * 3 + 8 * 4}));
-    KelRtMatrix vast{UINT32_MAX, 0, b.data()};  // no rows: no work, however many columns
+    // The result shares one float with an operand, at either end, or all of it.
+    const uint32_t m = 3, k = 40, n = 35, result = m * n;
+    for (const bool over_a : {false, true}) {
+        const uint32_t size = over_a ? m * k : k * n;
+        for (const uint32_t start : {0u, result - 1, size + result - 2}) {
+            Floats found = floats::plain(size + 2 * result, 5), expected = found,
+                   other = floats::plain(k * n, 6);
+            const auto multiply = [&](Floats& area, auto by) {
+                float *const shared = &area[result - 1], *const c = &area[start];
+                by(over_a ? shared : other.data(), over_a ? other.data() : shared, c);
+            };
+            multiply(found, [](float* a, float* b, float* c) { kelRt_matmul(a, b, c, m, k, k, n, 0, 0); });
+            multiply(expected, [](float* a, float* b, float* c) {
+                for (uint32_t i = 0; i < m; ++i)
+                    for (uint32_t j = 0; j < n; ++j) {
+                        float sum = 0;
+                        for (uint32_t l = 0; l < k; ++l)
+                            sum += a[i * k + l] * b[l * n + j];
+                        c[i * n + j] = sum;
+                    }
+            });
+            EXPECT_EQ(found, expected) << over_a << ' ' << start;
+        }
+    }
+    float untouched = 7;
+    KelRtMatrix vast{UINT32_MAX, 0, &untouched};  // no rows: no work, however many columns
     m_multiply(&vast, &vast, &vast);
 }
 
-TEST(Matmul, NullPointersAndEmptyResults) {
+// Drivers that keep several tensors in one memory see the transposition: of an operand that is the other one
+// too, and in accelerator memory as soon as a result in that memory is published, now or later.
+TEST(Matmul, TransposedOperandsAreSharedAndGoAlongWhenTheirMemoryIsPublished) {
+    const Floats x = {1, 2, 3, 4}, moved = {1, 3, 2, 4};
+    for (const bool fetched : {false, true}) {
+        rig::Rig rig;
+        const uint32_t m = rig.memory_of(Floats{1, 2, 3, 4, 0, 0, 0, 0}), other = rig.memory(16);
+        const auto multiply = [&](uint32_t c, uint32_t offset) {
+            return rig.run(10,
+                           {mem(m), mem(m), mem(c, offset), val(2), val(2), val(2), val(2), val(0), val(1)});
+        };
+        EXPECT_EQ(multiply(other, 0), NNA_STATUS_OK);
+        EXPECT_EQ(rig.device<float>(other, 4), (Floats{7, 15, 10, 22})) << "x^T * x^T";
+        EXPECT_EQ(rig.device<float>(m, 4), x);
+        // A later context writes behind x: split into m, from another memory or from m itself.
+        EXPECT_EQ(rig.run(12, {mem(fetched ? m : other), mem(m, 16), val(16)}), NNA_STATUS_OK);
+        EXPECT_EQ(rig.device<float>(m, 4), fetched ? x : moved);
+        EXPECT_EQ(multiply(m, 16), NNA_STATUS_OK);
+        EXPECT_EQ(rig.device<float>(m, 4), fetched ? moved : x) << "transposed anew, and published with c";
+    }
+}
+
+TEST(Matmul, EmptyResultsAndSumsOfNothing) {
     Floats x = {1, 2, 3, 4}, c = {-1, -1};
-    probe::Probe probe;
     EXPECT_EQ(kelRt_matmul(x.data(), x.data(), c.data(), 0, 2, 2, 2, 0, 0), NNA_STATUS_OK);
     EXPECT_EQ(kelRt_matmul(x.data(), x.data(), c.data(), 2, 2, 2, -2, 0, 0), NNA_STATUS_OK);
     EXPECT_EQ(c, (Floats{-1, -1}));
     EXPECT_EQ(kelRt_matmul(x.data(), x.data(), c.data(), 1, -3, 2, 2, 0, 0), NNA_STATUS_OK);
-    EXPECT_EQ(c, (Floats{0, 0})) << "a sum of nothing";
-    EXPECT_TRUE(probe.text().empty());
-    EXPECT_EQ(kelRt_matmul(x.data(), nullptr, c.data(), 2, 2, 2, 2, 1, 0), NNA_STATUS_NULL_POINTER);
-    char text[128];
-    std::snprintf(text, sizeof text, "Bad Address Input1 %p Input2 (nil) Output %p",
-                  static_cast<void*>(x.data()), static_cast<void*>(c.data()));
-    EXPECT_EQ(probe.messages(), std::vector<std::string>{text});
-    EXPECT_EQ(x, (Floats{1, 2, 3, 4})) << "refused before anything is transposed";
+    EXPECT_EQ(c, (Floats{0, 0}));
 }
 
 TEST(MatrixToolkit, AddressesAndMultipliesByItsDescriptors) {

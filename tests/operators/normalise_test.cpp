@@ -1,170 +1,175 @@
-// Softmax and instance normalisation: numbers, the order of their roundings, degenerate sizes.
+// Softmax, instance and feature normalisation by their definitions: the order of sums and roundings, every
+// small size and larger ones, special values, degenerate inputs.
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <cmath>
 #include <limits>
-#include <random>
 
-#include "support/probe.h"
-#include "support/rig.h"
+#include "kelRt.h"
+#include "support/floats.h"
+#include "support/guarded.h"
+#include "support/mode.h"
 
 namespace {
 
-using rig::flt;
-using rig::mem;
-using rig::val;
-using Floats = std::vector<float>;
-using Lines = std::vector<std::string>;
+using floats::Floats;
+using guarded::Wall;
 
-Floats random_floats(size_t n, float low, float high, uint32_t seed) {
-    std::mt19937 random(seed);
-    Floats values(n);
-    for (float& value : values)
-        value = std::uniform_real_distribution<float>(low, high)(random);
-    return values;
+std::vector<uint32_t> sizes() {
+    std::vector<uint32_t> sizes = {63, 64, 65, 127, 128, 130, 191, 255, 256, 257, 515, 1000};
+    for (uint32_t n = 1; n <= 40; ++n)
+        sizes.push_back(n);
+    return sizes;
 }
 
-std::string bad_address(const void* in, const void* out) {
-    char text[128];
-    std::snprintf(text, sizeof text, "Bad Address Input %p Output %p", in, out);
-    return text;
+// Ordinary numbers with `specials` values of every sort among them.
+Floats input(uint32_t n, uint32_t specials) {
+    floats::Random random(n + specials);
+    Floats x = floats::plain(n, n);
+    for (uint32_t i = 0; i < specials; ++i)
+        x[random.below(n)] = random.wild();
+    return x;
+}
+
+// kernel(out, in) between walls, apart and in place.
+template <class Kernel>
+void expect_both_ways(const Floats& in, const Floats& expected, size_t scalar, Kernel kernel,
+                      mode::Word callers = mode::kScalar[0]) {
+    for (const Wall wall : {Wall::Before, Wall::After}) {
+        guarded::Bytes x(4 * in.size(), wall, in.size() % 4), y(4 * in.size(), wall, in.size() % 3);
+        std::memcpy(x.data(), in.data(), 4 * in.size());
+        for (float* const out : {y.floats(), x.floats()}) {
+            EXPECT_TRUE(mode::kept_in(callers, [&] { kernel(out, x.floats()); }));
+            Floats found(in.size());
+            std::memcpy(found.data(), out, 4 * in.size());
+            const size_t at = floats::differ_at(found, expected, scalar);
+            ASSERT_EQ(at, in.size()) << found[at] << ", not " << expected[at];
+        }
+        EXPECT_TRUE(x.intact() && y.intact());
+    }
 }
 
 TEST(Softmax, IsTheArrayKernelsInOrderAndNearTheTrueOne) {
-    for (uint32_t n : {1u, 2u, 3u, 4u, 5u, 6u, 7u, 8u, 9u, 33u, 1000u}) {
-        const uint32_t offset = n % 4;
-        SCOPED_TRACE(n);
-        const Floats in = random_floats(n, -20, 20, n);
-        rig::Rig rig;
-        const uint32_t x = rig.memory_of(in, offset), out = rig.memory(4 * n + offset);
-        ASSERT_EQ(rig.run(5, {mem(out, offset), mem(x, offset), val(n)}), NNA_STATUS_OK);
-        const Floats y = rig.device<float>(out, n, offset);
-
-        Floats composed(n);
-        float sum = 0;
-        kelRt_expf(in.data(), composed.data(), n);
-        kelRt_sumf(composed.data(), &sum, n);
-        kelRt_scalef(composed.data(), composed.data(), 1.0f / sum, n);
-        EXPECT_EQ(y, composed);
-
-        double total = 0;
-        for (float value : in)
-            total += std::exp(double{value});
-        for (uint32_t i = 0; i < n; ++i)
-            EXPECT_NEAR(y[i], std::exp(double{in[i]}) / total, 2e-6 * y[i]) << i;
-
-        ASSERT_EQ(rig.run(5, {mem(x, offset), mem(x, offset), val(n)}), NNA_STATUS_OK);
-        EXPECT_EQ(rig.device<float>(x, n, offset), composed) << "in place";
+    for (const uint32_t n : sizes()) {
+        for (const uint32_t specials : {0u, 0u, 1u, 2u}) {
+            SCOPED_TRACE(n);
+            const Floats in = input(n, specials);
+            Floats composed(n);
+            float sum = 0;
+            kelRt_expf(in.data(), composed.data(), n);
+            kelRt_sumf(composed.data(), &sum, n);
+            kelRt_scalef(composed.data(), composed.data(), 1.0f / sum, n);
+            expect_both_ways(in, composed, n / 4 * 4,
+                             [n](float* out, const float* x) { kelRt_softMax(out, x, n, nullptr); });
+            if (specials > 0)
+                continue;
+            double total = 0;
+            for (const float value : in)
+                total += std::exp(double{value});
+            for (uint32_t i = 0; i < n; ++i)
+                EXPECT_NEAR(composed[i], std::exp(double{in[i]}) / total, 2e-6 * composed[i]) << i;
+        }
     }
 }
 
 TEST(Softmax, DoesNotSubtractTheLargestInput) {
-    Floats x = {100, 100, 100, 100, 100};
-    EXPECT_EQ(kelRt_softMax(x.data(), x.data(), 5, nullptr), NNA_STATUS_OK);
-    for (float value : x)
-        EXPECT_TRUE(std::isnan(value)) << "infinities over infinity";
-    x = {-200, -200, -200, -200};
-    EXPECT_EQ(kelRt_softMax(x.data(), x.data(), 4, nullptr), NNA_STATUS_OK);
-    for (float value : x)
-        EXPECT_TRUE(std::isnan(value)) << "0 times 1 / 0";
-    x = {3, 3, 3, 3, 3, 3, 3, 3};
-    EXPECT_EQ(kelRt_softMax(x.data(), x.data(), 8, nullptr), NNA_STATUS_OK);
-    for (float value : x)
-        EXPECT_NEAR(value, 0.125f, 1.5e-8f);
+    for (const float x : {100.0f, -200.0f}) {  // infinities over infinity, 0 times 1 / 0
+        Floats y(5, x);
+        EXPECT_EQ(kelRt_softMax(y.data(), y.data(), x > 0 ? 5 : 4, nullptr), NNA_STATUS_OK);
+        for (size_t i = 0; i < 4; ++i)
+            EXPECT_TRUE(std::isnan(y[i])) << x;
+    }
 }
 
-TEST(Softmax, ReportsItsBytesAndItsNullPointers) {
-    Floats x = {1}, out = {-7};
-    uint32_t bytes = 99;
-    probe::Probe probe;
-    EXPECT_EQ(kelRt_softMax(out.data(), x.data(), 0, &bytes), NNA_STATUS_OK);
-    EXPECT_EQ(bytes, 0u);
-    EXPECT_EQ(out[0], -7);
-    EXPECT_EQ(kelRt_softMax(out.data(), x.data(), 1, &bytes), NNA_STATUS_OK);
-    EXPECT_EQ(bytes, 4u);
-    EXPECT_EQ(out[0], 1);
-    EXPECT_EQ(kelRt_softMax(nullptr, x.data(), 1, &bytes), NNA_STATUS_NULL_POINTER);
-    EXPECT_EQ(kelRt_softMax(out.data(), nullptr, 1, &bytes), NNA_STATUS_NULL_POINTER);
-    EXPECT_EQ(probe.messages(), (Lines{bad_address(x.data(), nullptr), bad_address(nullptr, out.data())}));
-}
+constexpr float kScale = 1.7f, kBias = -0.3f;
 
-Floats instance_norm(const Floats& in, float scale, float bias) {
-    Floats out(in.size(), std::numeric_limits<float>::quiet_NaN());
-    EXPECT_EQ(
-        kelRt_instanceNorm(out.data(), in.data(), static_cast<uint32_t>(in.size()), scale, bias, nullptr),
-        NNA_STATUS_OK);
+Floats instance_norm(const Floats& in) {
+    const auto n = static_cast<float>(in.size());
+    float sum = 0, squares = 0;
+    for (const float x : in)
+        sum += x;
+    const float mean = sum / n;
+    for (const float x : in) {
+        const float d = x - mean;
+        squares = static_cast<float>(static_cast<double>(squares) + double{d} * double{d});
+    }
+    const auto sd = static_cast<float>(std::sqrt(static_cast<double>(squares / n) + 1e-05));
+    Floats out;
+    for (const float x : in)
+        out.push_back(kBias + (x - mean) / sd * kScale);
     return out;
 }
 
-TEST(InstanceNorm, RoundsTheVarianceAfterEveryElement) {
-    // 4096 and -4096 make 2^25, to which each 1 is too small to add; a sum kept in double has them all.
-    Floats in = {4096, -4096};
-    for (int i = 0; i < 2047; ++i)
-        in.insert(in.end(), {1, -1});
-    ASSERT_EQ(in.size(), 4096u);
-    const auto sd = [](double variance) { return static_cast<float>(std::sqrt(variance + 1e-05)); };
-    EXPECT_EQ(instance_norm(in, 1, 0)[0], 4096 / sd(8192));
-    ASSERT_NE(4096 / sd(8192), 4096 / sd((0x1p25 + 4094) / 4096)) << "the data tell the two apart";
-
-    // The ones first: 4094, then two sums that are rounded to even numbers of their size.
-    std::rotate(in.begin(), in.begin() + 2, in.end());
-    const float variance = (4094.0f + 0x1p24f + 0x1p24f) / 4096.0f;
-    EXPECT_EQ(instance_norm(in, 1, 0)[4095], -4096 / sd(variance));
-    ASSERT_NE(sd(variance), sd(8192));
+void expect_instance_norm(const Floats& in) {
+    const auto n = static_cast<uint32_t>(in.size());
+    for (const mode::Word callers : mode::kScalar) {
+        Floats expected;
+        mode::kept_in(callers, [&] { expected = instance_norm(in); });
+        expect_both_ways(
+            in, expected, 0,
+            [n](float* out, const float* x) { kelRt_instanceNorm(out, x, n, kScale, kBias, nullptr); },
+            callers);
+    }
 }
 
-TEST(InstanceNorm, SumsTheMeanInSinglePrecision) {
-    const Floats out = instance_norm({0x1p24f, 1, 1, -0x1p24f}, 1, 0);
-    EXPECT_EQ(out[1] * 0x1p24f, out[0]) << "both ones vanish in the sum, so the mean is 0";
-    EXPECT_EQ(out[3], -out[0]);
-}
-
-TEST(InstanceNorm, EqualsTheOrderedSumsForEverySizeAndOffset) {
-    for (uint32_t n = 1; n <= 40; ++n) {
-        const uint32_t offset = n % 8;
-        SCOPED_TRACE(n);
-        const Floats in = random_floats(n, -3, 1000, n);
-        const float scale = 1.7f, bias = -0.3f;
-        rig::Rig rig;
-        const uint32_t x = rig.memory_of(in, offset), out = rig.memory(4 * n + offset);
-        ASSERT_EQ(rig.run(0, {mem(out, offset), mem(x, offset), val(n), flt(scale), flt(bias)}),
-                  NNA_STATUS_OK);
-        const Floats y = rig.device<float>(out, n, offset);
-
-        float mean = 0, variance = 0;
-        double true_mean = 0, true_variance = 0;
-        for (float value : in)
-            mean += value, true_mean += value / static_cast<double>(n);
-        mean /= static_cast<float>(n);
-        for (float value : in) {
-            const float d = value - mean;
-            variance = static_cast<float>(variance + static_cast<double>(d) * d);
-            true_variance += (value - true_mean) * (value - true_mean) / n;
-        }
-        const float sd = static_cast<float>(std::sqrt(double{variance / static_cast<float>(n)} + 1e-05));
-        for (uint32_t i = 0; i < n; ++i) {
-            EXPECT_EQ(y[i], bias + (in[i] - mean) / sd * scale) << i;
-            EXPECT_NEAR(y[i], bias + (in[i] - true_mean) / std::sqrt(true_variance + 1e-05) * scale, 1e-5)
-                << i;
+TEST(InstanceNorm, RoundsItsSumsAfterEveryElement) {
+    for (const uint32_t n : sizes()) {
+        for (const uint32_t specials : {0u, 0u, 1u, 2u})
+            expect_instance_norm(input(n, specials));
+        floats::Random random(n);
+        Floats growing(n), tied(n, 0.0f);
+        for (uint32_t i = 0; i < n; ++i)  // through one power of two after another
+            growing[i] = random.number(std::ldexp(1.0f, static_cast<int>(i % 50)));
+        expect_instance_norm(growing);
+        std::reverse(growing.begin(), growing.end());
+        expect_instance_norm(growing);
+        // A mean of 0, and squares that fall on and around ties of the sum, which stays within one power of
+        // two, or crosses into the next.
+        for (const float size : {4096.0f, 5790.0f}) {
+            for (uint32_t i = 0; i + 1 < n; i += 2) {
+                tied[i] = i < 2 ? size : static_cast<float>(random.below(5)) * 0.5f;
+                tied[i + 1] = -tied[i];
+            }
+            expect_instance_norm(tied);
         }
     }
 }
 
-TEST(InstanceNorm, DegenerateInputs) {
-    EXPECT_EQ(instance_norm({123.5f}, 3, 0.25f), Floats{0.25f});
-    EXPECT_EQ(instance_norm(Floats(7, 0.5f), 3, 0.25f), Floats(7, 0.25f));
-    Floats x = {1}, out = {-7};
-    uint32_t bytes = 99;
-    probe::Probe probe;
-    EXPECT_EQ(kelRt_instanceNorm(out.data(), x.data(), 0, 1, 1, &bytes), NNA_STATUS_OK);
-    EXPECT_EQ(bytes, 0u);
-    EXPECT_EQ(out[0], -7);
-    EXPECT_EQ(kelRt_instanceNorm(out.data(), x.data(), 1, 1, 1, &bytes), NNA_STATUS_OK);
-    EXPECT_EQ(bytes, 4u);
-    EXPECT_EQ(kelRt_instanceNorm(nullptr, x.data(), 0, 1, 1, &bytes), NNA_STATUS_NULL_POINTER);
-    EXPECT_EQ(kelRt_instanceNorm(out.data(), nullptr, 1, 1, 1, &bytes), NNA_STATUS_NULL_POINTER);
-    EXPECT_EQ(probe.messages(), (Lines{bad_address(x.data(), nullptr), bad_address(nullptr, out.data())}));
+TEST(InstanceNorm, RoundsLongSumsAfterEveryElement) {
+    // 4096 and -4096 make 2^25, to which each 1 is too small to add; a sum kept in double has them all. The
+    // other way round 4094 comes first, then two sums that are rounded to even numbers of their size.
+    Floats in = {4096, -4096};
+    for (int i = 0; i < 2047; ++i)
+        in.insert(in.end(), {1, -1});
+    expect_instance_norm(in);
+    std::rotate(in.begin(), in.begin() + 2, in.end());
+    expect_instance_norm(in);
+    expect_instance_norm({0x1p24f, 1, 1, -0x1p24f});  // both ones vanish in the mean
+    expect_instance_norm(floats::plain(100000, 1));
+    expect_instance_norm(Floats(70000, 0.1f));
+}
+
+TEST(InstanceNorm, OfNextToNoDeviation) {
+    Floats one = {123.5f};
+    EXPECT_EQ(kelRt_instanceNorm(one.data(), one.data(), 1, 3, 0.25f, nullptr), NNA_STATUS_OK);
+    EXPECT_EQ(one, Floats{0.25f});
+    for (uint32_t i = 1; i < 200; ++i)  // where the digits of epsilon show, and the root's precision
+        expect_instance_norm({static_cast<float>(i) * 0x1p-17f, static_cast<float>(i) * -0x1p-17f});
+}
+
+TEST(FeatureNorm, NormalisesWholeFramesOnly) {
+    for (uint32_t length = 0; length <= 20; ++length) {
+        const Floats mean = floats::plain(length + 1, 1), var = floats::wild(length + 1, 2);
+        for (uint32_t total = 0; total <= 40; ++total) {
+            const Floats in = floats::wild(total + 1, total);
+            Floats out(total + 1, -7), expected = out;
+            for (uint32_t i = 0; length > 0 && i < total / length * length; ++i)
+                expected[i] = (in[i] - mean[i % length]) / var[i % length];
+            EXPECT_EQ(kelRt_featurenorm(in.data(), total, mean.data(), var.data(), length, out.data()),
+                      NNA_STATUS_OK);
+            ASSERT_EQ(floats::differ_at(out, expected), out.size()) << total << " by " << length;
+        }
+    }
 }
 
 }  // namespace

@@ -26,8 +26,10 @@ INTERPOSE int gettimeofday(timeval* tv, void*) noexcept {
         ++current->gettimeofday_calls;
         if (current->at_gettimeofday)
             current->at_gettimeofday();
-        if (current->time)
+        if (current->time) {
             *tv = {current->time->seconds, static_cast<suseconds_t>(current->time->microseconds)};
+            current->time->seconds += current->time_moves;
+        }
     }
     return 0;
 }
@@ -41,9 +43,9 @@ INTERPOSE long ftell(FILE* stream) {
     return static_cast<long>(ftello(stream));
 }
 
-INTERPOSE int32_t resetTivLogFile(long, int32_t) {
+INTERPOSE int32_t resetTivLogFile(long position, int32_t max_size) {
     if (current)
-        ++current->reset_calls;
+        current->resets.emplace_back(position, max_size);
     return 0;
 }
 
@@ -77,6 +79,7 @@ Probe::Probe() : saved_level_(g_log_lvl) {
     dup2(file, STDOUT_FILENO);
     close(file);
     std::rewind(stdout);
+    std::setvbuf(stdout, nullptr, _IOFBF, BUFSIZ);  // as that of a service is, and not a terminal's
     g_log_lvl = 3;
     current = this;
 }
@@ -93,9 +96,13 @@ Probe::~Probe() {
 
 std::string Probe::text() const {
     std::fflush(stdout);
-    std::string all(static_cast<size_t>(lseek(STDOUT_FILENO, 0, SEEK_END)), '\0');
+    std::string all(written(), '\0');
     EXPECT_EQ(pread(STDOUT_FILENO, all.data(), all.size(), 0), static_cast<ssize_t>(all.size()));
     return all;
+}
+
+size_t Probe::written() const {
+    return static_cast<size_t>(lseek(STDOUT_FILENO, 0, SEEK_END));
 }
 
 void Probe::clear() {

@@ -38,15 +38,17 @@ class Probe {
     std::vector<Record> records() const;  // its lines; a line that is not a record fails the test
     std::vector<std::string> messages() const;
     void clear();
+    size_t written() const;  // bytes of standard output that have left the stream's buffer
 
     std::vector<AndroidRecord> android;
     int gettimeofday_calls = 0;
     int ftell_calls = 0;
-    int reset_calls = 0;
-    std::function<void()> at_gettimeofday;  // called whenever the library asks for the time
-    std::optional<Time> time;               // what gettimeofday says; the real time if empty
-    std::optional<long> position;           // what ftell(stdout) says; the real position if empty
-    std::vector<int> profile_answers;       // what tivIsProfileEvent answers, in order; then 0
+    std::vector<std::pair<long, int32_t>> resets;  // arguments of resetTivLogFile
+    std::function<void()> at_gettimeofday;         // called whenever the library asks for the time
+    bool time_moves = false;                       // by a second an answer
+    std::optional<Time> time;                      // what gettimeofday says; the real time if empty
+    std::optional<long> position;                  // what ftell(stdout) says; the real position if empty
+    std::vector<int> profile_answers;              // what tivIsProfileEvent answers, in order; then 0
     std::vector<uint32_t> profile_questions;
 
   private:

@@ -5,10 +5,10 @@
 #include <unistd.h>
 
 #include <cstring>
-#include <memory>
 #include <optional>
 
 #include "kelRt.h"
+#include "support/heap.h"
 
 namespace {
 
@@ -30,71 +30,67 @@ namespace {
 
 class SimpleTimer : public testing::Test {
   protected:
-    ~SimpleTimer() override { monotonic.reset(); }
-
+    ~SimpleTimer() override {
+        monotonic.reset();
+        EXPECT_EQ(deinit_simple_timer(timer), 0);
+        EXPECT_EQ(heap::blocks(), blocks) << "the record is freed";
+    }
     static void at(int64_t seconds, long nanoseconds = 0) {
         monotonic = timespec{static_cast<time_t>(seconds), nanoseconds};
     }
-    struct Free {
-        void operator()(simple_timer* made) const { EXPECT_EQ(deinit_simple_timer(made), 0); }
-    };
-    std::unique_ptr<simple_timer, Free> owner{init_simple_timer()};
-    simple_timer* const timer = owner.get();
-
     void expect_statistics(uint32_t samples, uint64_t avg, uint64_t max, uint64_t min) const {
         EXPECT_EQ(simple_timer_getSamples(timer), samples);
         EXPECT_EQ(simple_timer_getAvg(timer), avg);
         EXPECT_EQ(simple_timer_getMax(timer), max);
         EXPECT_EQ(simple_timer_getMin(timer), min);
     }
+
+    const size_t blocks = heap::blocks();
+    simple_timer* const timer = init_simple_timer();
 };
+
+uint64_t start(simple_timer* timer) {
+    return static_cast<uint64_t>(simple_timer_start(timer));
+}
+uint64_t elapsed(simple_timer* timer) {
+    return simple_timer_get_elapsed_time(timer);
+}
+uint64_t set_99(simple_timer* timer) {
+    return static_cast<uint64_t>(simple_timer_set_sample(timer, 99));
+}
+uint64_t clear(simple_timer* timer) {
+    simple_timer_clear(timer);
+    return 0;
+}
+constexpr auto stop = simple_timer_stop, end_sample = simple_timer_end_sample, end = simple_timer_end;
 
 TEST_F(SimpleTimer, AddsUpLapsIntoSamples) {
     expect_statistics(0, 0, 0, 0);
-    at(10, 500);
-    EXPECT_EQ(simple_timer_stop(timer), 0u) << "not running";
-    EXPECT_EQ(simple_timer_start(timer), 0);
-    at(10, 7500);
-    EXPECT_EQ(simple_timer_get_elapsed_time(timer), 7u);
-    EXPECT_EQ(simple_timer_stop(timer), 7u);
-    EXPECT_EQ(simple_timer_stop(timer), 0u) << "no longer running";
-    EXPECT_EQ(simple_timer_get_elapsed_time(timer), 0u);
-    at(20);
-    EXPECT_EQ(simple_timer_start(timer), 0);
-    at(30);
-    EXPECT_EQ(simple_timer_start(timer), 0) << "starts over; the ten seconds are lost";
-    at(31);
-    EXPECT_EQ(simple_timer_stop(timer), 1000000u);
-    EXPECT_EQ(simple_timer_end_sample(timer), 1000007u);
-    expect_statistics(1, 1000007, 1000007, 1000007);
-    EXPECT_EQ(simple_timer_end_sample(timer), 0u) << "the next sample starts empty";
-    expect_statistics(2, 500004, 1000007, 0);
-}
-
-TEST_F(SimpleTimer, EndTakesARunningLapAndEndSampleDropsIt) {
-    at(1);
-    simple_timer_start(timer);
-    at(3);
-    EXPECT_EQ(simple_timer_end(timer), 2000000u);
-    EXPECT_EQ(simple_timer_end(timer), 0u);
-    at(5);
-    simple_timer_start(timer);
-    at(6);
-    simple_timer_stop(timer);
-    simple_timer_start(timer);
-    at(10);
-    EXPECT_EQ(simple_timer_end_sample(timer), 1000000u);
-    EXPECT_EQ(simple_timer_stop(timer), 0u) << "the lap ended with the sample";
-    simple_timer_start(timer);
-    at(11);
-    EXPECT_EQ(simple_timer_set_sample(timer, 99), 0);
-    EXPECT_EQ(simple_timer_getMax(timer), 2000000u);
-    EXPECT_EQ(simple_timer_end(timer), 1000000u) << "a number handed in leaves the lap alone";
-    simple_timer_start(timer);
-    simple_timer_clear(timer);
-    expect_statistics(0, 0, 0, 0);
-    at(12);
-    EXPECT_EQ(simple_timer_end(timer), 0u);
+    const struct {
+        int64_t milliseconds;
+        uint64_t (*call)(simple_timer*);
+        uint64_t result;  // in microseconds
+    } steps[] = {
+        {10, stop, 0},  // not running
+        {10, start, 0},   {17, elapsed, 7000},    {17, stop, 7000},
+        {18, stop, 0},                                                  // no longer running
+        {18, elapsed, 0}, {20, start, 0},         {30, start, 0},       // starts over; ten are lost
+        {31, stop, 1000}, {31, end_sample, 8000}, {32, end_sample, 0},  // the next sample starts empty
+        {40, start, 0},   {43, end, 3000},                              // takes the running lap,
+        {44, end, 0},     {50, start, 0},         {51, stop, 1000},
+        {51, start, 0},   {60, end_sample, 1000},  // which this one drops
+        {61, stop, 0},    {70, start, 0},         {72, stop, 2000},
+        {72, start, 0},   {73, set_99, 0},  // leaves the open sample and the lap alone
+        {75, end, 5000},  {80, start, 0},         {81, stop, 1000},
+        {81, start, 0},   {82, clear, 0},  // drops both
+        {83, end, 0},
+    };
+    for (const auto& step : steps) {
+        SCOPED_TRACE(step.milliseconds);
+        at(1, step.milliseconds * 1000000);
+        EXPECT_EQ(step.call(timer), step.result);
+    }
+    expect_statistics(1, 0, 0, 0);  // those of before are gone with the clearing
 }
 
 TEST_F(SimpleTimer, ElapsedTimeWrapsAndTruncatesByField) {
@@ -116,6 +112,8 @@ TEST_F(SimpleTimer, ElapsedTimeWrapsAndTruncatesByField) {
         {-k31, 1000, k31 - 1, 2000, -999999},
         {0, 5, 0, 1005, 1},  // running, as the nanoseconds say
         {0, 0, 9, 0, 0},     // the one instant at which a start does not run
+        // The record keeps 32 bits of the seconds, also where the clock has more.
+        {(int64_t{1} << 32) + 5, 0, (int64_t{3} << 32) + 7, 0, 2000000},
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(testing::Message() << c.from_seconds << "." << c.from_nanoseconds << " to "
@@ -125,12 +123,6 @@ TEST_F(SimpleTimer, ElapsedTimeWrapsAndTruncatesByField) {
         at(c.to_seconds, c.to_nanoseconds);
         EXPECT_EQ(simple_timer_get_elapsed_time(timer), static_cast<uint64_t>(c.elapsed));
         EXPECT_EQ(simple_timer_stop(timer), static_cast<uint64_t>(c.elapsed));
-    }
-    if (sizeof(time_t) > 4) {
-        at((int64_t{1} << 32) + 5);
-        simple_timer_start(timer);
-        at((int64_t{3} << 32) + 7);
-        EXPECT_EQ(simple_timer_stop(timer), 2000000u) << "the record keeps 32 bits of the seconds";
     }
 }
 
@@ -143,7 +135,7 @@ TEST_F(SimpleTimer, Statistics) {
     uint32_t count = 0;
     for (const auto& step : steps) {
         SCOPED_TRACE(count);
-        EXPECT_EQ(simple_timer_set_sample(timer, step.sample), 0);
+        simple_timer_set_sample(timer, step.sample);
         expect_statistics(++count, step.avg, step.max, step.min);
     }
     simple_timer_clear(timer);
@@ -152,9 +144,9 @@ TEST_F(SimpleTimer, Statistics) {
     expect_statistics(2, 0, UINT64_MAX, UINT64_MAX);
     simple_timer_set_sample(timer, uint64_t{1} << 63);
     expect_statistics(3, static_cast<uint64_t>(INT64_MIN / 3), UINT64_MAX, uint64_t{1} << 63);
-}
 
-TEST_F(SimpleTimer, TheCountWrapsWithoutDividingByIt) {
+    // The count wraps, and nothing is divided by it.
+    simple_timer_clear(timer);
     simple_timer_set_sample(timer, 40);
     const uint32_t most = UINT32_MAX;
     std::memcpy(reinterpret_cast<char*>(timer) + 32, &most, 4);  // behind max, min, avg and start
@@ -164,20 +156,18 @@ TEST_F(SimpleTimer, TheCountWrapsWithoutDividingByIt) {
 }
 
 TEST_F(SimpleTimer, TakesNullEverywhereWithoutReadingTheClock) {
+    heap::fail_allocation(1);
+    EXPECT_EQ(init_simple_timer(), nullptr);
     at(1);
     clock_readings = 0;
     EXPECT_EQ(deinit_simple_timer(nullptr), -1);
     EXPECT_EQ(simple_timer_start(nullptr), -1);
     EXPECT_EQ(simple_timer_set_sample(nullptr, 1), -1);
-    EXPECT_EQ(simple_timer_stop(nullptr), 0u);
-    EXPECT_EQ(simple_timer_get_elapsed_time(nullptr), 0u);
-    EXPECT_EQ(simple_timer_end_sample(nullptr), 0u);
-    EXPECT_EQ(simple_timer_end(nullptr), 0u);
+    for (const auto number : {stop, elapsed, end_sample, end, clear})
+        EXPECT_EQ(number(nullptr), 0u);
     EXPECT_EQ(simple_timer_getSamples(nullptr), 0u);
-    EXPECT_EQ(simple_timer_getAvg(nullptr), 0u);
-    EXPECT_EQ(simple_timer_getMax(nullptr), 0u);
-    EXPECT_EQ(simple_timer_getMin(nullptr), 0u);
-    simple_timer_clear(nullptr);
+    for (const auto statistic : {simple_timer_getAvg, simple_timer_getMax, simple_timer_getMin})
+        EXPECT_EQ(statistic(nullptr), 0u);
     EXPECT_EQ(clock_readings, 0);
 }
 

@@ -4,9 +4,9 @@
 #pragma once
 
 #include <cstdint>
-#include <functional>
 #include <optional>
 #include <string>
+#include <unordered_map>
 #include <vector>
 
 #include "kelRt.h"
@@ -19,6 +19,7 @@ struct Memory {
     std::string name;
     bool on_cpu = false;  // a CPU buffer rather than accelerator memory
     npy::Array initial;
+    bool written = false;  // by a context so far: its initial bytes are not what the next one finds
 };
 
 struct Sram {
@@ -32,15 +33,25 @@ struct Context {
     std::vector<KelRtContextArg> args;
     int32_t num_args = 0;
     uint32_t target = KEL_RT_TARGET_CPU;
+    const Operator* op = nullptr;  // whose arguments have been checked; null: unchecked
+
+    // The operator's own arguments.
+    std::span<const KelRtContextArg> own() const { return std::span(args).subspan(kFirstArgument); }
 };
 
 struct Job {
+    std::string file;              // empty: from the shell
     std::vector<Memory> memories;  // indexed by memory id
+    std::unordered_map<std::string, uint32_t> memory_ids;
+    uint64_t bytes = 0;  // of all memories and the SRAM
     std::optional<Sram> sram;
     std::vector<Context> contexts;
     std::vector<uint32_t> outputs;  // memory ids
     bool sram_is_output = false;
 
+    // Both say whether everything fits into the simulated accelerator.
+    [[nodiscard]] bool add_memory(Memory memory);
+    [[nodiscard]] bool add_sram(Sram added);
     std::optional<uint32_t> find_memory(const std::string& name) const;
 };
 
@@ -49,6 +60,7 @@ inline constexpr const char* kSramName = "sram";
 
 // Bytes of all memories together; the simulated accelerator's capacity.
 inline constexpr uint64_t kMaxBytes = uint64_t{512} << 20;
+inline constexpr const char* kTooMuch = "the memories take more than 512 MiB together";
 
 // The largest memory id that a context may name; the driver's buffer table reaches so far.
 inline constexpr uint32_t kMaxMemoryId = 0xFFFFF;
@@ -56,15 +68,8 @@ inline constexpr uint32_t kMaxMemoryId = 0xFFFFF;
 // A context of an operator and its arguments.
 Context make_context(std::string title, uint32_t operator_id, const std::vector<KelRtContextArg>& arguments);
 
-// Says what is wrong with an argument, given its position among the operator's own.
-using Complain = std::function<void(size_t argument, const std::string& what)>;
-
-// Checks arguments whose number is right against the catalogue: types, element types, extents.
-void check_arguments(const Operator& op, const std::vector<KelRtContextArg>& arguments, const Job& job,
-                     const Complain& complain);
-
-// Checks that the memories together fit into the simulated accelerator; "" or what is wrong.
-std::string check_capacity(const Job& job);
+// The values of an operator's own arguments, as the catalogue counts them.
+std::vector<uint32_t> values_of(std::span<const KelRtContextArg> arguments);
 
 // Reads a job file; paths in it are relative to it. `unchecked` admits contexts that the library refuses.
 Job read_job(const std::string& file, bool unchecked);

@@ -4,7 +4,8 @@
 #include <algorithm>
 #include <chrono>
 #include <cstring>
-#include <new>
+
+#include "endings.h"
 
 namespace tool {
 namespace {
@@ -13,9 +14,10 @@ uint32_t size_of(const npy::Array& array) {
     return static_cast<uint32_t>(array.bytes.size());
 }
 
+// Of calls that only the heap's end can make fail.
 void require(uint32_t status) {
     if (status != NNA_STATUS_OK)
-        throw std::bad_alloc();
+        end_out_of_memory();
 }
 
 // A table row for every memory id that a context names, as the library knows no bounds of it.
@@ -69,35 +71,44 @@ void Machine::reset() {
             std::memcpy(nna_sim_sram(sim_.get()), job_.sram->initial.bytes.data(),
                         job_.sram->initial.bytes.size());
     }
-    nna_sim_clear_calls(sim_.get());
 }
 
 Machine::Result Machine::execute(const Context& context) {
     // The library reads as many records as the operator has, whatever num_args says.
-    std::vector<KelRtContextArg> args = context.args;
-    args.resize(std::max<size_t>(args.size(), 32));
+    args_ = context.args;
+    args_.resize(std::max<size_t>(args_.size(), 32));
     // Both SRAM operators make the same platform call; which way it moves is the platform's business.
-    const bool to_sram = (args[1].value & 0xFF) == 18;
+    const bool to_sram = (args_[1].value & 0xFF) == 18;
     nna_sim_set_sram_direction(sim_.get(), to_sram ? NNA_SIM_MEMORY_TO_SRAM : NNA_SIM_SRAM_TO_MEMORY);
 
     KelRtContext record{};
-    record.args = args.data();
+    record.args = args_.data();
     record.num_args = context.num_args;
     record.target = context.target;
 
     using Clock = std::chrono::steady_clock;
     const Clock::time_point start = Clock::now();
     const uint32_t status = kelRt_executeContext(&instance_, context.null ? nullptr : &record);
-    return {status, std::chrono::duration<double, std::micro>(Clock::now() - start).count()};
+    const double microseconds = std::chrono::duration<double, std::micro>(Clock::now() - start).count();
+    nna_sim_clear_calls(sim_.get());
+    return {status, microseconds, instance_.out_shift};
 }
 
 npy::Array Machine::read(uint32_t memory_id) {
-    const Memory& memory = job_.memories[memory_id];
-    npy::Array array = memory.initial;
-    require(memory.on_cpu
-                ? tivNnaCpuMemRead(&instance_, memory_id, 0, array.bytes.data(), size_of(array))
-                : nna_sim_device_read(sim_.get(), memory_id, 0, array.bytes.data(), size_of(array)));
+    npy::Array array = job_.memories[memory_id].initial;
+    read_bytes(memory_id, 0, array.bytes.data(), size_of(array));
     return array;
+}
+
+float Machine::read_float(const KelRtContextArg& argument) {
+    float value;
+    read_bytes(argument.value, argument.offset, &value, sizeof value);
+    return value;
+}
+
+void Machine::read_bytes(uint32_t memory_id, uint32_t offset, void* to, uint32_t size) {
+    require(job_.memories[memory_id].on_cpu ? tivNnaCpuMemRead(&instance_, memory_id, offset, to, size)
+                                            : nna_sim_device_read(sim_.get(), memory_id, offset, to, size));
 }
 
 npy::Array Machine::read_sram() {

@@ -24,12 +24,15 @@ class Machine {
     struct Result {
         uint32_t status;
         double microseconds;  // of the library alone
+        uint8_t out_shift;    // of the instance afterwards
     };
     Result execute(const Context& context);
 
     // What a memory holds now: the device image or the CPU buffer.
     npy::Array read(uint32_t memory_id);
     npy::Array read_sram();
+    // What the next context would find as the float at the start of an operand.
+    float read_float(const KelRtContextArg& argument);
 
     uint64_t synced_bytes(uint32_t direction) const { return nna_sim_synced_bytes(sim_.get(), direction); }
 
@@ -38,10 +41,13 @@ class Machine {
         void operator()(NnaSim* sim) const { nna_sim_destroy(sim); }
     };
 
+    void read_bytes(uint32_t memory_id, uint32_t offset, void* to, uint32_t size);
+
     const Job& job_;
     std::unique_ptr<NnaSim, Destroy> sim_;
     std::vector<CpuBufferEntry> cpu_buffers_;
     KelRtInstance instance_{};
+    std::vector<KelRtContextArg> args_;  // of the context under way
 };
 
 }  // namespace tool

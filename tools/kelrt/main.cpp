@@ -1,12 +1,17 @@
 // kelrt: runs operator contexts on the simulated accelerator, from a job file or straight from the shell.
 // Exit codes: 0 all well, 1 a context failed, 2 bad input.
+#include <fcntl.h>
+#include <unistd.h>
+
 #include <CLI/CLI.hpp>
 #include <cstdio>
 #include <map>
 #include <new>
 
 #include "bad_input.h"
+#include "endings.h"
 #include "kelRt_platform.h"
+#include "number.h"
 #include "operators.h"
 #include "run.h"
 #include "shell.h"
@@ -36,20 +41,39 @@ Each argument of the operator (see kelrt ops NAME) is given as NAME=VALUE:
   float     0.5 or its bits, 0x3F000000
   memory    FILE.npy, f4[2,3] (zeros), f4[3]:1,2,3, @NAME (the memory of that argument), none (no memory);
             with NAME.offset=BYTES and NAME.kind=cpu
-Outputs can be left out; they are then as large as they must be. SRAM operators take sram= and sram.base= too.
+Some shells want words with brackets quoted: 'a=f4[3]:1,2,3'.
+Outputs can be left out; they are then what the operator makes. SRAM operators take sram= and sram.base= too.
 )";
 
+// Plainly a number, or nothing.
+std::optional<uint32_t> read_repetitions(const std::string& text) {
+    const auto number = tool::read_number(text);
+    const int64_t* const integer = number ? std::get_if<int64_t>(&*number) : nullptr;
+    if (!integer || *integer < 1 || *integer > 1000000)
+        return std::nullopt;
+    return static_cast<uint32_t>(*integer);
+}
+
 void add_run_options(CLI::App& command, tool::RunOptions& options, std::string& log) {
-    command.add_option("--out", options.out,
-                       "folder for the outputs, as NAME.npy; without it they are only shown");
+    const auto not_empty = [](const std::string& text) {
+        return text.empty() ? "the name of a folder is wanted" : "";
+    };
+    command
+        .add_option("--out", options.out,
+                    "folder for the outputs, as NAME.npy; without it they are only shown")
+        ->check(not_empty);
     command.add_option("--log", log, "the library's log: debug, warn, err or off")
         ->check(CLI::IsMember({"debug", "warn", "err", "off"}))
         ->capture_default_str();
+    const auto repetitions = [](const std::string& text) {
+        return read_repetitions(text) ? "" : "'" + text + "' is not a whole number from 1 to 1000000";
+    };
     command
-        .add_option("--repeat", options.repeat,
-                    "how often, from the same start; shows least and median times")
-        ->check(CLI::Range(1u, 1000000u))
-        ->capture_default_str();
+        .add_option_function<std::string>(
+            "--repeat", [&](const std::string& text) { options.repeat = *read_repetitions(text); },
+            "how often, from the same start; shows least and median times")
+        ->check(repetitions)
+        ->default_str("1");
 }
 
 int list_operators(const std::string& name) {
@@ -67,6 +91,7 @@ int list_operators(const std::string& name) {
 int run(int argc, char** argv) {
     CLI::App app("Runs operator contexts on the simulated accelerator.", "kelrt");
     app.require_subcommand(1);
+    app.set_version_flag("--version", "kelrt " KELRT_VERSION);
 
     std::string operator_name, job_file, log = "warn";
     std::vector<std::string> words;
@@ -79,7 +104,8 @@ int run(int argc, char** argv) {
     CLI::App* const run = app.add_subcommand("run", "Run the contexts of a job file");
     run->add_option("JOB", job_file, "job file, JSON")->required();
     add_run_options(*run, options, log);
-    run->add_flag("--unchecked", unchecked, "admit contexts that the library refuses, to replay them");
+    run->add_flag("--unchecked", unchecked, "admit contexts that the library refuses, to replay them")
+        ->disable_flag_override();
     run->footer(kRunHelp);
 
     CLI::App* const op = app.add_subcommand("op", "Run one operator on arguments given here");
@@ -92,6 +118,10 @@ int run(int argc, char** argv) {
         app.parse(argc, argv);
     } catch (const CLI::Success& help) {
         return app.exit(help);
+    } catch (const CLI::ArgumentMismatch& error) {
+        const std::string what = error.what();
+        const bool of_flag = what.find("flag override") != what.npos;
+        throw tool::BadInput(of_flag ? "--unchecked takes no value" : what);
     } catch (const CLI::ParseError& error) {
         if (app.get_subcommands().empty() && !app.remaining().empty())
             throw tool::BadInput(app.remaining().front() +
@@ -106,24 +136,36 @@ int run(int argc, char** argv) {
         options);
 }
 
-int complain(std::string sentence) {
-    // One line, whatever names the input is made of.
-    for (char& c : sentence) {
-        if (static_cast<unsigned char>(c) < ' ')
-            c = '?';
-    }
-    std::fprintf(stderr, "kelrt: %s\n", sentence.c_str());
+int complain(const char* sentence) {
+    std::fprintf(stderr, "kelrt: %s\n", sentence);
     return 2;
+}
+
+// A file that is opened must not become standard output because that was closed. Writing to what stands in
+// for it fails, as it should.
+void occupy_standard_files() {
+    for (int fd = 0; fd < 3; ++fd) {
+        if (::fcntl(fd, F_GETFD) < 0)
+            ::open("/dev/null", O_RDONLY);
+    }
 }
 
 }  // namespace
 
 int main(int argc, char** argv) {
+    occupy_standard_files();
+    tool::prepare_endings();
+    // A line at a time, so that what was reported is not lost with a context that crashes.
+    std::setvbuf(stdout, nullptr, _IOLBF, BUFSIZ);
     try {
-        return run(argc, argv);
+        const int code = run(argc, argv);
+        tool::finish_report();
+        return code;
     } catch (const tool::BadInput& error) {
         return complain(error.what());
-    } catch (const std::bad_alloc&) {
-        return complain("the job does not fit into this machine's memory");
+    } catch (const std::bad_alloc&) {  // a size that no heap has
+        tool::end_out_of_memory();
+    } catch (const std::length_error&) {
+        tool::end_out_of_memory();
     }
 }

@@ -1,83 +1,114 @@
-// The nineteen operators, each argument with its meaning and the bytes it covers. Functions of a context's
-// values name an argument by its position, as the context does.
+// The nineteen operators, each argument with its meaning and the bytes that are touched.
 #include "operators.h"
 
 #include <algorithm>
 #include <charconv>
 
+#include "float_index.h"
+#include "im2col_geometry.h"
+
 namespace tool {
 namespace {
 
-// ---- how much of a memory an operator touches ----
+// ---- footprints ----
+// 64 bits hold every product here: of two 32-bit numbers, of a third that is small, or of two dimensions of
+// 31 bits and an element's 4 bytes.
 
-double dimension(uint32_t value) {
-    return std::max(0.0, static_cast<double>(static_cast<int32_t>(value)));
+constexpr uint32_t kFloatBits = UINT32_MAX;  // the format conversion's total bits of a float
+
+uint64_t dimension(uint32_t value) {
+    return value > INT32_MAX ? 0 : value;
 }
 
 uint32_t quotient(uint32_t dividend, uint32_t divisor) {
     return divisor == 0 ? 0 : dividend / divisor;
 }
 
+Tensor vector_of(Tensor::Type type, uint64_t count, size_t like = 0) {
+    return {type, 1, {count}, like};
+}
+
+Tensor matrix_of(Tensor::Type type, uint64_t rows, uint64_t cols, size_t like = 0) {
+    return {type, 2, {rows, cols}, like};
+}
+
 // `times` floats for each unit of argument `position`.
 template <int position, int times = 1>
-double floats(Values v) {
-    return 4.0 * times * v[position];
+Range floats(Values v) {
+    return {0, uint64_t{4} * times * v[position]};
 }
 
 template <int position>
-double bytes(Values v) {
-    return v[position];
+Tensor float_vector(Values v) {
+    return vector_of(Tensor::Type::Float, v[position]);
 }
 
-double one_float(Values) {
-    return 4;
+template <int position>
+Range bytes(Values v) {
+    return {0, v[position]};
 }
 
-double format_size(uint32_t total_bits) {
-    return total_bits == UINT32_MAX ? 4 : total_bits / 8;
+Range one_float(Values) {
+    return {0, 4};
 }
 
-double copy_output(Values v) {
-    return format_size(v[3]) * v[10];
+uint64_t format_size(uint32_t total_bits) {
+    return total_bits == kFloatBits ? 4 : total_bits / 8;
 }
 
-// With an automatic scale the input is also read as floats, whatever its format.
-double copy_input(Values v) {
-    const bool automatic = v[3] == 8 && v[5] == 0;
-    // The automatic scale looks at the input as floats, four of them at least.
-    return std::max(format_size(v[7]) * v[10], automatic ? 4.0 * std::max(v[10], 4u) : 0.0);
+// Float to float copies nothing, but an output it has all the same.
+Tensor converted(Values v) {
+    const bool is_float = v[3] == kFloatBits;
+    return is_float ? vector_of(Tensor::Type::Float, v[10])
+                    : vector_of(Tensor::Type::Int8, format_size(v[3]) * v[10]);
+}
+
+// The automatic scale looks at the input as floats, whatever its format, four of them at least.
+Range copy_input(Values v) {
+    const uint64_t converts = format_size(v[7]) * v[10];
+    const uint64_t measures = chooses_scale(2, v) ? uint64_t{4} * std::max(v[10], 4u) : 0;
+    return {0, std::max(converts, measures)};
+}
+
+bool copies_in_place(Values v) {
+    return format_size(v[3]) == format_size(v[7]) || (v[3] == 8 && v[7] != kFloatBits);
 }
 
 // Whole lines only.
-double hw32(uint32_t size, uint32_t line) {
-    return 4.0 * quotient(size, line) * line;
+uint64_t whole_lines(uint32_t size, uint32_t line) {
+    return uint64_t{4} * quotient(size, line) * line;
 }
 
-double hw32_fixed(Values v) {
-    return hw32(v[4], 8);
+Range hw32_fixed(Values v) {
+    return {0, whole_lines(v[4], 8)};
 }
 
-double hw32_param(Values v) {
-    return hw32(v[4], v[6]);
+Range hw32_param(Values v) {
+    return {0, whole_lines(v[4], v[6])};
 }
 
-// im2col: positions of the receptive field along one axis, in the operator's own wrapping arithmetic.
-uint32_t positions(uint32_t size, uint32_t kernel, uint32_t stride) {
-    return quotient(size - kernel, stride) + 1;
+// Linear elements are of the input's type; byte planes are not elements.
+template <Range (*lines)(Values)>
+Tensor hw32(Values v) {
+    return vector_of(v[5] == 0 ? Tensor::Type::Like : Tensor::Type::Bytes, lines(v).end, 3);
 }
 
-double patches_input(Values v) {
-    const double rows = positions(v[4], v[7], v[10]), cols = positions(v[5], v[8], v[11]);
-    if (rows * cols * v[6] * v[7] * v[8] == 0)
-        return 0;
-    const double last_row = (rows - 1) * v[10] + v[7] - 1.0, last_col = (cols - 1) * v[11] + v[8] - 1.0;
-    return (last_row * v[5] + last_col + 1) * v[6];
+uint64_t row_bytes(Values v) {
+    return uint64_t{4} * v[5];
 }
 
-double patches_output(Values v) {
-    const double patch = 1.0 * v[6] * v[7] * v[8];
-    const double padded = static_cast<double>(static_cast<uint64_t>((patch + 7) / 8)) * 8;
-    return 1.0 * positions(v[4], v[7], v[10]) * positions(v[5], v[8], v[11]) * padded;
+kelrt::Im2colGeometry geometry(Values v) {
+    return {v[4], v[5], v[6], v[7], v[8], v[10], v[11]};
+}
+
+Range patches_input(Values v) {
+    return {0, geometry(v).input_bytes()};
+}
+
+Tensor patches(Values v) {
+    const kelrt::Im2colGeometry g = geometry(v);
+    const uint64_t count = uint64_t{g.out_height()} * g.out_width();
+    return matrix_of(Tensor::Type::Like, count, count ? g.output_bytes() / count : 0, 2);
 }
 
 struct Matmul {
@@ -85,79 +116,110 @@ struct Matmul {
         : m(dimension(v[v[9] ? 6 : 5])),
           k(dimension(v[v[9] ? 5 : 6])),
           n(dimension(v[v[10] ? 7 : 8])),
-          stored_a(v[9] ? dimension(v[5]) * dimension(v[6]) : 0),
-          stored_b(v[10] ? dimension(v[7]) * dimension(v[8]) : 0) {}
-    double m, k, n, stored_a, stored_b;
+          transposed_a(v[9] ? moved(dimension(v[5]), dimension(v[6])) : 0),
+          transposed_b(v[10] ? moved(dimension(v[7]), dimension(v[8])) : 0) {}
+
+    // Transposing a single row or column moves nothing.
+    static uint64_t moved(uint64_t rows, uint64_t cols) { return rows > 1 && cols > 1 ? 4 * rows * cols : 0; }
+
+    uint64_t m, k, n;
+    uint64_t transposed_a, transposed_b;  // bytes
 };
 
-double matmul_a(Values v) {
+Range matmul_a(Values v) {
     const Matmul p(v);
-    return 4 * std::max(p.n > 0 ? p.m * p.k : 0, p.stored_a);
+    return {0, std::max(p.n > 0 ? 4 * p.m * p.k : 0, p.transposed_a)};
 }
 
-double matmul_b(Values v) {
+Range transposed_a(Values v) {
+    return {0, Matmul(v).transposed_a};
+}
+
+Range matmul_b(Values v) {
     const Matmul p(v);
-    return 4 * std::max(p.m > 0 ? p.k * p.n : 0, p.stored_b);
+    return {0, std::max(p.m > 0 ? 4 * p.k * p.n : 0, p.transposed_b)};
 }
 
-double matmul_c(Values v) {
+Range transposed_b(Values v) {
+    return {0, Matmul(v).transposed_b};
+}
+
+Tensor product(Values v) {
     const Matmul p(v);
-    return 4 * p.m * p.n;
+    return matrix_of(Tensor::Type::Float, p.m, p.n);
 }
 
-double frames(Values v) {
-    const uint32_t total = v[3], length = v[6];
-    return length > total ? 0 : 4.0 * quotient(total, length) * length;
+// A frame of nothing, or of more than there is, makes no frames.
+Tensor normalised_frames(Values v) {
+    return matrix_of(Tensor::Type::Float, quotient(v[3], v[6]), v[6]);
 }
 
-double frame(Values v) {
-    return v[6] > v[3] ? 0 : 4.0 * v[6];
+Range frames(Values v) {
+    return {0, normalised_frames(v).bytes()};
 }
 
-// The parameters of gate block k start k*n bytes, not floats, after the vector's start.
-double gate_parameters(Values v) {
-    const bool cifg = v[6], normalise = v[13], per_gate = v[14];
-    if (!normalise)
-        return 0;
-    return (per_gate ? 7.0 : cifg ? 13.0 : 16.0) * v[5];
+Range frame(Values v) {
+    return {0, quotient(v[3], v[6]) > 0 ? uint64_t{4} * v[6] : 0};
 }
 
-double cell_parameters(Values v) {
-    return v[15] ? 4.0 * v[5] : 0;
+// The parameters of gate block k start k*n bytes, not floats, after the vector's start, and the coupled input
+// gate, block 0, has none. Either each block has n of them, or all blocks are normalised as one.
+Range gate_parameters(Values v) {
+    const bool cifg = v[6], activation = v[7], normalise = v[13], per_gate = v[14];
+    if (!normalise || !activation)
+        return {};
+    const uint64_t n = v[5], first = cifg ? 1 : 0;
+    return {first * n, per_gate ? (3 + 4) * n : (first + 4 * (4 - first)) * n};
 }
 
-double sram_rows(Values v) {
-    return 1.0 * v[3] * v[5];
+Range cell_parameters(Values v) {
+    return {0, v[15] ? uint64_t{4} * v[5] : 0};
+}
+
+Tensor split_off(Values v) {
+    return vector_of(Tensor::Type::Like, v[4], 2);
+}
+
+Range sram_rows(Values v) {
+    return {0, uint64_t{v[3]} * v[5]};
+}
+
+Tensor sram_tensor(Values v) {
+    return matrix_of(Tensor::Type::Like, v[5], v[3], 0);
 }
 
 // ---- the arguments ----
 
-using Extent = double (*)(Values);
+using Touch = Range (*)(Values);
 
-constexpr Argument in(const char* name, Extent extent, const char* meaning,
-                      Element element = Element::Float) {
-    return {name, KEL_RT_ARG_MEM, Use::Input, element, meaning, extent};
+constexpr Argument in(const char* name, Touch reads, const char* meaning, Element element = Element::Float) {
+    return {name, KEL_RT_ARG_MEM, Use::Input, element, meaning, reads};
 }
 
-constexpr Argument out(const char* name, Extent extent, const char* meaning,
+// An input whose memory the operator writes as well.
+constexpr Argument scratch(const char* name, Touch reads, Touch writes, const char* meaning) {
+    return {name, KEL_RT_ARG_MEM, Use::Input, Element::Float, meaning, reads, writes};
+}
+
+constexpr Argument out(const char* name, Tensor (*tensor)(Values), const char* meaning,
                        Element element = Element::Float) {
-    return {name, KEL_RT_ARG_MEM, Use::Output, element, meaning, extent};
+    return {name, KEL_RT_ARG_MEM, Use::Output, element, meaning, nullptr, nullptr, tensor};
 }
 
-constexpr Argument inout(const char* name, Extent extent, const char* meaning) {
-    return {name, KEL_RT_ARG_MEM, Use::InOut, Element::Float, meaning, extent};
+constexpr Argument inout(const char* name, Touch touches, const char* meaning) {
+    return {name, KEL_RT_ARG_MEM, Use::InOut, Element::Float, meaning, touches, touches};
 }
 
 constexpr Argument val(const char* name, const char* meaning) {
-    return {name, KEL_RT_ARG_VAL, Use::Scalar, Element::None, meaning, nullptr};
+    return {name, KEL_RT_ARG_VAL, Use::Scalar, Element::None, meaning};
 }
 
 constexpr Argument flt(const char* name, const char* meaning) {
-    return {name, KEL_RT_ARG_FLT, Use::Scalar, Element::None, meaning, nullptr};
+    return {name, KEL_RT_ARG_FLT, Use::Scalar, Element::None, meaning};
 }
 
 constexpr Argument kInstanceNorm[] = {
-    out("out", floats<4>, "n values, normalised, scaled and shifted"),
+    out("out", float_vector<4>, "n values, normalised, scaled and shifted"),
     in("in", floats<4>, "n values of one channel"),
     val("n", "number of values"),
     flt("scale", "multiplies every normalised value"),
@@ -165,14 +227,15 @@ constexpr Argument kInstanceNorm[] = {
 };
 
 constexpr Argument kLstm[] = {
-    out("out", floats<5>, "new hidden state, n values"),
+    out("out", float_vector<5>, "new hidden state, n values"),
     inout("cell", floats<5>, "cell state, n values: the previous one, replaced by the new one"),
-    in("gates", floats<5, 4>, "4 blocks of n values: input, forget, output gate, cell candidate; scratch"),
+    scratch("gates", floats<5, 4>, floats<5, 4>,
+            "4 blocks of n values: input, forget, output gate, cell candidate; left changed"),
     val("n", "number of units"),
 };
 
 constexpr Argument kCopyFormat[] = {
-    out("out", copy_output, "the converted values", Element::Any),
+    out("out", converted, "the converted values", Element::Any),
     val("out_tot_bits", "8 for fixed point, 0xFFFFFFFF for float"),
     val("out_frac_bits", "fraction bits of the output"),
     val("out_scale", "integer scale of the output; 0 chooses one from the data's range"),
@@ -184,33 +247,35 @@ constexpr Argument kCopyFormat[] = {
 };
 
 constexpr Argument kOneHot[] = {
-    out("out", floats<4>, "depth values"),      in("index", one_float, "the index, as one float"),
-    val("depth", "number of values"),           flt("on_value", "what the element at the index becomes"),
+    out("out", float_vector<4>, "depth values"),
+    in("index", one_float, "the index, as one float"),
+    val("depth", "number of values"),
+    flt("on_value", "what the element at the index becomes"),
     flt("off_value", "what the others become"),
 };
 
 constexpr Argument kAdd[] = {
-    out("out", floats<5>, "n sums; may be a or b"),
+    out("out", float_vector<5>, "n sums; may be a or b"),
     in("a", floats<5>, "n values"),
     in("b", floats<5>, "n values"),
     val("n", "number of values"),
 };
 
 constexpr Argument kSoftmax[] = {
-    out("out", floats<4>, "n probabilities; may be in"),
+    out("out", float_vector<4>, "n probabilities; may be in"),
     in("in", floats<4>, "n values, exponentiated as they stand"),
     val("n", "number of values"),
 };
 
 constexpr Argument kHw32[] = {
-    out("out", hw32_fixed, "the converted elements", Element::Any),
+    out("out", hw32<hw32_fixed>, "the converted elements", Element::Any),
     in("in", hw32_fixed, "the elements to convert", Element::Any),
     val("size", "number of 32-bit elements"),
     val("dir", "0: hw32 to linear; otherwise linear to hw32"),
 };
 
 constexpr Argument kHw32Param[] = {
-    out("out", hw32_param, "the converted elements", Element::Any),
+    out("out", hw32<hw32_param>, "the converted elements", Element::Any),
     in("in", hw32_param, "the elements to convert", Element::Any),
     val("size", "number of 32-bit elements"),
     val("dir", "0: hw32 to linear; otherwise linear to hw32"),
@@ -218,15 +283,15 @@ constexpr Argument kHw32Param[] = {
 };
 
 constexpr Argument kEmbedding[] = {
-    out("out", floats<5>, "the row at the index"),
-    in("index", one_float, "the index, as one float; not checked against the table"),
+    out("out", float_vector<5>, "the row at the index"),
+    in("index", one_float, "the index, as one float; not checked against the table by the library"),
     in("table", floats<5>, "rows of w values"),
     val("w", "values of one row"),
 };
 
 constexpr Argument kIm2col[] = {
     in("in", patches_input, "rows x cols x channels bytes", Element::Byte),
-    out("out", patches_output, "a patch per position, each padded with zeros to a multiple of 8 bytes",
+    out("out", patches, "a patch per position, each padded with zeros to a multiple of 8 bytes",
         Element::Byte),
     val("rows", "height of the input"),
     val("cols", "width of the input"),
@@ -239,9 +304,9 @@ constexpr Argument kIm2col[] = {
 };
 
 constexpr Argument kMatmul[] = {
-    in("a", matmul_a, "aRows x aCols values"),
-    in("b", matmul_b, "bRows x bCols values"),
-    out("c", matmul_c, "the product"),
+    scratch("a", matmul_a, transposed_a, "aRows x aCols values; left transposed by transA"),
+    scratch("b", matmul_b, transposed_b, "bRows x bCols values; left transposed by transB"),
+    out("c", product, "the product"),
     val("aRows", "rows of a as stored"),
     val("aCols", "columns of a as stored"),
     val("bRows", "rows of b as stored"),
@@ -256,19 +321,20 @@ constexpr Argument kFeatureNorm[] = {
     in("mean", frame, "featureLen values that are subtracted"),
     in("var", frame, "featureLen values that are divided by, as they stand"),
     val("featureLen", "values of one frame"),
-    out("out", frames, "the normalised frames"),
+    out("out", normalised_frames, "the normalised frames"),
 };
 
 constexpr Argument kSplit[] = {
     in("in", bytes<4>, "nbytes bytes", Element::Any),
-    out("out", bytes<4>, "their copy; must not overlap in", Element::Any),
+    out("out", split_off, "their copy; must not overlap in", Element::Any),
     val("nbytes", "number of bytes"),
 };
 
 constexpr Argument kLstmNorm[] = {
-    out("out", floats<5>, "new hidden state, n values"),
+    out("out", float_vector<5>, "new hidden state, n values"),
     inout("cell", floats<5>, "cell state, n values: the previous one, replaced by the new one"),
-    in("gates", floats<5, 4>, "4 blocks of n values: input, forget, output gate, cell candidate; scratch"),
+    scratch("gates", floats<5, 4>, floats<5, 4>,
+            "4 blocks of n values: input, forget, output gate, cell candidate; left changed"),
     val("n", "number of units"),
     val("cifg", "not 0: the input gate is 1 - forget gate"),
     val("cpuActivation", "not 0: the gates are raw and activated here"),
@@ -288,7 +354,7 @@ constexpr Argument kSramGet[] = {
     val("row_size", "bytes of one row"),
     val("sram_stride", "bytes between rows in SRAM"),
     val("rows", "number of rows"),
-    out("mem", sram_rows, "the rows, packed; its offset is ignored and its cache not maintained",
+    out("mem", sram_tensor, "the rows, packed; its offset is ignored and its cache not maintained",
         Element::Any),
 };
 
@@ -301,26 +367,38 @@ constexpr Argument kSramSet[] = {
        Element::Any),
 };
 
+// ---- what may lie over what, and what is looked up ----
+
+constexpr Overlap kOutIsIn[] = {{Overlap::AsSame, 2, 3}};
+constexpr Overlap kOutIsAOrB[] = {{Overlap::AsSame, 2, 3}, {Overlap::AsSame, 2, 4}};
+constexpr Overlap kConvertsInPlace[] = {{Overlap::AsSame, 2, 6, copies_in_place}};
+constexpr Overlap kPatches[] = {{Overlap::Anyhow, 2, 3}};
+constexpr Overlap kProduct[] = {{Overlap::Anyhow, 2, 3}, {Overlap::Anyhow, 2, 4}, {Overlap::Anyhow, 3, 4}};
+constexpr Overlap kNormalisesInPlace[] = {{Overlap::AsSame, 2, 7}};
+constexpr Lookup kRows[] = {{3, 4, row_bytes}};
+
 constexpr Operator kCatalogue[KEL_RT_NUM_OPS] = {
-    {"cpu_onnx_inst_norm", "normalises one channel to zero mean and unit deviation", kInstanceNorm},
+    {"cpu_onnx_inst_norm", "normalises one channel to zero mean and unit deviation", kInstanceNorm, kOutIsIn},
     {"cpu_lstm_states", "LSTM state update, gates already activated", kLstm},
-    {"cpu_copy_fmt_conv", "copies values from one number format to another", kCopyFormat},
+    {"cpu_copy_fmt_conv", "copies values from one number format to another", kCopyFormat, kConvertsInPlace},
     {"cpu_onnx_onehot", "sets one element on and the others off", kOneHot},
-    {"cpu_ewop_add", "adds two vectors element by element", kAdd},
-    {"cpu_softmax", "exponentials divided by their sum", kSoftmax},
-    {"cpu_hw32_fmt_conv", "converts between hw32 lines of 8 elements and linear layout", kHw32},
-    {"cpu_embedding", "copies one row of a table", kEmbedding},
+    {"cpu_ewop_add", "adds two vectors element by element", kAdd, kOutIsAOrB},
+    {"cpu_softmax", "exponentials divided by their sum", kSoftmax, kOutIsIn},
+    {"cpu_hw32_fmt_conv", "converts between hw32 lines of 8 elements and linear layout", kHw32, kOutIsIn},
+    {"cpu_embedding", "copies one row of a table", kEmbedding, {}, kRows},
     {"cpu_lstm_states_cpu_activation", "LSTM state update that activates the gates", kLstm},
-    {"cpu_im2col", "lays convolution patches out one after another", kIm2col},
-    {"cpu_matmul", "multiplies two matrices, either of which may be transposed", kMatmul},
-    {"cpu_featurenorm", "subtracts a mean from and divides every frame of features", kFeatureNorm},
+    {"cpu_im2col", "lays convolution patches out one after another", kIm2col, kPatches},
+    {"cpu_matmul", "multiplies two matrices, either of which may be transposed", kMatmul, kProduct},
+    {"cpu_featurenorm", "subtracts a mean from and divides every frame of features", kFeatureNorm,
+     kNormalisesInPlace},
     {"cpu_split", "copies bytes", kSplit},
     {"cpu_lstm_states_cifg", "LSTM state update with coupled gates, already activated", kLstm},
     {"cpu_lstm_states_cpu_activation_cifg", "LSTM state update with coupled gates that activates them",
      kLstm},
     {"cpu_lstm_states_norm_cifg_cpuactv", "LSTM state update that normalises gates and cell state",
      kLstmNorm},
-    {"cpu_hw32_fmt_conv_param", "converts between hw32 lines of any length and linear layout", kHw32Param},
+    {"cpu_hw32_fmt_conv_param", "converts between hw32 lines of any length and linear layout", kHw32Param,
+     kOutIsIn},
     {"nna_sram_get", "copies rows from SRAM to a memory", kSramGet},
     {"nna_sram_set", "copies rows from a memory to SRAM", kSramSet},
 };
@@ -328,6 +406,29 @@ constexpr Operator kCatalogue[KEL_RT_NUM_OPS] = {
 }  // namespace
 
 constexpr std::span<const Operator, KEL_RT_NUM_OPS> kOperators(kCatalogue);
+
+uint64_t Tensor::bytes() const {
+    return shape[0] * (rank == 2 ? shape[1] : 1) * (type == Type::Float ? 4 : 1);
+}
+
+Range Argument::written_range(Values values) const {
+    return tensor ? Range{0, tensor(values).bytes()} : writes ? writes(values) : Range{};
+}
+
+bool Operator::may_overlap(size_t a, size_t b, Overlap::Kind kind, Values values) const {
+    return std::any_of(overlaps.begin(), overlaps.end(), [&](const Overlap& overlap) {
+        const bool meant = (overlap.a == a && overlap.b == b) || (overlap.a == b && overlap.b == a);
+        return meant && overlap.kind == kind && (!overlap.holds || overlap.holds(values));
+    });
+}
+
+bool chooses_scale(uint32_t operator_id, Values values) {
+    return operator_id == 2 && values[3] == 8 && values[5] == 0;
+}
+
+uint32_t row_of(float index) {
+    return kelrt::float_index(index);
+}
 
 const Operator* find_operator(std::string_view name_or_id) {
     for (const Operator& op : kOperators) {

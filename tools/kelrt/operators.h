@@ -1,7 +1,9 @@
-// The catalogue: what each operator is called, what its arguments are called and mean, and how many bytes of
-// each memory it touches.
+// The catalogue: what each operator is called, what its arguments are called and mean, and its footprint:
+// which bytes of which operand it reads and writes, what may lie over what, and what is looked up where.
 #pragma once
 
+#include <array>
+#include <cstddef>
 #include <cstdint>
 #include <span>
 #include <string_view>
@@ -16,7 +18,25 @@ enum class Use : uint8_t { Scalar, Input, Output, InOut };
 enum class Element : uint8_t { None, Float, Byte, Any };
 
 // The values of a context's arguments, by position in the context: arguments of the operator start at 2.
+// Everything in the catalogue names an argument so.
 using Values = std::span<const uint32_t>;
+inline constexpr size_t kFirstArgument = 2;
+
+// Bytes of an operand, counted from its start.
+struct Range {
+    uint64_t begin = 0, end = 0;
+};
+
+// What an output holds: its shape, and its type. Where the operator moves elements without knowing their
+// type, it is that of another operand (`like`), and the last axis counts bytes.
+struct Tensor {
+    enum class Type : uint8_t { Float, Int8, Bytes, Like } type = Type::Bytes;
+    size_t rank = 1;
+    std::array<uint64_t, 2> shape{};
+    size_t like = 0;  // position of that operand; 0 is the SRAM
+
+    uint64_t bytes() const;
+};
 
 struct Argument {
     const char* name;
@@ -24,18 +44,43 @@ struct Argument {
     Use use;
     Element element;
     const char* meaning;
-    // Bytes that the operator reads or writes from the operand's start; a double, because no product of
-    // 32-bit numbers wraps in it.
-    double (*extent)(Values values);
+    // Of memories. Null is no byte, and an output writes all of its tensor. An input that is written is
+    // scratch: what it holds afterwards is not published.
+    Range (*reads)(Values values) = nullptr;
+    Range (*writes)(Values values) = nullptr;
+    Tensor (*tensor)(Values values) = nullptr;  // of outputs
 
     bool is_memory() const { return type == KEL_RT_ARG_MEM; }
-    bool is_written() const { return use == Use::Output || use == Use::InOut; }
+    bool is_published() const { return use == Use::Output || use == Use::InOut; }
+    Range read_range(Values values) const { return reads ? reads(values) : Range{}; }
+    Range written_range(Values values) const;
+};
+
+// Two operands may lie over each other although one of them is written: anyhow, or as the same array from the
+// same byte on.
+struct Overlap {
+    enum Kind : uint8_t { Anyhow, AsSame } kind;
+    uint8_t a, b;
+    // Null, or says for which values it holds.
+    bool (*holds)(Values values) = nullptr;
+};
+
+// The operator takes a row of `table` by the float at the start of `index`, and does not check it.
+struct Lookup {
+    uint8_t index, table;
+    uint64_t (*row_bytes)(Values values);
 };
 
 struct Operator {
     const char* name;
     const char* summary;
     std::span<const Argument> arguments;  // without arguments 0 and 1
+    std::span<const Overlap> overlaps = {};
+    std::span<const Lookup> lookups = {};
+
+    const Argument& at(size_t position) const { return arguments[position - kFirstArgument]; }
+    // Whether two of its arguments, one of which is written, may lie over each other.
+    bool may_overlap(size_t a, size_t b, Overlap::Kind kind, Values values) const;
 };
 
 // Indexed by operator id.
@@ -51,6 +96,12 @@ inline uint32_t id_of(const Operator& op) {
 inline bool moves_sram(uint32_t operator_id) {
     return operator_id == 17 || operator_id == 18;
 }
+
+// Whether a context lets the operator choose the scale of its output, which it tells as a shift.
+bool chooses_scale(uint32_t operator_id, Values values);
+
+// The row that an index stands for, as the operators that look one up take it.
+uint32_t row_of(float index);
 
 // "integer", "memory" or "float".
 const char* name_of(KelRtArgType type);

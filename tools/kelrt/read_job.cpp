@@ -2,8 +2,9 @@
 #include <algorithm>
 #include <cctype>
 #include <filesystem>
-#include <string_view>
+#include <set>
 
+#include "check.h"
 #include "job.h"
 #include "json.h"
 
@@ -19,17 +20,19 @@ bool is_name(const std::string& text) {
 
 class JobReader {
   public:
-    JobReader(const std::string& file, bool unchecked) : file_(file), unchecked_(unchecked) {}
+    JobReader(const std::string& file, bool unchecked) : unchecked_(unchecked) { job_.file = file; }
 
     Job read() {
-        const Json::Value document = read_json(file_);
-        const Json root(document, file_, "");
+        const Document document(job_.file);
+        const Json root = document.root();
         root.allow_only({"memories", "sram", "contexts", "outputs"});
         if (const auto memories = root.find("memories"))
             read_memories(*memories);
         if (const auto sram = root.find("sram"))
             read_sram(*sram);
-        for (const Json& context : root.at("contexts").elements())
+        const std::vector<Json> contexts = root.at("contexts").elements();
+        job_.contexts.reserve(contexts.size());
+        for (const Json& context : contexts)
             job_.contexts.push_back(read_context(context));
         if (const auto outputs = root.find("outputs"))
             read_outputs(*outputs);
@@ -40,7 +43,8 @@ class JobReader {
     // ---- memories ----
 
     void read_memories(const Json& memories) {
-        for (const auto& [name, memory] : memories.members()) {
+        for (const auto& [key, memory] : memories.members()) {
+            const std::string name(key);
             if (!is_name(name) || name == kSramName)
                 memory.fail(
                     "a memory's name is made of letters, digits, '_', '-' and '.', begins with none of the "
@@ -52,24 +56,18 @@ class JobReader {
                 if (!on_cpu && kind->text() != "accelerator")
                     kind->fail("the kind of a memory is \"accelerator\" or \"cpu\"");
             }
-            job_.memories.push_back({name, on_cpu, read_array(memory)});
-            require_capacity(memory);
+            if (!job_.add_memory({name, on_cpu, read_array(memory)}))
+                memory.fail(kTooMuch);
         }
     }
 
     void read_sram(const Json& sram) {
         sram.allow_only({"base", "npy", "dtype", "shape", "values"});
         const auto base = sram.find("base");
-        job_.sram = Sram{base ? base->u32() : 0, read_array(sram)};
+        if (!job_.add_sram({base ? base->u32() : 0, read_array(sram)}))
+            sram.fail(kTooMuch);
         if (uint64_t{job_.sram->base} + job_.sram->initial.bytes.size() > uint64_t{1} << 32)
             sram.fail("the SRAM reaches beyond 32-bit addresses");
-        require_capacity(sram);
-    }
-
-    void require_capacity(const Json& where) const {
-        const std::string wrong = check_capacity(job_);
-        if (!wrong.empty())
-            where.fail(wrong);
     }
 
     // From a file, whose type and shape may be stated as well; or from type and shape, zeros or values.
@@ -95,8 +93,11 @@ class JobReader {
     }
 
     npy::Array load(const Json& file) const {
+        const std::string name = file.text();
+        if (name.find('\0') != std::string::npos)
+            file.fail("a file's name has no NUL in it");
         try {
-            return npy::load((std::filesystem::path(file_).parent_path() / file.text()).string());
+            return npy::load((std::filesystem::path(job_.file).parent_path() / name).string(), kMaxBytes);
         } catch (const npy::Error& error) {
             file.fail(error.what());
         }
@@ -184,13 +185,13 @@ class JobReader {
                            " arguments (" + names + ") and " + std::to_string(arguments.size()) +
                            " are given");
         }
-        check_arguments(op, arguments, job_, [&](size_t i, const std::string& what) {
-            elements[i].fail(what);
-            return;
-        });
+        check_arguments(op, arguments, job_,
+                        [&](size_t i, const std::string& what) { elements[i].fail(what); });
         if (moves_sram(id) && !job_.sram)
             op_json.fail(std::string(op.name) + " needs the job to have \"sram\"");
-        return make_context(title, id, arguments);
+        Context context = make_context(title, id, arguments);
+        context.op = &op;
+        return context;
     }
 
     // A name of the catalogue or an id; unchecked, an id of any size.
@@ -258,21 +259,22 @@ class JobReader {
     // ---- outputs ----
 
     void read_outputs(const Json& outputs) {
+        std::set<std::string> names;
         for (const Json& output : outputs.elements()) {
-            if (job_.sram && output.text() == kSramName) {
+            const std::string name = output.text();
+            if (!names.insert(name).second)
+                output.fail("memory " + name + " is there twice");
+            if (job_.sram && name == kSramName) {
                 job_.sram_is_output = true;
                 continue;
             }
-            const auto id = job_.find_memory(output.text());
+            const auto id = job_.find_memory(name);
             if (!id)
-                output.fail("there is no memory " + output.text());
-            if (std::find(job_.outputs.begin(), job_.outputs.end(), *id) != job_.outputs.end())
-                output.fail("memory " + output.text() + " is there twice");
+                output.fail("there is no memory " + name);
             job_.outputs.push_back(*id);
         }
     }
 
-    const std::string file_;
     const bool unchecked_;
     Job job_;
 };

@@ -2,23 +2,25 @@
 // with their time stamp in brackets.
 #include "run.h"
 
-#include <algorithm>
 #include <cstdio>
-#include <filesystem>
+#include <optional>
 
 #include "bad_input.h"
+#include "check.h"
+#include "endings.h"
 #include "machine.h"
+#include "output_files.h"
 #include "status.h"
+#include "times.h"
+#include "warnings.h"
 
 namespace tool {
 namespace {
 
 constexpr size_t kShownElements = 64;
 
-struct Output {
-    std::string name;
-    npy::Array array;
-};
+// Measurements that are kept for the median, 256 MiB of them.
+constexpr uint64_t kMaxSamples = uint64_t{1} << 26;
 
 template <typename T>
 void print_values(const npy::Array& array, const char* format) {
@@ -26,10 +28,8 @@ void print_values(const npy::Array& array, const char* format) {
         std::printf(format, value);
 }
 
-void print_output(const Output& output) {
-    const npy::Array& array = output.array;
-    std::printf("%s  %s %s", output.name.c_str(), npy::name_of(array.type),
-                npy::to_string(array.shape).c_str());
+void print_array(const std::string& name, const npy::Array& array, bool is_written) {
+    std::printf("%s  %s %s", name.c_str(), npy::name_of(array.type), npy::to_string(array.shape).c_str());
     if (array.count() <= kShownElements) {
         std::printf(" =");
         switch (array.type) {
@@ -49,41 +49,11 @@ void print_output(const Output& output) {
                 print_values<uint8_t>(array, " %d");
                 break;
         }
+    } else if (!is_written) {
+        std::printf("  too many to show; --out DIR writes them");
     }
     std::printf("\n");
 }
-
-// All files are whole before the first one appears.
-void write_outputs(const std::vector<Output>& outputs, const std::string& folder) {
-    std::error_code error;
-    std::filesystem::create_directories(folder, error);
-    if (error)
-        throw BadInput("--out " + folder + ": cannot make the folder (" + error.message() + ")");
-    std::vector<npy::StagedFile> files;
-    try {
-        for (const Output& output : outputs)
-            files.emplace_back((std::filesystem::path(folder) / (output.name + ".npy")).string(),
-                               npy::format(output.array));
-        for (npy::StagedFile& file : files)
-            file.commit();
-    } catch (const npy::Error& wrong) {
-        throw BadInput(std::string("--out ") + wrong.what());
-    }
-}
-
-// Sorted samples of one context, in microseconds.
-struct Times {
-    std::vector<double> samples;
-
-    void add(double microseconds) {
-        samples.insert(std::upper_bound(samples.begin(), samples.end(), microseconds), microseconds);
-    }
-    double least() const { return samples.front(); }
-    double median() const {
-        const size_t half = samples.size() / 2;
-        return samples.size() % 2 ? samples[half] : (samples[half - 1] + samples[half]) / 2;
-    }
-};
 
 class Run {
   public:
@@ -95,12 +65,12 @@ class Run {
             machine_.reset();
             double total = 0;
             for (size_t i = 0; i < job_.contexts.size(); ++i) {
-                const auto [status, microseconds] = machine_.execute(job_.contexts[i]);
-                times_[i].add(microseconds);
-                total += microseconds;
-                if (status != NNA_STATUS_OK || turn == options_.repeat)
-                    print_context(i, status);
-                if (status != NNA_STATUS_OK) {
+                const Machine::Result result = execute(i);
+                times_[i].add(result.microseconds);
+                total += result.microseconds;
+                if (result.status != NNA_STATUS_OK || turn == options_.repeat)
+                    print_context(i, result);
+                if (result.status != NNA_STATUS_OK) {
                     std::printf("stopped: context %zu failed, no outputs\n", i);
                     return 1;
                 }
@@ -113,22 +83,43 @@ class Run {
     }
 
   private:
-    void print_times(const Times& times) const {
-        if (options_.repeat == 1)
+    static void print_times(Times& times) {
+        if (times.count() == 1)
             std::printf("%.1f us", times.least());
         else
-            std::printf("least %.1f us, median %.1f us of %zu", times.least(), times.median(),
-                        times.samples.size());
+            std::printf("least %.1f us, median %.1f us of %zu", times.least(), times.median(), times.count());
     }
 
-    void print_context(size_t index, uint32_t status) const {
-        std::printf("%3zu  %-36s %s  ", index, job_.contexts[index].title.c_str(),
-                    status_text(status).c_str());
+    Machine::Result execute(size_t index) {
+        const Context& context = job_.contexts[index];
+        if (context.op)
+            refuse_lookups(index, *context.op, context.own());
+        const CrashSite site(job_.file, index, context.title);
+        return machine_.execute(context);
+    }
+
+    // Now that the contexts before it have made the indices.
+    void refuse_lookups(size_t index, const Operator& op, std::span<const KelRtContextArg> arguments) {
+        check_lookups(
+            op, arguments, job_,
+            [&](size_t i, const std::string& what) {
+                throw BadInput(job_.file + ": contexts[" + std::to_string(index) + "].args[" +
+                               std::to_string(i) + "]: " + what);
+            },
+            [&](const KelRtContextArg& argument) { return machine_.read_float(argument); });
+    }
+
+    void print_context(size_t index, const Machine::Result& result) {
+        const Context& context = job_.contexts[index];
+        std::printf("%3zu  %-36s %s  ", index, context.title.c_str(), status_text(result.status).c_str());
         print_times(times_[index]);
+        if (context.op && result.status == NNA_STATUS_OK &&
+            chooses_scale(id_of(*context.op), values_of(context.own())))
+            std::printf("  scale %u", 1u << result.out_shift);
         std::printf("\n");
     }
 
-    void print_total() const {
+    void print_total() {
         std::printf("total  %zu context%s  ", job_.contexts.size(), job_.contexts.size() == 1 ? "" : "s");
         print_times(total_);
         std::printf("  caches carried %llu bytes to the CPU, %llu bytes back\n",
@@ -136,16 +127,27 @@ class Run {
                     static_cast<unsigned long long>(machine_.synced_bytes(0) / options_.repeat));
     }
 
+    // The files appear last, when nothing can fail any more but their appearance.
     void bring_out() {
-        std::vector<Output> outputs;
-        for (const uint32_t id : job_.outputs)
-            outputs.push_back({job_.memories[id].name, machine_.read(id)});
-        if (job_.sram_is_output)
-            outputs.push_back({kSramName, machine_.read_sram()});
-        if (!options_.out.empty())
-            write_outputs(outputs, options_.out);
-        for (const Output& output : outputs)
-            print_output(output);
+        std::optional<npy::OutputFiles> files;
+        try {
+            if (!options_.out.empty())
+                files.emplace(options_.out);
+            const auto bring = [&](const std::string& name, const npy::Array& array) {
+                print_array(name, array, files.has_value());
+                if (files)
+                    files->add(name, array);
+            };
+            for (const uint32_t id : job_.outputs)
+                bring(job_.memories[id].name, machine_.read(id));
+            if (job_.sram_is_output)
+                bring(kSramName, machine_.read_sram());
+            finish_report();
+            if (files)
+                files->commit();
+        } catch (const npy::Error& wrong) {
+            throw BadInput(std::string("--out ") + wrong.what());
+        }
     }
 
     const Job& job_;
@@ -158,6 +160,12 @@ class Run {
 }  // namespace
 
 int run_job(const Job& job, const RunOptions& options) {
+    if ((job.contexts.size() + 1) * uint64_t{options.repeat} > kMaxSamples)
+        throw BadInput("--repeat " + std::to_string(options.repeat) + ": that often, " +
+                       std::to_string(job.contexts.size()) + " contexts are more than " +
+                       std::to_string(kMaxSamples) + " measurements");
+    for (const std::string& warning : warnings_of(job))
+        std::fprintf(stderr, "kelrt: warning: %s\n", warning.c_str());
     return Run(job, options).run();
 }
 

@@ -5,6 +5,7 @@
 #include <map>
 
 #include "bad_input.h"
+#include "check.h"
 #include "number.h"
 
 namespace tool {
@@ -75,7 +76,7 @@ npy::Array read_array(const std::string& text, const std::string& where) {
     if (read_inline(text, where, array))
         return array;
     try {
-        return npy::load(text);
+        return npy::load(text, kMaxBytes);
     } catch (const npy::Error& error) {
         fail(where, error.what());
     }
@@ -90,6 +91,8 @@ class Words {
 
     Job job() {
         arguments_.resize(op_.arguments.size());
+        if (moves_sram(id_of(op_)))
+            add_sram();
         for (size_t i = 0; i < arguments_.size(); ++i) {
             if (!op_.arguments[i].is_memory())
                 arguments_[i] = scalar(op_.arguments[i]);
@@ -110,15 +113,14 @@ class Words {
         });
         for (size_t i = 0; i < arguments_.size(); ++i) {
             const uint32_t id = arguments_[i].value;
-            if (op_.arguments[i].is_written() && id != KEL_RT_NO_MEMORY_ID &&
+            if (op_.arguments[i].is_published() && id != KEL_RT_NO_MEMORY_ID &&
                 std::find(job_.outputs.begin(), job_.outputs.end(), id) == job_.outputs.end())
                 job_.outputs.push_back(id);
         }
-        if (moves_sram(id_of(op_)))
-            add_sram();
-        if (const std::string wrong = check_capacity(job_); !wrong.empty())
-            fail(op_.name, wrong);
+        if (job_.bytes > kMaxBytes)
+            fail(op_.name, kTooMuch);
         job_.contexts.push_back(make_context(op_.name, id_of(op_), arguments_));
+        job_.contexts.back().op = &op_;
         return std::move(job_);
     }
 
@@ -186,10 +188,9 @@ class Words {
         if (!has(name)) {
             if (argument.use != Use::Output)
                 fail(name, std::string("the argument of ") + op_.name + " is missing");
-            const npy::Type type = argument.element == Element::Float ? npy::Type::f4 : npy::Type::u1;
-            job_.memories.push_back({name, on_cpu, {type, {0}, {}}});
+            hold({name, on_cpu, {}});
         } else if (value(name) != "none" && !value(name).starts_with('@')) {
-            job_.memories.push_back({name, on_cpu, read_array(value(name), spelling(name))});
+            hold({name, on_cpu, read_array(value(name), spelling(name))});
         } else if (has(kind)) {
             fail(spelling(kind), name + " has no memory of its own");
         }
@@ -208,25 +209,62 @@ class Words {
         return arg;
     }
 
-    // Makes an output that was left out as large as the operator needs it.
-    void size_output(size_t index) {
-        std::vector<uint32_t> values(2);
-        for (const KelRtContextArg& argument : arguments_)
-            values.push_back(argument.value);
-        npy::Array& array = job_.memories[arguments_[index].value].initial;
-        const double size = op_.arguments[index].extent(values) + arguments_[index].offset;
-        if (size > static_cast<double>(kMaxBytes))
-            fail(op_.arguments[index].name, "the operator needs more than 512 MiB for it");
+    void hold(Memory memory) {
+        const std::string name = memory.name;
+        if (!job_.add_memory(std::move(memory)))
+            fail(spelling(name), kTooMuch);
+    }
+
+    // Makes an output that was left out as the operator fills it; behind an offset it is a plain vector.
+    void size_output(size_t i) {
+        const Tensor tensor = op_.arguments[i].tensor(values_of(arguments_));
+        const uint64_t offset = moves_sram(id_of(op_)) ? 0 : arguments_[i].offset, size = tensor.bytes();
+        if (size > kMaxBytes || offset + size > kMaxBytes)
+            fail(op_.arguments[i].name, "the operator needs more than 512 MiB for it");
+
+        npy::Array& array = job_.memories[arguments_[i].value].initial;
+        array.type = type_of(tensor);
+        array.shape.assign(tensor.shape.begin(), tensor.shape.begin() + tensor.rank);
         const size_t element = npy::size_of(array.type);
-        array.shape = {(static_cast<size_t>(size) + element - 1) / element};
-        array.bytes.resize(array.shape[0] * element);
+        if (tensor.type == Tensor::Type::Like)
+            array.shape.back() /= element;
+        if (offset != 0)
+            array.shape = {static_cast<size_t>(offset + size + element - 1) / element};
+        array.bytes.resize(npy::byte_size(array.type, array.shape));
+        job_.bytes += array.bytes.size();
+    }
+
+    npy::Type type_of(const Tensor& tensor) const {
+        switch (tensor.type) {
+            case Tensor::Type::Float:
+                return npy::Type::f4;
+            case Tensor::Type::Int8:
+                return npy::Type::i1;
+            case Tensor::Type::Bytes:
+                return npy::Type::u1;
+            case Tensor::Type::Like:
+                break;
+        }
+        if (tensor.like == 0)
+            return whole_elements(job_.sram->initial.type, 0, tensor);
+        const KelRtContextArg& like = arguments_[tensor.like - kFirstArgument];
+        if (like.value == KEL_RT_NO_MEMORY_ID)
+            return npy::Type::u1;
+        return whole_elements(job_.memories[like.value].initial.type, like.offset, tensor);
+    }
+
+    // `type`, or raw bytes where it is cut into.
+    static npy::Type whole_elements(npy::Type type, uint32_t offset, const Tensor& tensor) {
+        const size_t size = npy::size_of(type);
+        return tensor.shape[tensor.rank - 1] % size || offset % size ? npy::Type::u1 : type;
     }
 
     void add_sram() {
         if (!has(kSramName))
             fail(op_.name, "the SRAM is missing; it is given as sram=FILE.npy or sram=u1[64]");
-        job_.sram =
-            Sram{has("sram.base") ? u32("sram.base") : 0, read_array(value(kSramName), spelling(kSramName))};
+        if (!job_.add_sram(
+                {has("sram.base") ? u32("sram.base") : 0, read_array(value(kSramName), spelling(kSramName))}))
+            fail(spelling(kSramName), kTooMuch);
         if (uint64_t{job_.sram->base} + job_.sram->initial.bytes.size() > uint64_t{1} << 32)
             fail(spelling(kSramName), "the SRAM reaches beyond 32-bit addresses");
         job_.sram_is_output = id_of(op_) == 18;

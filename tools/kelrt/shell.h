@@ -1,4 +1,4 @@
-// One operator, straight from the shell: `kelrt op cpu_ewop_add a=x.npy b=f4[4]:1,2,3,4 n=4`.
+// One operator, straight from the shell: `kelrt op cpu_ewop_add a=x.npy 'b=f4[4]:1,2,3,4' n=4`.
 #pragma once
 
 #include <string>

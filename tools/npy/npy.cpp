@@ -7,6 +7,8 @@
 #include <limits>
 #include <optional>
 
+#include "input_file.h"
+
 namespace npy {
 namespace {
 
@@ -30,6 +32,8 @@ const TypeRow& row(Type type) {
 constexpr std::string_view kMagic = "\x93NUMPY";
 constexpr size_t kMaxRank = 32;
 constexpr size_t kHeaderAlignment = 64;
+// What version 1 can hold; version 2 was made for records.
+constexpr size_t kMaxHeader = 65535;
 
 struct Header {
     Type type;
@@ -216,43 +220,81 @@ std::string to_string(const Shape& shape) {
     return text + (shape.size() == 1 ? ",)" : ")");
 }
 
-Array parse(std::string_view contents) {
-    std::string_view rest = contents;
-    const auto take = [&rest](size_t size, const char* what) {
-        if (rest.size() < size)
-            throw Error(std::string("the file ends inside ") + what);
-        const std::string_view taken = rest.substr(0, size);
-        rest.remove_prefix(size);
-        return taken;
-    };
+namespace {
 
-    const size_t magic_size = std::min(rest.size(), kMagic.size());
-    if (rest.substr(0, magic_size) != kMagic.substr(0, magic_size))
+std::string take(const Read& from, size_t size, const char* what) {
+    std::string taken(size, '\0');
+    if (from(taken.data(), size) < size)
+        throw Error(std::string("the file ends inside ") + what);
+    return taken;
+}
+
+void check_magic(const Read& from) {
+    std::string magic(kMagic.size(), '\0');
+    magic.resize(from(magic.data(), magic.size()));
+    if (!kMagic.starts_with(magic))
         throw Error("the file is not a .npy file");
-    take(kMagic.size(), "the magic string");
+    if (magic.size() < kMagic.size())
+        throw Error("the file ends inside the magic string");
+}
 
-    const std::string_view version = take(2, "the version");
+Header read_header(const Read& from) {
+    check_magic(from);
+    const std::string version = take(from, 2, "the version");
     const int major = static_cast<uint8_t>(version[0]), minor = static_cast<uint8_t>(version[1]);
     if ((major != 1 && major != 2) || minor != 0)
         throw Error("format version " + std::to_string(major) + "." + std::to_string(minor) +
                     " is not supported, only 1.0 and 2.0");
-
-    size_t header_size = 0, shift = 0;
-    for (const char byte : take(major == 1 ? 2 : 4, "the length of the header")) {
-        header_size |= static_cast<size_t>(static_cast<uint8_t>(byte)) << shift;
+    size_t size = 0, shift = 0;
+    for (const char byte : take(from, major == 1 ? 2 : 4, "the length of the header")) {
+        size |= static_cast<size_t>(static_cast<uint8_t>(byte)) << shift;
         shift += 8;
     }
-    Header header = HeaderParser(take(header_size, "the header")).parse();
-
-    const size_t size = byte_size(header.type, header.shape);
-    if (rest.size() != size)
-        throw Error("shape " + to_string(header.shape) + " of " + name_of(header.type) + " needs " +
-                    std::to_string(size) + " bytes of elements and the file has " +
-                    std::to_string(rest.size()));
-    return {header.type, std::move(header.shape), {rest.begin(), rest.end()}};
+    if (size > kMaxHeader)
+        throw Error("the header is longer than 65535 bytes");
+    return HeaderParser(take(from, size, "the header")).parse();
 }
 
-std::string format(const Array& array) {
+// In pieces, so that a file which ends early costs no more than what it has.
+std::vector<uint8_t> read_elements(const Read& from, size_t size, const std::string& needs) {
+    constexpr size_t kPiece = 1 << 20;
+    std::vector<uint8_t> bytes;
+    while (bytes.size() < size) {
+        const size_t have = bytes.size();
+        bytes.resize(have + std::min(size - have, std::max(have, kPiece)));
+        const size_t got = from(bytes.data() + have, bytes.size() - have);
+        if (have + got < bytes.size())
+            throw Error(needs + std::to_string(have + got));
+    }
+    char more;
+    if (from(&more, 1) != 0)
+        throw Error(needs + "more");
+    return bytes;
+}
+
+}  // namespace
+
+Array read(const Read& from, size_t max_bytes) {
+    Header header = read_header(from);
+    const size_t size = byte_size(header.type, header.shape);
+    const std::string what = "shape " + to_string(header.shape) + " of " + name_of(header.type);
+    if (size > max_bytes)
+        throw Error(what + " takes more than " + std::to_string(max_bytes) + " bytes");
+    auto bytes = read_elements(
+        from, size, what + " needs " + std::to_string(size) + " bytes of elements and the file has ");
+    return {header.type, std::move(header.shape), std::move(bytes)};
+}
+
+Array load(const std::string& path, size_t max_bytes) {
+    try {
+        InputFile file(path);
+        return read([&](void* to, size_t size) { return file.read(to, size); }, max_bytes);
+    } catch (const Error& error) {
+        throw Error(path + ": " + error.what());
+    }
+}
+
+std::string header_of(const Array& array) {
     if (array.bytes.size() != byte_size(array.type, array.shape))
         throw Error("an array of shape " + to_string(array.shape) + " has " +
                     std::to_string(array.bytes.size()) + " bytes");
@@ -270,9 +312,7 @@ std::string format(const Array& array) {
     // 32 dimensions of 20 digits are far below what version 1 can hold.
     std::string contents(kMagic);
     contents += {'\1', '\0', static_cast<char>(header.size() & 0xFF), static_cast<char>(header.size() >> 8)};
-    contents += header;
-    contents.append(array.bytes.begin(), array.bytes.end());
-    return contents;
+    return contents + header;
 }
 
 }  // namespace npy

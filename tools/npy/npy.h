@@ -5,18 +5,14 @@
 #include <cstddef>
 #include <cstdint>
 #include <cstring>
-#include <stdexcept>
+#include <functional>
 #include <string>
-#include <string_view>
 #include <type_traits>
 #include <vector>
 
-namespace npy {
+#include "error.h"
 
-// What is wrong, as one sentence without a full stop. From load and save it begins with the path.
-struct Error : std::runtime_error {
-    using std::runtime_error::runtime_error;
-};
+namespace npy {
 
 enum class Type : uint8_t { f4, i4, i2, i1, u1 };
 
@@ -71,33 +67,16 @@ size_t byte_size(Type type, const Shape& shape);
 // "(2, 3)", as the file writes it.
 std::string to_string(const Shape& shape);
 
-// The array in the contents of a file.
-Array parse(std::string_view contents);
-// The contents of the file of an array.
-std::string format(const Array& array);
+// Reads on in some file: fills `to`, with fewer bytes only at its end.
+using Read = std::function<size_t(void* to, size_t size)>;
 
-// Any file, whole.
-std::string read_file(const std::string& path);
+// The array that a file holds. One with more than `max_bytes` of elements is refused before they are read,
+// and no more of a file is read than its header announces, and one byte.
+Array read(const Read& from, size_t max_bytes);
+// Complaints begin with the path.
+Array load(const std::string& path, size_t max_bytes = SIZE_MAX);
 
-Array load(const std::string& path);
-
-// A file written beside its final place. `commit` moves it there in one step; without it, nothing remains.
-// That way several files can be written and appear only once all of them are whole.
-class StagedFile {
-  public:
-    StagedFile(std::string path, std::string_view contents);
-    ~StagedFile();
-    StagedFile(StagedFile&& other) noexcept;
-    StagedFile& operator=(StagedFile&&) = delete;
-
-    void commit();
-
-  private:
-    std::string path_;
-    std::string temporary_;  // empty once moved or committed
-};
-
-// Writes the file whole or not at all.
-void save(const std::string& path, const Array& array);
+// The file of an array, up to its elements.
+std::string header_of(const Array& array);
 
 }  // namespace npy

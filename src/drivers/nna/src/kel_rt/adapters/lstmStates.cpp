@@ -1,5 +1,6 @@
 // The four operators of the LSTM state update: 2 output, 3 cell state, 4 gates, 5 number of units. All three
-// tensors are fetched, the output too, and two are published; the gates, scratch by then, are not.
+// tensors are fetched, the output too, and two are published; the gates, scratch by then, are not, unless
+// they lie in the same memory.
 #include "adapters.h"
 #include "operator_call.h"
 

@@ -15,7 +15,8 @@ uint32_t run_matmul(KelRtInstance* instance, const KelRtContext* context) {
     call.executed(kelRt_matmul(a.as<float>(), b.as<float>(), c.as<float>(), call.signed_value(5),
                                call.signed_value(6), call.signed_value(7), call.signed_value(8),
                                call.signed_value(9), call.signed_value(10)));
-    // A and B, transposed in the CPU's view, are never published: accelerator memory keeps them as they were.
+    // A and B, transposed in the CPU's view, are not published themselves. Should C lie in the same memory
+    // they go along, as publishing carries the whole of it.
     call.copyTo(c);
     call.deallocate(a);
     call.deallocate(b);

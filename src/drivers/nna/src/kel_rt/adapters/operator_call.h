@@ -56,6 +56,12 @@ class OperatorCall {
     bool failed() const { return status_ != NNA_STATUS_OK; }
     void fail(uint32_t status) { status_ = status; }
 
+    // Ends a call without handing anything back.
+    uint32_t abandon() {
+        resolved_count_ = 0;
+        return status_;
+    }
+
     uint8_t operator_id() const { return static_cast<uint8_t>(args_[1].value); }
     uint32_t value(int arg) const { return args_[arg].value; }
     uint32_t offset(int arg) const { return args_[arg].offset; }

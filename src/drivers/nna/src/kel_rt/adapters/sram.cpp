@@ -1,6 +1,7 @@
 // "nna_sram_get" and "nna_sram_set": 2 SRAM address, 3 row size, 4 SRAM stride, 5 rows, 6 the tensor. Nothing
 // is copied from or to here: SRAM transfers do no cache maintenance, in either direction, and the tensor's
-// byte offset is not looked at.
+// byte offset is not looked at. Unlike the others it hands nothing back when its tensor cannot be resolved,
+// even if the platform left a pointer.
 #include "adapters.h"
 #include "operator_call.h"
 
@@ -11,7 +12,7 @@ uint32_t run_sram(KelRtInstance* instance, const KelRtContext* context) {
     OperatorCall call(instance, context);
     const Tensor tensor = call.allocate(6);
     if (call.failed())
-        return call.status();
+        return call.abandon();
 
     const uint8_t id = call.operator_id();
     if (id != kGet && id != kSet) {

@@ -39,6 +39,20 @@ struct CallersTable {
     }
 };
 
+// A table as the steps of a polynomial take from it.
+#if defined(KELRT_LANE_TABLE)
+inline lanes::LaneTable at_hand(const SplatTable& table) {
+    return lanes::LaneTable(table.c);
+}
+#else
+inline SplatTable at_hand(const SplatTable& table) {
+    return table;
+}
+#endif
+inline CallersTable at_hand(const CallersTable& table) {
+    return table;
+}
+
 template <class F>
 F floor(F x) {  // within the range of 32-bit integers
     const F t = to_float(to_int_trunc(x));
@@ -53,7 +67,7 @@ F round_to_even(F x) {
 }
 
 template <class F>
-F reciprocal(F x) {
+[[gnu::always_inline]] inline F reciprocal(F x) {
     F r = recip_estimate(x);
     r = mul(r, recip_step(x, r));
     return mul(r, recip_step(x, r));
@@ -68,20 +82,27 @@ F inverse_sqrt(F x) {
 
 // The polynomial c0 + c4 x + c2 x^2 + c6 x^3 + c1 x^4 + c5 x^5 + c3 x^6 + c7 x^7, in this grouping.
 template <class F, class Table>
-F taylor_poly(F x, const Table& c) {
+[[gnu::always_inline]] inline F taylor_poly(F x, const Table& table) {
+    const auto c = at_hand(table);
     const auto product = [](F a, F b) {
         if constexpr (Table::loose)
             return mul_loose(a, b);
         else
             return mul(a, b);
     };
-    const F a = add(c.template at<F>(0), product(c.template at<F>(4), x));
-    const F b = add(c.template at<F>(2), product(c.template at<F>(6), x));
-    const F cc = add(c.template at<F>(1), product(c.template at<F>(5), x));
-    const F d = add(c.template at<F>(3), product(c.template at<F>(7), x));
+    const auto plus_product = [](F sum, F a, F b) {
+        if constexpr (Table::loose)
+            return mul_add_loose(sum, a, b);
+        else
+            return mul_add(sum, a, b);
+    };
+    const F a = plus_product(c.template at<F>(0), c.template at<F>(4), x);
+    const F b = plus_product(c.template at<F>(2), c.template at<F>(6), x);
+    const F cc = plus_product(c.template at<F>(1), c.template at<F>(5), x);
+    const F d = plus_product(c.template at<F>(3), c.template at<F>(7), x);
     const F x2 = product(x, x);
     const F x4 = product(x2, x2);
-    return add(add(a, product(b, x2)), product(add(cc, product(d, x2)), x4));
+    return plus_product(plus_product(a, b, x2), plus_product(cc, d, x2), x4);
 }
 
 // x towards zero, and a * 2^m for such an m, by integer steps: added into the exponent field of a. At m =
@@ -91,14 +112,14 @@ template <class F>
 typename F::Bits whole(F x) {
     return to_int_trunc(x);
 }
-template <class F>
-typename F::Bits scale_by_power(F a, typename F::Bits m) {
-    return keep(greater(m, F::Bits::splat(-127)), add_sat(bits(a), shl_sat<23>(m)));
+template <class F, class I>
+I scale_by_power(F a, I m) {
+    return keep(greater(m, I::splat(-127)), add_sat(bits(a), shl_sat<23>(m)));
 }
 
 // e^x as 2^m * e^r.
 template <class F, class Table>
-typename F::Bits exp(F x, const Table& table) {
+[[gnu::always_inline]] inline auto exp(F x, const Table& table) {
     const auto m = whole(mul_loose(x, F::splat(kInverseLn2)));
     const F r = mul_add_loose(x, to_float(m), F::splat(-kLn2));
     return scale_by_power(taylor_poly(r, table), m);
@@ -114,7 +135,7 @@ F log(typename F::Bits x, const Table& table) {
 }
 
 template <class F, class Table>
-F tanh(F x, const Table& table) {
+[[gnu::always_inline]] inline F tanh(F x, const Table& table) {
     const F y = clamp(x, -10.0f, 10.0f);
     const F e = from_bits(exp(add(y, y), table));
     const F one = F::splat(1.0f);
@@ -122,7 +143,7 @@ F tanh(F x, const Table& table) {
 }
 
 template <class F, class Table>
-F sigmoid(F x, const Table& table) {
+[[gnu::always_inline]] inline F sigmoid(F x, const Table& table) {
     const F e = from_bits(exp(neg(x), table));
     return reciprocal(add(e, F::splat(1.0f)));
 }

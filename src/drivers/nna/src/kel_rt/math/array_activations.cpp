@@ -9,9 +9,6 @@
 
 namespace kelrt::KELRT_SET {
 
-// Below this magnitude neither e^x nor 1 / (e^x + 1) leaves the normal numbers.
-static constexpr Below kOrdinaryExp = {0x42AC0000};  // 86
-
 uint32_t kelRt_tanhf(const float* in, float* out, uint32_t n) {
     const uint32_t tail = for_blocks(
         n, kNumbers, [](auto x) { return tanh(x, kExpTable); }, out, in);

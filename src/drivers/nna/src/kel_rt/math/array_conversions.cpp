@@ -1,15 +1,23 @@
 // Array kernels: scaled conversions between integers and floats. Blocks of eight where the integers are
 // narrower than a lane, of four otherwise.
+#include <bit>
+
 #include "element.h"
 #include "instruction_sets.h"
 #include "math/blocks.h"
 
 namespace kelrt::KELRT_SET {
 
+// Whether the magnitude of a scale is zero or a normal number below the limit. By its bits: comparing a
+// subnormal traps where the caller has asked for that.
+static If ordinary(float scale, float limit) {
+    const uint32_t magnitude = std::bit_cast<uint32_t>(scale) & 0x7FFFFFFF;
+    return {magnitude == 0 || (magnitude >= 0x00800000 && magnitude < std::bit_cast<uint32_t>(limit))};
+}
+
 // An integer is zero or at least 1, so by a scale that is zero or normal it becomes nothing subnormal.
 static If integers_stay_ordinary(float scale) {
-    const float magnitude = __builtin_fabsf(scale);
-    return {scale == 0.0f || (magnitude >= 0x1p-126f && magnitude < __builtin_inff())};
+    return ordinary(scale, __builtin_inff());
 }
 
 static auto scaled_by(float scale) {
@@ -47,12 +55,10 @@ uint32_t kelRt_scaleI32toF(const int32_t* in, float* out, float scale, uint32_t 
 
 uint32_t kelRt_scaleFtoI8(const float* in, int8_t* out, float scale, uint32_t n) {
     // Whatever is flushed, or not, is nearer to zero than 1 and becomes 0.
-    const If ordinary = {__builtin_fabsf(scale) < 0x1p126f &&
-                         !(scale != 0.0f && __builtin_fabsf(scale) < 0x1p-126f)};
     const auto converted = [=](auto x) {
         return to_int_trunc(clamp(mul(x, decltype(x)::splat(scale)), -128.0f, 127.0f));
     };
-    const uint32_t tail = for_blocks<8>(n, ordinary, converted, out, in);
+    const uint32_t tail = for_blocks<8>(n, ordinary(scale, 0x1p126f), converted, out, in);
     const f32* x = in;
     for (size_t i = tail; i < n; ++i) {
         const float v = x[i] * scale;

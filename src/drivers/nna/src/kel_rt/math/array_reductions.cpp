@@ -3,34 +3,24 @@
 // part flushes.
 #include "element.h"
 #include "instruction_sets.h"
-#include "math/lanes.h"
+#include "math/lane_extremes.h"
+#include "math/lane_sums.h"
 #include "math/vector_part.h"
 
 namespace kelrt::KELRT_SET {
-
-using lanes::Floats;
-
-// Accumulates step(acc, i) from zero over the whole blocks, and adds the four lanes up.
-template <class Step>
-static float sum_blocks(uint32_t whole, Step step) {
-    float lanes[4] = {};
-    float* result = lanes;
-    if (whole > 0)
-        vector_part([=] {
-            Floats acc = Floats::splat(0.0f);
-            for (size_t i = 0; i < whole; i += 4)
-                acc = step(acc, i);
-            store(result, acc);
-        });
-    return (((0.0f + lanes[0]) + lanes[1]) + lanes[2]) + lanes[3];
-}
 
 uint32_t kelRt_sumf(const float* in, float* out, uint32_t n) {
     const f32* x = in;
     f32* total = out;
     const uint32_t whole = n - n % 4;
     *total = 0.0f;
-    *total = sum_blocks(whole, [=](Floats acc, size_t i) { return add(acc, Floats::load(x + i)); });
+    LaneSums sums;
+    if (whole > 0)
+        vector_part([=, &sums] {
+            sums.add_blocks(in, whole);
+            sums.finish();
+        });
+    *total = sums.total();
     for (size_t i = whole; i < n; ++i)
         *total += x[i];
     return NNA_STATUS_OK;
@@ -41,10 +31,13 @@ uint32_t kelRt_variancef(const float* in, float mean, float* out, uint32_t n) {
     f32* total = out;
     const uint32_t whole = n - n % 4;
     *total = 0.0f;
-    *total = sum_blocks(whole, [=](Floats acc, size_t i) {
-        const Floats d = sub(Floats::load(x + i), Floats::splat(mean));
-        return mul_add(acc, d, d);
-    });
+    LaneSums sums;
+    if (whole > 0)
+        vector_part([=, &sums] {
+            sums.add_squares(in, mean, whole);
+            sums.finish();
+        });
+    *total = sums.total();
     for (size_t i = whole; i < n; ++i) {
         const float d = x[i] - mean;
         // Double precision here and not in the blocks is deliberate.
@@ -67,16 +60,7 @@ uint32_t kelRt_minMaxf(const float* in, float* min_out, float* max_out, uint32_t
     float low[4] = {x[0], x[1], x[2], x[3]};
     float high[4] = {x[0], x[1], x[2], x[3]};
     if (whole >= 8)
-        vector_part([=, low_out = static_cast<float*>(low), high_out = static_cast<float*>(high)] {
-            Floats lows = Floats::load(x), highs = lows;
-            for (size_t i = 4; i < whole; i += 4) {
-                const Floats block = Floats::load(x + i);
-                lows = min(lows, block);
-                highs = max(highs, block);
-            }
-            store(low_out, lows);
-            store(high_out, highs);
-        });
+        extremes_of_columns(in, whole, low, high);
 
     float running = first;
     for (const float lane : high)

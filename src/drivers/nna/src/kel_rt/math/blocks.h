@@ -8,7 +8,7 @@
 #include <type_traits>
 
 #include "math/lanes.h"
-#include "math/lanes_pair.h"
+#include "math/lanes_many.h"
 #include "math/vector_part.h"
 
 namespace kelrt {
@@ -22,7 +22,8 @@ struct Below {
     uint32_t limit;
     static constexpr bool divides = false;
 };
-constexpr Below kNumbers = {0x7F800001u};  // anything but NaN
+constexpr Below kNumbers = {0x7F800001u};      // anything but NaN
+constexpr Below kOrdinaryExp = {0x42AC0000u};  // 86: neither e^x nor 1 / (e^x + 1) leaves the normal numbers
 // The same for operands of any kind, if only `holds`.
 struct If {
     bool holds;
@@ -34,51 +35,63 @@ struct Watching {
     static constexpr bool divides = with_division;
 };
 
-// Lanes by the backend's rules, for blocks of four elements or, as a pair, of eight.
-template <uint32_t block>
-using Exact = std::conditional_t<block == 8, Pair<lanes::Floats>, lanes::Floats>;
+// `count` vectors of the backend's lanes, from consecutive elements. Narrow integers come and go eight at a
+// time.
+template <size_t count>
+Many<lanes::Floats, count> vectors(const float* p) {
+    return Many<lanes::Floats, count>::filled([=](size_t k) { return lanes::Floats::load(p + 4 * k); });
+}
+template <size_t count>
+Many<lanes::Ints, count> vectors(const int32_t* p) {
+    return Many<lanes::Ints, count>::filled([=](size_t k) { return lanes::Ints::load(p + 4 * k); });
+}
+template <size_t count, class Load>
+Many<lanes::Ints, count> eights(Load load) {
+    Many<lanes::Ints, count> a;
+    for (size_t k = 0; k < count; k += 2) {
+        const lanes::IntPair x = load(4 * k);
+        a.v[k] = x.low;
+        a.v[k + 1] = x.high;
+    }
+    return a;
+}
+template <size_t count>
+Many<lanes::Ints, count> vectors(const int8_t* p) {
+    return eights<count>([=](size_t i) { return lanes::load_int8(p + i); });
+}
+template <size_t count>
+Many<lanes::Ints, count> vectors(const int16_t* p) {
+    return eights<count>([=](size_t i) { return lanes::load_int16(p + i); });
+}
+template <class T, size_t count>
+void store_vectors(float* p, const Many<T, count>& a) {
+    for (size_t k = 0; k < count; ++k)
+        store(p + 4 * k, a.v[k]);
+}
+template <size_t count>
+void store_vectors(int8_t* p, const Many<lanes::Ints, count>& a) {
+    for (size_t k = 0; k < count; k += 2)
+        lanes::store_int8(p + 4 * k, {a.v[k], a.v[k + 1]});
+}
 
-template <class F>
-F operand(const float* p) {
-    return F::load(p);
-}
-template <class F>
-typename F::Integers operand(const int8_t* p) {
-    return F::Integers::load_int8(p);
-}
-template <class F>
-typename F::Integers operand(const int16_t* p) {
-    return F::Integers::load_int16(p);
-}
-template <class F>
-typename F::Integers operand(const int32_t* p) {
-    return F::Integers::load(p);
-}
-template <class Result>
-void store_block(float* p, Result r) {
-    store(p, r);
-}
-template <class Result>
-void store_block(int8_t* p, Result r) {
-    store_int8(p, r);
-}
+// How many vectors go through a kernel in lockstep: what the registers hold. Conversions need few.
+#if defined(__aarch64__)
+template <uint32_t block>
+constexpr size_t kVectors = 4;
+#else
+template <uint32_t block>
+constexpr size_t kVectors = block == 8 ? 4 : 2;
+#endif
 
 // Elements from..to by the backend's rules; they are whole blocks.
 template <uint32_t block, class Function, class Out, class... In>
 void exact_blocks(size_t from, size_t to, Function f, Out* out, const In*... in) {
-    using F = Exact<block>;
-    using Result = decltype(f(operand<F>(in)...));
-    constexpr size_t kInFlight = 8 / block;
+    constexpr size_t kGroup = 4 * kVectors<block>;
     size_t i = from;
-    for (; i + kInFlight * block <= to; i += kInFlight * block) {
-        Result result[kInFlight];
-        for (size_t k = 0; k < kInFlight; ++k)
-            result[k] = f(operand<F>(in + i + k * block)...);
-        for (size_t k = 0; k < kInFlight; ++k)
-            store_block(out + i + k * block, result[k]);
-    }
+    for (const size_t groups = to - (to - from) % kGroup; i < groups; i += kGroup)
+        store_vectors(out + i, f(vectors<kVectors<block>>(in + i)...));
     for (; i < to; i += block)
-        store_block(out + i, f(operand<F>(in + i)...));
+        store_vectors(out + i, f(vectors<block / 4>(in + i)...));
 }
 
 }  // namespace
@@ -90,15 +103,31 @@ void exact_blocks(size_t from, size_t to, Function f, Out* out, const In*... in)
 namespace kelrt {
 namespace {
 
-// out[i] = f(in[i]...) for the whole blocks among n elements; returns where the tail starts.
-template <uint32_t block = 4, class When, class Function, class Out, class... In>
-uint32_t for_blocks(uint32_t n, When, Function f, Out* out, const In*... in) {
+// out[i] = f(in[i]...) for the whole blocks among n elements; returns where the tail starts. After each
+// stretch then(from, count) is called, in the same mode and in ascending order.
+template <uint32_t block = 4, class When, class Function, class Then, class Out, class... In>
+uint32_t for_blocks_then(uint32_t n, When, Function f, Then then, Out* out, const In*... in) {
     const uint32_t tail = n - n % block;
     if (tail > 0)
-        vector_part<When::divides>([=] { exact_blocks<block>(0, tail, f, out, in...); });
+        vector_part<When::divides>([=] {
+            exact_blocks<block>(0, tail, f, out, in...);
+            then(0, tail);
+        });
     return tail;
 }
 
 }  // namespace
 }  // namespace kelrt
 #endif
+
+namespace kelrt {
+namespace {
+
+template <uint32_t block = 4, class When, class Function, class Out, class... In>
+uint32_t for_blocks(uint32_t n, When when, Function f, Out* out, const In*... in) {
+    return for_blocks_then<block>(
+        n, when, f, [](size_t, size_t) {}, out, in...);
+}
+
+}  // namespace
+}  // namespace kelrt

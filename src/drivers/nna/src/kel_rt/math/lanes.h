@@ -9,7 +9,7 @@
 #if defined(KELRT_LANES_PORTABLE)
 #define KELRT_BACKEND portable
 #include "math/lanes_portable.h"
-#elif defined(__arm__) && defined(__ARM_NEON)
+#elif defined(__ARM_NEON)
 #define KELRT_BACKEND neon
 #include "math/lanes_neon.h"
 #elif defined(__SSE2__)

@@ -24,11 +24,7 @@ struct PlainInts {
     static constexpr int kLanes = n;
     IntVector<n> v;
 
-    static PlainInts load(const void* p) {
-        PlainInts a;
-        std::memcpy(&a, p, sizeof a);
-        return a;
-    }
+    static PlainInts load(const void* p) { return {*static_cast<const typename Vectors<n>::MemoryI*>(p)}; }
     static PlainInts load_int8(const void* p);
     static PlainInts load_int16(const void* p);
 };
@@ -43,16 +39,12 @@ struct Plain {
     FloatVector<n> v;
 
     static Plain splat(float value) { return {value - FloatVector<n>{}}; }
-    static Plain load(const void* p) {
-        Plain a;
-        std::memcpy(&a, p, sizeof a);
-        return a;
-    }
+    static Plain load(const void* p) { return {*static_cast<const typename Vectors<n>::MemoryF*>(p)}; }
 };
 
 template <int n>
 void store(void* p, Plain<n> a) {
-    std::memcpy(p, &a, sizeof a);
+    *static_cast<typename Vectors<n>::MemoryF*>(p) = a.v;
 }
 template <int n>
 Plain<n> bits(Plain<n> a) {
@@ -276,8 +268,8 @@ struct Watch {
     WordVector<n> least = ~WordVector<n>{};
     WordVector<n> most = {};
 
-    void tiny(FloatVector<n> a) { least = smaller<n>(least, magnitude<n>(a) - 1); }
-    void large(FloatVector<n> a) { most = larger<n>(most, magnitude<n>(a)); }
+    [[gnu::always_inline]] void tiny(FloatVector<n> a) { least = smaller<n>(least, magnitude<n>(a) - 1); }
+    [[gnu::always_inline]] void large(FloatVector<n> a) { most = larger<n>(most, magnitude<n>(a)); }
     // Something subnormal or 2^-126 itself, or a magnitude of `limit` or more as a word.
     bool unusual(uint32_t limit) const {
         return any(reinterpret_cast<WordVector<n>>((least < 0x00800000u) | (most >= limit)));
@@ -294,13 +286,13 @@ struct Watched {
 
     // The same for all blocks, so that it has no watch; it is watched where it meets an operand that has.
     static Watched splat(float value) { return {Plain<n>::splat(value).v, nullptr}; }
-    static Watched load(const void* p, Watch<n>& watch) {
+    [[gnu::always_inline]] static Watched load(const void* p, Watch<n>& watch) {
         const Watched a = {Plain<n>::load(p).v, &watch};
         if (!flushing)
             watch.tiny(a.v);
         return a;
     }
-    Watched result(FloatVector<n> r, const Watched& b, bool product) const {
+    [[gnu::always_inline]] Watched result(FloatVector<n> r, const Watched& b, bool product) const {
         Watch<n>* const both = watch ? watch : b.watch;
         if (!flushing && !watch)
             both->tiny(v);
@@ -312,23 +304,29 @@ struct Watched {
     }
 };
 template <int n, bool flushing>
-Watched<n, flushing> add(Watched<n, flushing> a, Watched<n, flushing> b) {
+[[gnu::always_inline]] inline void store(void* p, Watched<n, flushing> a) {
+    store(p, Plain<n>{a.v});
+}
+template <int n, bool flushing>
+[[gnu::always_inline]] inline Watched<n, flushing> add(Watched<n, flushing> a, Watched<n, flushing> b) {
     return a.result(a.v + b.v, b, false);
 }
 template <int n, bool flushing>
-Watched<n, flushing> sub(Watched<n, flushing> a, Watched<n, flushing> b) {
+[[gnu::always_inline]] inline Watched<n, flushing> sub(Watched<n, flushing> a, Watched<n, flushing> b) {
     return a.result(a.v - b.v, b, false);
 }
 template <int n, bool flushing>
-Watched<n, flushing> mul(Watched<n, flushing> a, Watched<n, flushing> b) {
+[[gnu::always_inline]] inline Watched<n, flushing> mul(Watched<n, flushing> a, Watched<n, flushing> b) {
     return a.result(a.v * b.v, b, true);
 }
 template <int n, bool flushing>
-Watched<n, flushing> mul_add(Watched<n, flushing> sum, Watched<n, flushing> a, Watched<n, flushing> b) {
+[[gnu::always_inline]] inline Watched<n, flushing> mul_add(Watched<n, flushing> sum, Watched<n, flushing> a,
+                                                           Watched<n, flushing> b) {
     return add(sum, mul(a, b));
 }
 template <int n, bool flushing>
-Watched<n, flushing> div(Watched<n, flushing> a, Watched<n, flushing> b) {  // no quotient rounds up to 2^-126
+[[gnu::always_inline]] inline Watched<n, flushing> div(
+    Watched<n, flushing> a, Watched<n, flushing> b) {  // no quotient rounds up to 2^-126
     return a.result(a.v / b.v, b, false);
 }
 

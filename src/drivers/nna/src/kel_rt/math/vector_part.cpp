@@ -3,7 +3,7 @@
 
 namespace {
 
-// Reading and writing the control word, and its value that rounds to nearest and traps nothing.
+// Reading and writing the control word.
 #if defined(__SSE2__)
 using Word = uint32_t;
 inline void read_mode(Word& word) {
@@ -12,11 +12,6 @@ inline void read_mode(Word& word) {
 inline void write_mode(const Word& word) {
     asm volatile("ldmxcsr %0" : : "m"(word) : "memory");
 }
-#if defined(KELRT_LANES_PORTABLE)
-constexpr Word kMode = 0x1F80;  // these lanes flush by themselves
-#else
-constexpr Word kMode = 0x1F80 | 0x8000 | 0x0040;  // subnormal results and operands become zero
-#endif
 
 #elif defined(__arm__) && defined(__ARM_FP)
 using Word = uint32_t;
@@ -26,7 +21,6 @@ inline void read_mode(Word& word) {
 inline void write_mode(const Word& word) {
     asm volatile("vmsr fpscr, %0" : : "r"(word) : "memory");
 }
-constexpr Word kMode = 0;
 
 #elif defined(__aarch64__)
 using Word = uint64_t;
@@ -36,12 +30,21 @@ inline void read_mode(Word& word) {
 inline void write_mode(const Word& word) {
     asm volatile("msr fpcr, %0" : : "r"(word) : "memory");
 }
-constexpr Word kMode = 0;
 
 #else  // elsewhere the caller's mode is taken to be the default one
 using Word = uint32_t;
 inline void read_mode(Word&) {}
 inline void write_mode(const Word&) {}
+#endif
+
+// Its value that rounds to nearest, traps nothing and, unless the lanes see to that themselves, flushes.
+#if defined(__SSE2__) && defined(KELRT_LANES_PORTABLE)
+constexpr Word kMode = 0x1F80;
+#elif defined(__SSE2__)
+constexpr Word kMode = 0x1F80 | 0x8000 | 0x0040;  // subnormal results and operands become zero
+#elif defined(__ARM_NEON) && !defined(KELRT_LANES_PORTABLE)
+constexpr Word kMode = 1 << 24 | 1 << 25;  // subnormals become zero, NaN results the default NaN
+#else
 constexpr Word kMode = 0;
 #endif
 

@@ -8,9 +8,9 @@
 
 namespace kelrt {
 
-// Calls part(context) with the processor rounding to nearest, trapping nothing and, for the SSE2 lanes,
-// flushing subnormals; then puts the caller's mode back, its exception flags included. See vector_part.cpp
-// for why no arithmetic can slip in or out.
+// Calls part(context) with the processor rounding to nearest, trapping nothing and, for lanes that depend on
+// it, flushing subnormals and making default NaNs; then puts the caller's mode back, its exception flags
+// included. See vector_part.cpp for why no arithmetic can slip in or out.
 void run_vector_part(void (*part)(void*), void* context);
 
 namespace {

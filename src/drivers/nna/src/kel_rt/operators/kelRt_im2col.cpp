@@ -8,6 +8,7 @@
 #include <algorithm>
 #include <cstring>
 
+#include "im2col_geometry.h"
 #include "instruction_sets.h"
 #include "log.h"
 
@@ -74,17 +75,9 @@ void copy_by_bytes(const Patch& patch, uint8_t* dst, const uint8_t* input, uint3
     std::memset(dst, 0, patch.pad);
 }
 
-// How often a kernel fits, in wrapping arithmetic: 0 for a kernel one larger than the input, at stride 1. A
-// stride of 0 divides nothing.
-uint32_t output_size(uint32_t input, uint32_t kernel, uint32_t stride) {
-    return (stride == 0 ? 0 : (input - kernel) / stride) + 1;
-}
-
-// a * b * c, or 0 when 31 bits do not hold it.
-uint32_t small_product(uint32_t a, uint32_t b, uint32_t c) {
-    uint32_t ab = 0, abc = 0;
-    return __builtin_mul_overflow(a, b, &ab) || __builtin_mul_overflow(ab, c, &abc) || abc > INT32_MAX ? 0
-                                                                                                       : abc;
+// The bytes that blocks may touch, of those that patches take or make: none when 31 bits do not hold them.
+uint32_t room_of(uint64_t bytes) {
+    return bytes > INT32_MAX ? 0 : static_cast<uint32_t>(bytes);
 }
 
 bool overlap(const uint8_t* a, uint32_t a_bytes, const uint8_t* b, uint32_t b_bytes) {
@@ -114,8 +107,9 @@ uint32_t kelRt_im2col(const uint8_t* input, uint8_t* output, uint32_t rows, uint
     const uint32_t padded = static_cast<uint32_t>(static_cast<int32_t>(patch_bytes + 7) / 8) * 8;
     const Patch patch = {kernelHeight, kernelWidth * channels, cols * channels, patch_bytes,
                          padded - patch_bytes};
-    const uint32_t out_height = output_size(rows, kernelHeight, rowStride);
-    const uint32_t out_width = output_size(cols, kernelWidth, colStride);
+    const kelrt::Im2colGeometry geometry = {rows,        cols,      channels, kernelHeight,
+                                            kernelWidth, rowStride, colStride};
+    const uint32_t out_height = geometry.out_height(), out_width = geometry.out_width();
     // Both records, their blanks and missing line ends included, are what log readers match.
     KEL_LOG_DEBUG_OPEN_LINE(
         "Input rows = %d Input cols = %d Input Channels = %d                     Kernel height = %d "
@@ -126,15 +120,8 @@ uint32_t kelRt_im2col(const uint8_t* input, uint8_t* output, uint32_t rows, uint
     if (patch.rows == 0 || patch.row_bytes == 0 || out_width == 0)
         return NNA_STATUS_OK;
 
-    // Bytes that blocks may touch: none when a size is out of the ordinary or the two sides overlap. Of the
-    // input no more than the patches need, so that a map may end with its last receptive field.
-    const uint64_t last_row = uint64_t{out_height - 1} * rowStride + kernelHeight - 1;
-    const uint64_t last_col = uint64_t{out_width - 1} * colStride + kernelWidth - 1;
-    uint32_t in_room = small_product(rows, cols, channels);
-    if (last_row < rows && last_col < cols)
-        in_room =
-            static_cast<uint32_t>(std::min<uint64_t>(in_room, (last_row * cols + last_col + 1) * channels));
-    uint32_t out_room = small_product(out_height, out_width, padded);
+    // No more of the input than the patches need: a map may end with its last receptive field.
+    uint32_t in_room = room_of(geometry.input_bytes()), out_room = room_of(geometry.output_bytes());
     if (overlap(input, in_room, output, out_room))
         in_room = out_room = 0;
     // Where, from its start, the blocks of a patch end.

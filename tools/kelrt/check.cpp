@@ -1,0 +1,187 @@
+// The catalogue's footprints, laid over the job's memories.
+#include "check.h"
+
+#include <algorithm>
+#include <cstdio>
+#include <cstring>
+#include <optional>
+
+namespace tool {
+namespace {
+
+const char* with_article(uint32_t type) {
+    return type == KEL_RT_ARG_VAL ? "an integer" : type == KEL_RT_ARG_MEM ? "a memory" : "a float";
+}
+
+bool fits(Element wanted, npy::Type actual) {
+    if (wanted == Element::Any || actual == npy::Type::u1)
+        return true;
+    return actual == (wanted == Element::Float ? npy::Type::f4 : npy::Type::i1);
+}
+
+// The operands of one context.
+class Operands {
+  public:
+    Operands(const Operator& op, std::span<const KelRtContextArg> given, const Job& job)
+        : op_(op), given_(given), job_(job), values_(values_of(given)) {}
+
+    // Each says "" or what is wrong.
+
+    std::string check_memory(size_t i) const {
+        const Argument& argument = op_.arguments[i];
+        const uint64_t extent =
+            std::max(argument.read_range(values_).end, argument.written_range(values_).end);
+        if (given_[i].value == KEL_RT_NO_MEMORY_ID) {
+            if (given_[i].offset != 0)
+                return who(i) + " is no memory and has an offset all the same";
+            // Kernels refuse a null pointer; rows of SRAM would be moved to address 0.
+            if (moves_sram(id_of(op_)) && extent > 0)
+                return who(i) + " must be a memory";
+            return "";
+        }
+        const Memory& memory = job_.memories[given_[i].value];
+        const size_t size = memory.initial.bytes.size();
+        if (!fits(argument.element, memory.initial.type))
+            return who(i) + " holds " + (argument.element == Element::Float ? "f4" : "i1 or u1") +
+                   " and memory " + memory.name + " is " + npy::name_of(memory.initial.type);
+        if (offset(i) > size)
+            return "offset " + std::to_string(offset(i)) + " is outside memory " + memory.name + " of " +
+                   std::to_string(size) + " bytes";
+        if (extent > size - offset(i))
+            return who(i) + " needs " + std::to_string(extent) + " bytes from offset " +
+                   std::to_string(offset(i)) + " and memory " + memory.name + " has " + std::to_string(size);
+        return "";
+    }
+
+    // What one writes the other must not touch, unless the operator is made for it.
+    std::string check_overlap(size_t i, size_t j) const {
+        if (given_[i].value != given_[j].value || given_[i].value == KEL_RT_NO_MEMORY_ID)
+            return "";
+        const Argument &a = op_.arguments[i], &b = op_.arguments[j];
+        const Range a_writes = placed(i, a.written_range(values_)),
+                    b_writes = placed(j, b.written_range(values_));
+        const Range clash =
+            std::max({common(a_writes, placed(j, b.read_range(values_))),
+                      common(b_writes, placed(i, a.read_range(values_))), common(a_writes, b_writes)},
+                     [](Range x, Range y) { return length(x) < length(y); });
+        const auto may = [&](Overlap::Kind kind) {
+            return op_.may_overlap(i + kFirstArgument, j + kFirstArgument, kind, values_);
+        };
+        const bool as_same = may(Overlap::AsSame);
+        if (length(clash) == 0 || may(Overlap::Anyhow) || (as_same && offset(i) == offset(j)))
+            return "";
+        return std::string(b.name) + " and " + a.name + " of " + op_.name + " both touch bytes " +
+               std::to_string(clash.begin) + " to " + std::to_string(clash.end - 1) + " of memory " +
+               job_.memories[given_[i].value].name +
+               (as_same ? "; they may begin at the same byte, or lie apart" : "; they must lie apart");
+    }
+
+    void note_write(size_t i, Job& job) const {
+        const Range writes = op_.arguments[i].written_range(values_);
+        if (given_[i].value != KEL_RT_NO_MEMORY_ID && length(writes) > 0)
+            job.memories[given_[i].value].written = true;
+    }
+
+    // Each row is a call of its own, rows of nothing too; of those a job could ask for 2^32.
+    std::string check_rows() const {
+        const uint32_t rows = values_[5], memory = values_[6];
+        const size_t size = memory == KEL_RT_NO_MEMORY_ID ? 0 : job_.memories[memory].initial.bytes.size();
+        if (rows <= size || values_[3] != 0)
+            return "";
+        return std::to_string(rows) + " rows of no bytes are more than the memory has bytes";
+    }
+
+  private:
+    std::string who(size_t i) const { return std::string(op_.arguments[i].name) + " of " + op_.name; }
+
+    // The SRAM operators ignore their memory's offset.
+    uint32_t offset(size_t i) const { return moves_sram(id_of(op_)) ? 0 : given_[i].offset; }
+
+    static uint64_t length(Range range) { return range.end > range.begin ? range.end - range.begin : 0; }
+
+    // Bytes of the memory rather than of the operand.
+    Range placed(size_t i, Range range) const {
+        return length(range) == 0 ? Range{} : Range{range.begin + offset(i), range.end + offset(i)};
+    }
+
+    static Range common(Range a, Range b) {
+        const Range both = {std::max(a.begin, b.begin), std::min(a.end, b.end)};
+        return length(both) == 0 ? Range{} : both;
+    }
+
+    const Operator& op_;
+    std::span<const KelRtContextArg> given_;
+    const Job& job_;
+    std::vector<uint32_t> values_;
+};
+
+}  // namespace
+
+void check_arguments(const Operator& op, std::span<const KelRtContextArg> arguments, Job& job,
+                     const Complain& complain) {
+    bool good = true;
+    const auto complain_of = [&](size_t i, const std::string& wrong) {
+        if (wrong.empty())
+            return;
+        good = false;
+        complain(i, wrong);
+    };
+    for (size_t i = 0; i < arguments.size(); ++i) {
+        const Argument& argument = op.arguments[i];
+        if (arguments[i].type != argument.type)
+            complain_of(i, std::string(argument.name) + " of " + op.name + " is " +
+                               with_article(argument.type) + " and " + with_article(arguments[i].type) +
+                               " is given");
+    }
+    if (!good)
+        return;
+    const Operands operands(op, arguments, job);
+    if (moves_sram(id_of(op)))
+        complain_of(3, operands.check_rows());
+    std::vector<size_t> memories;
+    for (size_t i = 0; i < arguments.size(); ++i) {
+        if (!op.arguments[i].is_memory())
+            continue;
+        complain_of(i, operands.check_memory(i));
+        memories.push_back(i);
+    }
+    if (!good)
+        return;
+    for (const size_t j : memories) {
+        for (const size_t i : memories) {
+            if (i < j)
+                complain_of(j, operands.check_overlap(i, j));
+        }
+    }
+    check_lookups(op, arguments, job, complain, [&](const KelRtContextArg& argument) -> std::optional<float> {
+        const Memory& memory = job.memories[argument.value];
+        float index;
+        std::memcpy(&index, memory.initial.bytes.data() + argument.offset, sizeof index);
+        return memory.written ? std::nullopt : std::optional(index);
+    });
+    for (const size_t i : memories)
+        operands.note_write(i, job);
+}
+
+void check_lookups(const Operator& op, std::span<const KelRtContextArg> arguments, const Job& job,
+                   const Complain& complain, const Index& index) {
+    for (const Lookup& lookup : op.lookups) {
+        const size_t i = lookup.index - kFirstArgument;
+        const KelRtContextArg& table = arguments[lookup.table - kFirstArgument];
+        const uint64_t row_bytes = lookup.row_bytes(values_of(arguments));
+        // The library itself refuses what is not there.
+        if (arguments[i].value == KEL_RT_NO_MEMORY_ID || table.value == KEL_RT_NO_MEMORY_ID || row_bytes == 0)
+            continue;
+        const Memory& memory = job.memories[table.value];
+        const uint64_t rows = (memory.initial.bytes.size() - table.offset) / row_bytes;
+        const std::optional<float> at = index(arguments[i]);
+        if (!at || row_of(*at) < rows)
+            continue;
+        char number[32];
+        std::snprintf(number, sizeof number, "%.9g", static_cast<double>(*at));
+        complain(i, std::string(op.arguments[i].name) + " of " + op.name + " is " + number + " and memory " +
+                        memory.name + " has " + std::to_string(rows) + (rows == 1 ? " row" : " rows"));
+    }
+}
+
+}  // namespace tool

@@ -1,0 +1,51 @@
+// Writing files so that nobody ever sees half of one, or some of a set.
+#pragma once
+
+#include <list>
+#include <string>
+
+#include "npy.h"
+
+namespace npy {
+
+// A set of .npy files in one folder that appears as a whole or not at all. Each is written beside its place,
+// under a temporary name, and is on disk before the first one gets its own. Of two sets that are written into
+// one folder at a time the later waits for the earlier. One set a process at a time. Complaints are
+// npy::Error and begin with the path.
+class OutputFiles {
+  public:
+    // Makes the folder, and those above it, if need be.
+    explicit OutputFiles(const std::string& folder);
+    // Without commit nothing that was made remains.
+    ~OutputFiles();
+    OutputFiles(const OutputFiles&) = delete;
+    OutputFiles& operator=(const OutputFiles&) = delete;
+
+    // Writes NAME.npy.
+    void add(const std::string& name, const Array& array);
+    // Puts every file in its place; if one cannot be, all places are as they were.
+    void commit();
+
+  private:
+    struct File {
+        std::string path;
+        std::string temporary;
+        std::string old;  // the temporary name of the file that it replaces
+        bool replaces = false;
+        bool placed = false;
+    };
+
+    OutputFiles() = default;
+    static bool put_in_place(File& file);
+    static void put_back(const File& file);
+
+    std::string folder_;
+    int folder_fd_ = -1;  // holds the lock
+    std::list<File> files_;
+};
+
+// Removes what an uncommitted set has made so far: for signal handlers, and for whoever ends the program at
+// once.
+void remove_unfinished_files();
+
+}  // namespace npy

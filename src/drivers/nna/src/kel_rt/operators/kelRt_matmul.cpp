@@ -24,7 +24,7 @@ void multiply_by_tiles(f32* c, Matrix a, Matrix b, size_t rows, size_t inner, si
     alignas(64) float panel[kPanel / sizeof(float)];
     // Rows of b that lie far apart drive each other out of the cache; put together, 256 x 256 x 256 takes
     // 0.86 of the time.
-    const bool packs = rows >= 4 * kRows && cols >= 128;
+    const bool packs = rows >= 4 * kRows && b.stride >= 128;
     const size_t in_panels = cols - cols % kPanelWidth;
     for (size_t i = 0; in_panels != 0 && i < rows; i += kHeight) {
         for (size_t k = 0; k == 0 || k < inner; k += kDepth) {

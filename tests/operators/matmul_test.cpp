@@ -118,9 +118,12 @@ void expect_product(const Shape& s, const Floats& a, const Floats& b, uint32_t f
 TEST(Matmul, EqualsTheOrderedSum) {
     std::vector<Shape> shapes = {{9, 0, 3},     {1, 64, 10},   {3, 17, 33},   {12, 256, 32}, {13, 257, 33},
                                  {11, 255, 31}, {25, 130, 65}, {1, 515, 100}, {100, 3, 1},   {2, 1000, 2},
-                                 {16, 16, 16},  {17, 65, 129}, {48, 7, 64},   {7, 520, 17},  {1, 1, 300}};
-    for (uint32_t size = 1; size <= 20; ++size)
-        shapes.insert(shapes.end(), {{size, size % 7 + 1, size},
+                                 {16, 16, 16},  {17, 65, 129}, {48, 7, 64},   {7, 520, 17},  {1, 1, 300},
+                                 {40, 1024, 1}, {21, 1024, 1}, {260, 3, 33},  {49, 140, 161}};
+    for (uint32_t size = 1; size <= 40; ++size)
+        shapes.insert(shapes.end(), {{size, size % 7 + 1, 41 - size},
+                                     {size, size % 7 + 1, size},
+                                     {size, size % 9 + 1, 1},
                                      {size % 5 + 1, size, size % 3 + 1},
                                      {size % 3 + 1, size % 4 + 1, 2 * size + 1}});
     uint32_t turn = 0;

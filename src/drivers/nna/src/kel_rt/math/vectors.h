@@ -1,5 +1,5 @@
-// Vectors of any width as the compiler knows them, and the widest that this instruction set has. Their arithmetic
-// is the processor's own: on 32-bit Arm not that of scalars, which flush nothing.
+// Vectors of any width as the compiler knows them, and the widest that this instruction set has. Their
+// arithmetic is the processor's own: on 32-bit Arm not that of scalars, which flush nothing.
 #pragma once
 
 #include <cstdint>

@@ -16,7 +16,8 @@ template <int count, typename F>
 [[gnu::always_inline]] inline void each(F f) {
     [&]<size_t... i>(std::index_sequence<i...>) {
         (f(std::integral_constant<size_t, i>()), ...);
-    }(std::make_index_sequence<count>());
+    }
+    (std::make_index_sequence<count>());
 }
 
 template <typename V>
@@ -26,7 +27,7 @@ V load_elements(const void* p) {
     return v;
 }
 template <typename V>
-void store_elements(void* p, const V& v) {
+void store_elements(void* p, V v) {
     std::memcpy(p, &v, sizeof v);
 }
 
@@ -44,7 +45,8 @@ FloatVector<n> load_row(const f32* from, size_t stride) {
         return [&]<int... e>(std::integer_sequence<int, e...>) {
             return __builtin_shufflevector(load_row<n / 2>(from, stride),
                                            load_row<n / 2>(from + n / 2 * stride, stride), e...);
-        }(std::make_integer_sequence<int, n>());
+        }
+        (std::make_integer_sequence<int, n>());
     }
 }
 
@@ -54,7 +56,8 @@ V pick(V a, V b) {
     constexpr int n = kLanesOf<V>;
     return [&]<int... e>(std::integer_sequence<int, e...>) {
         return __builtin_shufflevector(a, b, (e / 4 * 4 + (e % 2 == 0 ? i : j) + (e % 4 < 2 ? 0 : n))...);
-    }(std::make_integer_sequence<int, n>());
+    }
+    (std::make_integer_sequence<int, n>());
 }
 
 template <typename V>

@@ -1,5 +1,5 @@
 // Where a memory id leads when the driver has a CPU buffer for it: inline, because a context with CPU buffers
-// asks six times in 10 ns. Everything else about memory ids is in kel_rtMemory.cpp.
+// asks six times in some 20 ns. Everything else about memory ids is in kel_rtMemory.cpp.
 #pragma once
 
 #include "kelRt.h"

@@ -107,7 +107,7 @@ class OperatorCall {
         if (!failed()) [[likely]] {
             tensor.base = cpu_buffer(instance_, tensor.memid);
             if (!tensor.base) {
-                void* base = nullptr;  // apart, so that the tensor stays in registers: 3 ns a tensor
+                void* base = nullptr;  // apart, so that the tensor stays in registers
                 status_ = memory_function(instance_, tensor.memid, &base);
                 tensor.base = base;
             }

@@ -1,6 +1,5 @@
 // What is measured: the vector formulas with references in double precision and ranges of arguments, and the
-// arguments at which a formula stops working. Shared by the program that measures and by the test that holds
-// the library to the figures.
+// arguments at which a formula stops working.
 #pragma once
 
 #include <bit>

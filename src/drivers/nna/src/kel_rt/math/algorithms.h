@@ -161,6 +161,7 @@ typename F::Bits sin(F x, const float (&c)[4]) {
     const auto negative = odd(k) ^ greater_equal(F::splat(0.0f), x);
     const F pi = F::splat(kPi);
     const F folded = sub(abs(x), mul_loose(to_float(k), pi));
+    // kPi is twice kHalfPi to the bit, so at kHalfPi itself both sides are the same.
     const F a = select(greater_equal(folded, F::splat(kHalfPi)), sub(pi, folded), folded);
     const F a2 = mul(a, a);
     F t = mul(mul(a2, a), F::splat(c[0]));

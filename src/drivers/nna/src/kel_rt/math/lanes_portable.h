@@ -320,7 +320,7 @@ inline Ints sign_if_both_negative(Ints a, Ints b) {  // -1 or 0
 // Shifts left by the low byte of the count, taken as signed; a negative one shifts right, rounding.
 inline int32_t scalar_shift_rounding(int32_t x, int32_t count) {
     const int by = static_cast<int8_t>(count & 0xFF);
-    if (by >= 32 || by <= -32)
+    if (by >= 32 || by <= -32)  // by 32 to the right, what rounding leaves of 32 bits is 0 in any case
         return 0;
     if (by >= 0)
         return wrap(int64_t{x} << by);

@@ -61,6 +61,8 @@ void getExtraInputScaleFactor(float max, float min, uint32_t tot_bits, uint32_t 
         *result = 0;
         return;
     }
+    // At a bound the logarithm is 0, and that of a maximum of 0 never wins: with strict bounds above, or
+    // without a look at a maximum of 0, the result would be the same.
     float below = 0, above = 0;
     if (min < 0)
         below = static_cast<float>(std::ceil(std::log2(static_cast<double>(min / -range))));
@@ -107,6 +109,7 @@ uint32_t kelRt_copyFormatConv(uint8_t* output, uint32_t out_tot_bits, uint32_t o
                 return NNA_STATUS_OUT_OF_MEMORY;
             }
         }
+        // A power of two is exact: single precision would round the scale to the same factor.
         const double factor = 1.0 / pow2(inp_frac_bits) * inp_scale;
         to_float(input, inp_tot_bits, static_cast<float>(factor), destination, count);
         floats = destination;

@@ -13,8 +13,8 @@
  * arguments has written nothing.
  * - Tensors are dense and row-major, 32-bit floats in native byte order. Pointers may sit at any byte
  * address: no kernel asks for alignment.
- * - Arrays overlap only where a function says that they may; "`out` may be `in`" means the same array from the
- * same byte on. What is only read may overlap what is only read.
+ * - Arrays overlap only where a function says that they may; "`out` may be `in`" means the same array from
+ * the same byte on. What is only read may overlap what is only read.
  * - Sizes are trusted: no kernel knows how large the memory behind a pointer is.
  */
 #ifndef KEL_RT_H

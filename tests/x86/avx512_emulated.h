@@ -1,6 +1,7 @@
-// The AVX-512 instructions that the kernels name, in plain C++, so that the sixteen-lane text runs on processors
-// without them: included before everything else in a build with KELRT_X86=avx512-emulated. What the kernels express by
-// vector types, compilers lower by themselves. Each is written from the instruction's definition, lane by lane.
+// The AVX-512 instructions that the kernels name, in plain C++, so that the sixteen-lane text runs on
+// processors without them: included before everything else in a build with KELRT_X86=avx512-emulated. What
+// the kernels express by vector types, compilers lower by themselves. Each is written from the instruction's
+// definition, lane by lane.
 #pragma once
 
 #include <immintrin.h>
@@ -60,7 +61,8 @@ inline __m512i cvttps_epi32(__m512 a) {
     const Floats x = as<Floats>(a);
     Words y;
     for (int i = 0; i < 16; ++i)
-        y.v[i] = x.v[i] >= -0x1p31f && x.v[i] < 0x1p31f ? static_cast<uint32_t>(static_cast<int32_t>(x.v[i])) : 0x80000000u;
+        y.v[i] = x.v[i] >= -0x1p31f && x.v[i] < 0x1p31f ? static_cast<uint32_t>(static_cast<int32_t>(x.v[i]))
+                                                        : 0x80000000u;
     return as<__m512i>(y);
 }
 template <class From, class Register>

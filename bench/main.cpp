@@ -143,6 +143,8 @@ int run(const Options& options) {
         std::printf("; peers:");
         for (const Peer& peer : peers())
             std::printf(" %s", peer.name);
+        if (peers().size() == 1)
+            std::printf(" (the others are built with KELRT_BENCH_PEERS, where they are installed)");
     }
     std::printf("\n");
     std::fflush(stdout);

@@ -87,7 +87,7 @@ TEST_F(SimpleTimer, AddsUpLapsIntoSamples) {
     };
     for (const auto& step : steps) {
         SCOPED_TRACE(step.milliseconds);
-        at(1, step.milliseconds * 1000000);
+        at(1, static_cast<long>(step.milliseconds) * 1000000);
         EXPECT_EQ(step.call(timer), step.result);
     }
     expect_statistics(1, 0, 0, 0);  // those of before are gone with the clearing

@@ -80,7 +80,7 @@ int32_t divide_a(int32_t x, int32_t exponent) {
                                                    same_bytes<kelRt_int32x4_t>(Ints{1, 2, exponent, 0})));
     EXPECT_EQ(quotients, (Ints{4, -2, quotients[2], 1}));
     const auto same_exponent = same_bytes<Ints>(
-        rounding_divide_by_pow2_b(same_bytes<kelRt_int32x4_t>(Ints{x, -x / 2, 0, x}), exponent));
+        rounding_divide_by_pow2_b(same_bytes<kelRt_int32x4_t>(Ints{x, -(x / 2), 0, x}), exponent));
     EXPECT_EQ(same_exponent[0], quotients[2]) << x << " by 2^" << exponent;
     EXPECT_EQ(same_exponent[3], quotients[2]) << x << " by 2^" << exponent;
     return quotients[2];

@@ -222,7 +222,8 @@ TEST(CopyFormat, MeasuresTheRangeOfTheInputsRawBits) {
     };
     for (const auto& c : cases) {
         const auto count = static_cast<uint32_t>(c.output.size());
-        const Bytes input(c.input.begin(), c.input.begin() + std::max<ptrdiff_t>(16, 4 * count));
+        const Bytes input(c.input.begin(),
+                          c.input.begin() + std::max(ptrdiff_t{16}, static_cast<ptrdiff_t>(4 * count)));
         uint8_t shift = 77, untouched = 77;
         const Bytes out = convert(input, c.from, {8, c.frac, 0}, count, count, &shift);
         EXPECT_EQ(shift, c.shift);

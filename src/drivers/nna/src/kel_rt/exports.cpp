@@ -1,5 +1,5 @@
-// The exported kernels: each is the one of the widest instruction set that both this build (KELRT_HAS_... name its
-// sets) and this processor have.
+// The exported kernels: each is the one of the widest instruction set that both this build (KELRT_HAS_...
+// name its sets) and this processor have.
 #include "instruction_sets.h"
 
 namespace kelrt {

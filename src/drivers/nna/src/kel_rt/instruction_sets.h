@@ -1,6 +1,7 @@
-// The kernels whose text is compiled once for each instruction set of the processor's family; exports.cpp chooses
-// between them. A set is a namespace, named by KELRT_SET while the text is compiled: sse2, avx2 and avx512 on
-// x86, elsewhere only one. Within it a kernel has its exported name, and calls the others of its own set.
+// The kernels whose text is compiled once for each instruction set of the processor's family; exports.cpp
+// chooses between them. A set is a namespace, named by KELRT_SET while the text is compiled: sse2, avx2 and
+// avx512 on x86, elsewhere only one. Within it a kernel has its exported name, and calls the others of its
+// own set.
 #pragma once
 
 #include "kelRt.h"

@@ -54,7 +54,8 @@ class ProfileScope {
                                         "NNA-Srvc", "  %-64s:%4d  | " format "\n", __FILE__, __LINE__,       \
                                         kel_args...);                                                        \
                 }                                                                                            \
-            }(__VA_ARGS__);                                                                                  \
+            }                                                                                                \
+            (__VA_ARGS__);                                                                                   \
         }                                                                                                    \
     } while (0)
 

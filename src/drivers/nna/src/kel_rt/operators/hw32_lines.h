@@ -1,7 +1,7 @@
 // Lines on top of steps, for one direction. An instruction set provides the steps: 16 elements of a line, 8
 // elements of a line, and a line of exactly 8; and, if it can, 32 elements, and several short lines at once.
-// Everything here has internal linkage, because it is compiled once for each instruction set, and code for one
-// processor must not stand in for another's.
+// Everything here has internal linkage, because it is compiled once for each instruction set, and code for
+// one processor must not stand in for another's.
 //
 // In a step, `planes` is the address of the first element in plane 0, L the distance from plane to plane, and
 // `linear` the address of the first word. A step reads all its bytes before it writes any. Addresses are
@@ -35,12 +35,14 @@ inline void transpose_4(uint8_t* dst, size_t dst_stride, const uint8_t* src, siz
         std::memcpy(dst + i * dst_stride, &out[i], 4);
 }
 
-// What the steps of a direction derive from: how far an element advances each side, which byte of a line becomes
-// byte `at` of the converted one, and the steps that registers are no use for.
+// What the steps of a direction derive from: how far an element advances each side, which byte of a line
+// becomes byte `at` of the converted one, and the steps that registers are no use for.
 struct LinearFromHw32 {
     static constexpr size_t kDst = 4, kSrc = 1;
     static constexpr size_t source(size_t at, size_t L) { return at % 4 * L + at / 4; }
-    static void step_4(uint8_t* linear, const uint8_t* planes, size_t L) { transpose_4(linear, 4, planes, L); }
+    static void step_4(uint8_t* linear, const uint8_t* planes, size_t L) {
+        transpose_4(linear, 4, planes, L);
+    }
     static void step_1(uint8_t* linear, const uint8_t* planes, size_t L) {
         for (size_t p = 0; p < 4; ++p)
             linear[p] = planes[p * L];
@@ -50,7 +52,9 @@ struct LinearFromHw32 {
 struct Hw32FromLinear {
     static constexpr size_t kDst = 1, kSrc = 4;
     static constexpr size_t source(size_t at, size_t L) { return at % L * 4 + at / L; }
-    static void step_4(uint8_t* planes, const uint8_t* linear, size_t L) { transpose_4(planes, L, linear, 4); }
+    static void step_4(uint8_t* planes, const uint8_t* linear, size_t L) {
+        transpose_4(planes, L, linear, 4);
+    }
     static void step_1(uint8_t* planes, const uint8_t* linear, size_t L) {
         for (size_t p = 0; p < 4; ++p)
             planes[p * L] = linear[p];

@@ -50,7 +50,8 @@ inline void store_8_8(uint8_t* low, uint8_t* high, __m128i bytes) {
     _mm_storeu_si64(high, _mm_unpackhi_epi64(bytes, bytes));
 }
 
-// Lines of 2 to 7 elements, by groups of 20 to 32 bytes: any byte of such a group lies in its first or its last
+// Lines of 2 to 7 elements, by groups of 20 to 32 bytes: any byte of such a group lies in its first or its
+// last
 // 16. Where each byte of the converted group's first and last 16 comes from, for either of these; 0x80 is
 // nowhere.
 constexpr size_t kShortest = 2, kLongest = 7;
@@ -135,7 +136,8 @@ struct ToLinearBy32 : LinearFromHw32 {
         const __m256i low_01 = _mm256_unpacklo_epi8(p0, p1), low_23 = _mm256_unpacklo_epi8(p2, p3);
         const __m256i high_01 = _mm256_unpackhi_epi8(p0, p1), high_23 = _mm256_unpackhi_epi8(p2, p3);
         const __m256i w0 = _mm256_unpacklo_epi16(low_01, low_23), w4 = _mm256_unpackhi_epi16(low_01, low_23);
-        const __m256i w8 = _mm256_unpacklo_epi16(high_01, high_23), w12 = _mm256_unpackhi_epi16(high_01, high_23);
+        const __m256i w8 = _mm256_unpacklo_epi16(high_01, high_23),
+                      w12 = _mm256_unpackhi_epi16(high_01, high_23);
         store_32(linear, _mm256_permute2x128_si256(w0, w4, 0x20));
         store_32(linear + 32, _mm256_permute2x128_si256(w8, w12, 0x20));
         store_32(linear + 64, _mm256_permute2x128_si256(w0, w4, 0x31));
@@ -187,7 +189,8 @@ struct ToHw32By32 : Hw32FromLinear {
         const auto four_and_four = [=](size_t at) {
             return transpose_halves(join(load_16(linear + at), load_16(linear + at + 64)));
         };
-        const __m256i q0 = four_and_four(0), q1 = four_and_four(16), q2 = four_and_four(32), q3 = four_and_four(48);
+        const __m256i q0 = four_and_four(0), q1 = four_and_four(16), q2 = four_and_four(32),
+                      q3 = four_and_four(48);
         const __m256i low_01 = _mm256_unpacklo_epi32(q0, q1), high_01 = _mm256_unpackhi_epi32(q0, q1);
         const __m256i low_23 = _mm256_unpacklo_epi32(q2, q3), high_23 = _mm256_unpackhi_epi32(q2, q3);
         return {_mm256_unpacklo_epi64(low_01, low_23), _mm256_unpackhi_epi64(low_01, low_23),

@@ -1,5 +1,5 @@
-// The steps of hw32_lines.h in 64-byte registers, with AVX-512 VBMI: its permutations move any byte of a register,
-// or of two, anywhere, so that every step is one of them a register.
+// The steps of hw32_lines.h in 64-byte registers, with AVX-512 VBMI: its permutations move any byte of a
+// register, or of two, anywhere, so that every step is one of them a register.
 #pragma once
 
 #include "hw32_steps_avx2.h"
@@ -17,7 +17,8 @@ inline __m512i join(__m256i low, __m256i high) {
     return _mm512_inserti64x4(_mm512_castsi256_si512(low), high, 1);
 }
 
-// Which bytes become those from byte `first` on of several lines. A permutation looks at the lower bits of each.
+// Which bytes become those from byte `first` on of several lines. A permutation looks at the lower bits of
+// each.
 struct Order64 {
     alignas(64) uint8_t source[64] = {};
     __m512i vector() const { return _mm512_load_si512(source); }
@@ -63,7 +64,8 @@ struct ToLinearBy64 : ToLinearBy32 {
     static void step_32(uint8_t* linear, const uint8_t* planes, size_t L) {
         const __m512i p01 = join(load_32(planes), load_32(planes + L));
         const __m512i p23 = join(load_32(planes + 2 * L), load_32(planes + 3 * L));
-        static constexpr Order64 kFirst = order_of<LinearFromHw32>(32), kLast = order_of<LinearFromHw32>(32, 64);
+        static constexpr Order64 kFirst = order_of<LinearFromHw32>(32),
+                                 kLast = order_of<LinearFromHw32>(32, 64);
         store_64(linear, _mm512_permutex2var_epi8(p01, kFirst.vector(), p23));
         store_64(linear + 64, _mm512_permutex2var_epi8(p01, kLast.vector(), p23));
     }

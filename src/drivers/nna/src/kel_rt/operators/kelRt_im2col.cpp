@@ -1,10 +1,10 @@
 // im2col: gathers the receptive field under every output position into a patch of bytes, so that a
 // convolution becomes a matrix multiplication. Each patch is padded with zeros to a multiple of 8 bytes.
 //
-// A row of a receptive field is one run of kernelWidth * channels contiguous bytes. Long runs are copied one by
-// one. Short ones are put together in registers: loaded so that its bytes come to lie where the block of the patch
-// wants them, each run gives its part, and the block is stored once. Everything goes byte by byte when input and
-// output overlap, where the order of the bytes would show.
+// A row of a receptive field is one run of kernelWidth * channels contiguous bytes. Long runs are copied one
+// by one. Short ones are put together in registers: loaded so that its bytes come to lie where the block of
+// the patch wants them, each run gives its part, and the block is stored once. Everything goes byte by byte
+// when input and output overlap, where the order of the bytes would show.
 #include <algorithm>
 #include <array>
 #include <cstring>
@@ -53,7 +53,8 @@ class LongRows {
 
   private:
     static void copy_row(uint8_t* to, const uint8_t* from, size_t n) {
-        for_wide_blocks(n, [=]<size_t size>(size_t at) { store_bytes<size>(to + at, load_bytes<size>(from + at)); });
+        for_wide_blocks(
+            n, [=]<size_t size>(size_t at) { store_bytes<size>(to + at, load_bytes<size>(from + at)); });
     }
 
     Patch patch_;
@@ -73,8 +74,8 @@ Bytes<size> ones_from(size_t at) {
     return load_bytes<size>(kTable.bytes + size - at);
 }
 
-// All blocks of a patch lie within it, the last one on top of the one before. What loads touch beyond the rows lies
-// between the first and the last row, but for `pad` bytes.
+// All blocks of a patch lie within it, the last one on top of the one before. What loads touch beyond the
+// rows lies between the first and the last row, but for `pad` bytes.
 template <size_t size>
 class ShortRows {
   public:
@@ -83,11 +84,13 @@ class ShortRows {
         return size <= patch.padded() && patch.padded() <= kMostBlocks * size && rows <= kMostRows;
     }
 
-    explicit ShortRows(const Patch& patch) : padded_(patch.padded()), row_step_(patch.input_row_bytes - patch.row_bytes) {
+    explicit ShortRows(const Patch& patch)
+        : padded_(patch.padded()), row_step_(patch.input_row_bytes - patch.row_bytes) {
         const size_t length = patch.row_bytes;
         for (size_t at = 0; at < padded_; at += size) {
             at = std::min(at, padded_ - size);
-            const size_t end = std::min<size_t>(at + size, patch.bytes), first = at / length, last = (end - 1) / length;
+            const size_t end = std::min<size_t>(at + size, patch.bytes), first = at / length,
+                         last = (end - 1) / length;
             Block& block = blocks_[count_++];
             block.at = at;
             block.from = at + first * row_step_;
@@ -98,10 +101,12 @@ class ShortRows {
         }
     }
 
-    // Block by block of so many patches that the first cache holds them, as a block's masks then stay in registers.
+    // Block by block of so many patches that the first cache holds them, as a block's masks then stay in
+    // registers.
     void copy(uint8_t* output, const uint8_t* input, size_t step, size_t count) const {
         const size_t at_once = std::max<size_t>(8, 8192 / padded_);
-        for (; count > 0; count -= std::min(count, at_once), output += at_once * padded_, input += at_once * step)
+        for (; count > 0;
+             count -= std::min(count, at_once), output += at_once * padded_, input += at_once * step)
             for (size_t i = 0; i < count_; ++i)
                 (this->*blocks_[i].store)(blocks_[i], output, input, step, std::min(count, at_once));
     }
@@ -109,8 +114,8 @@ class ShortRows {
   private:
     static constexpr size_t kMostRows = 8, kMostBlocks = 32;
 
-    // A block that takes its bytes from some rows. Rows continue each other in a patch: there, the one is row_step_
-    // behind the other.
+    // A block that takes its bytes from some rows. Rows continue each other in a patch: there, the one is
+    // row_step_ behind the other.
     struct Block {
         size_t at, from;
         void (ShortRows::*store)(const Block&, uint8_t*, const uint8_t*, size_t, size_t) const;
@@ -133,7 +138,8 @@ class ShortRows {
     }
     static constexpr auto kStores = []<size_t... i>(std::index_sequence<i...>) {
         return std::array{&ShortRows::store<i + 1>...};
-    }(std::make_index_sequence<kMostRows>());
+    }
+    (std::make_index_sequence<kMostRows>());
 
     size_t padded_, row_step_, count_ = 0;
     Block blocks_[kMostBlocks];
@@ -202,7 +208,8 @@ uint32_t kelRt_im2col(const uint8_t* input, uint8_t* output, uint32_t rows, uint
         in_room = out_room = 0;
     const auto copy_with = [&](const auto& copier) {
         // Where, from its start, what a patch may be copied from ends. The last ones go byte by byte.
-        const uint64_t in_reach = uint64_t{patch.rows - 1} * patch.input_row_bytes + patch.row_bytes + patch.pad;
+        const uint64_t in_reach =
+            uint64_t{patch.rows - 1} * patch.input_row_bytes + patch.row_bytes + patch.pad;
         const uint32_t step = colStride * channels;
         size_t written = 0;
         for (uint32_t oy = 0; oy < out_height; ++oy) {

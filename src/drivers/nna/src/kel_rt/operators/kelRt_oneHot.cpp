@@ -7,7 +7,8 @@
 namespace kelrt::KELRT_SET {
 namespace {
 
-constexpr size_t kShortFill = 256;  // bytes; beyond, memset has ways that are faster than stores, if it can be used
+constexpr size_t kShortFill =
+    256;  // bytes; beyond, memset has ways that are faster than stores, if it can be used
 
 void fill_words(uint8_t* out, uint32_t word, size_t bytes) {
     if (bytes > kShortFill && word == (word & 0xFF) * 0x01010101u) {

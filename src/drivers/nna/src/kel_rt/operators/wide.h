@@ -21,7 +21,8 @@ constexpr size_t kWide = 32;
 constexpr size_t kWide = 16;
 #endif
 
-// `size` bytes at any address. (Dereferenced, not copied: g++ makes four words of a memcpy into NEON's registers.)
+// `size` bytes at any address. (Dereferenced, not copied: g++ makes four words of a memcpy into NEON's
+// registers.)
 template <size_t size>
 struct WideTypes {
     typedef uint8_t Bytes __attribute__((vector_size(size)));
@@ -39,8 +40,8 @@ inline void store_bytes(uint8_t* to, Bytes<size> bytes) {
     *reinterpret_cast<typename WideTypes<size>::Anywhere*>(to) = bytes;
 }
 
-// Calls block<size>(at) for blocks that cover n bytes, a multiple of `unit`, as wide ones as fit; the last ends with
-// them and overlaps the one before.
+// Calls block<size>(at) for blocks that cover n bytes, a multiple of `unit`, as wide ones as fit; the last
+// ends with them and overlaps the one before.
 template <size_t unit = 1, size_t size = kWide, class Block>
 inline void for_wide_blocks(size_t n, Block block) {
     if (n >= size) {
@@ -52,8 +53,8 @@ inline void for_wide_blocks(size_t n, Block block) {
     }
 }
 
-// Outputs of this size and more fit no cache beside their inputs: stored past the caches they are not read first
-// (32 MB copied in two thirds of the time). Smaller ones would only be driven out of them.
+// Outputs of this size and more fit no cache beside their inputs: stored past the caches they are not read
+// first (32 MB copied in two thirds of the time). Smaller ones would only be driven out of them.
 constexpr size_t kStreamed = 16 << 20;
 
 #if defined(__SSE2__)

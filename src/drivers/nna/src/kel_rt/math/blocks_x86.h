@@ -112,9 +112,9 @@ template <int n, size_t count, class When, class Function, class Then, class Out
     return i;
 }
 
-// Vectors in lockstep: chains as long as that of exp need more than the registers hold (on Zen 3 exp
-// takes 1.24, 1.12, 0.95 and 1.07 cycles an element with 2, 4, 6 and 8), single operations no more than hide
-// a load.
+// Vectors in lockstep: chains as long as that of exp need more than the registers hold (on Zen 4 with AVX2
+// exp takes 1.24, 1.12, 0.95 and 1.07 cycles an element with 2, 4, 6 and 8), single operations no more than
+// hide a load.
 template <class When>
 constexpr size_t kInFlight = std::is_same_v<When, Below> ? (kWidest == 16 ? 8 : 6) : 4;
 

@@ -7,7 +7,7 @@
 namespace kelrt {
 namespace {
 
-// Four accumulators, from zero. add() and add_square() belong into a vector part.
+// Four accumulators, from zero. What adds belongs into a vector part, or where all is normal.
 class LaneSums {
   public:
     void add_blocks(const float* x, size_t count) {

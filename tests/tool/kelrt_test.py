@@ -217,6 +217,7 @@ class Refusals(KelrtTest):
         (self.folder / "many.json").write_text(json.dumps(add_job(contexts=add_job()["contexts"] * 67)))
         os.mkfifo(self.folder / "pipe")
         repeat = "is not a whole number from 1 to 1000000"
+        wide_kernel = "rows=1 cols=3 channels=1 kernelHeight=1 kernelWidth=5 filters=1 rowStride=0 colStride=0x7FFFFFFF"
         lookup = lambda index: ["op", "cpu_embedding", f"index=f4[1]:{index}", "table=f4[9]", "w=4"]
         for words, sentence in [
             (["walk" * 30000], "...walk: there is no such command; there are ops, run and op"),
@@ -233,6 +234,8 @@ class Refusals(KelrtTest):
             (lookup(2), "index=f4[1]:2: index of cpu_embedding is 2 and memory table has 2 rows"),
             (lookup("1e9"), "index=f4[1]:1e9: index of cpu_embedding is 1e+09 and memory table has 2 rows"),
             (lookup("0x7FC00000"), "index=f4[1]:0x7FC00000: index of cpu_embedding is nan and memory table has 2 rows"),
+            (["op", "cpu_im2col", "in=u1[3]", *wide_kernel.split()],
+             "in=u1[3]: in of cpu_im2col needs 4294967299 bytes from offset 0 and memory in has 3"),
             ([], "A subcommand is required"),
             (["walk"], "walk: there is no such command; there are ops, run and op"),
             (["run"], "JOB is required"),
@@ -510,7 +513,7 @@ class Endings(KelrtTest):
         memories = {f"m{i}": memory([64], values=[1.23456789e-30] * 64) for i in range(99)}
         (self.folder / "job.json").write_text(
             json.dumps({"memories": memories, "contexts": [], "outputs": list(memories)}))
-        for number in (signal.SIGINT, signal.SIGTERM, signal.SIGHUP, signal.SIGPIPE):
+        for number in (signal.SIGINT, signal.SIGTERM, signal.SIGHUP, signal.SIGPIPE, signal.SIGXCPU, signal.SIGUSR1):
             with self.subTest(signal=number):
                 process = self.start("run", "job.json", "--out", self.out, stdout=subprocess.PIPE)
                 while not (self.out.exists() and any(self.out.iterdir())):

@@ -16,8 +16,11 @@
 namespace tool {
 namespace {
 
-constexpr int kCrashes[] = {SIGSEGV, SIGBUS, SIGFPE, SIGILL, SIGABRT};
-constexpr int kRequests[] = {SIGINT, SIGTERM, SIGHUP, SIGQUIT, SIGPIPE};
+constexpr int kCrashes[] = {SIGSEGV, SIGBUS, SIGFPE, SIGILL, SIGABRT, SIGTRAP, SIGSYS};
+// Whatever else ends a program that knows nothing of it: the user, a lost terminal or reader, a limit, a
+// timer.
+constexpr int kRequests[] = {SIGINT,  SIGTERM, SIGHUP,  SIGQUIT,   SIGPIPE, SIGXCPU,
+                             SIGALRM, SIGUSR1, SIGUSR2, SIGVTALRM, SIGPROF, SIGIO};
 
 struct sigaction before[64];  // by signal: who handled it before us
 

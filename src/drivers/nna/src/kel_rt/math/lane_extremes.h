@@ -15,7 +15,7 @@ namespace {
 
 // As integers whose order is that of the unit's minimum and maximum: -0 below +0, NaN outside of the
 // infinities. What is subnormal is flushed at the end, which comes to the same since flushing keeps the
-// order. It takes five operations a vector, where the floating-point minimum of lanes_x86.h takes 30.
+// order. It takes five operations a vector, where the floating-point ones of lanes_x86.h take nine.
 template <int n>
 struct Extremes {
     IntVector<n> low, high;

@@ -9,6 +9,19 @@
 
 namespace kelrt::KELRT_SET {
 
+// Calls add() and ends the sums, in the mode that they need.
+template <class Add>
+static void add_up(LaneSums& sums, bool in_any_mode, Add add) {
+    const auto part = [&sums, add] {
+        add();
+        sums.finish();
+    };
+    if (in_any_mode)
+        part();
+    else
+        vector_part(part);
+}
+
 uint32_t kelRt_sumf(const float* in, float* out, uint32_t n) {
     const f32* x = in;
     f32* total = out;
@@ -16,10 +29,8 @@ uint32_t kelRt_sumf(const float* in, float* out, uint32_t n) {
     *total = 0.0f;
     LaneSums sums;
     if (whole > 0)
-        vector_part([=, &sums] {
-            sums.add_blocks(in, whole);
-            sums.finish();
-        });
+        add_up(sums, sums_stay_normal(in, 0.0f, whole, kLeastTerm),
+               [=, &sums] { sums.add_blocks(in, whole); });
     *total = sums.total();
     for (size_t i = whole; i < n; ++i)
         *total += x[i];
@@ -33,10 +44,8 @@ uint32_t kelRt_variancef(const float* in, float mean, float* out, uint32_t n) {
     *total = 0.0f;
     LaneSums sums;
     if (whole > 0)
-        vector_part([=, &sums] {
-            sums.add_squares(in, mean, whole);
-            sums.finish();
-        });
+        add_up(sums, sums_stay_normal(in, mean, whole, kLeastRoot),
+               [=, &sums] { sums.add_squares(in, mean, whole); });
     *total = sums.total();
     for (size_t i = whole; i < n; ++i) {
         const float d = x[i] - mean;

@@ -2,7 +2,7 @@
 // then a tail in ascending order.
 #pragma once
 
-#include "math/lanes.h"
+#include "math/blocks.h"
 
 namespace kelrt {
 namespace {
@@ -34,6 +34,33 @@ class LaneSums {
     lanes::Floats sums_ = lanes::Floats::splat(0.0f);
     float finished_[4] = {};
 };
+
+// The magnitudes, as words, from which on terms, and the squares of terms, are too large for a sum of them to
+// be subnormal: terms of 2^-103 are multiples of 2^-126, and so are their sums.
+constexpr uint32_t kLeastTerm = 0x0C000000u, kLeastRoot = 0x26000000u;  // 2^-103, 2^-51
+
+// Whether whole blocks can be added up in the caller's mode with the same result: all x - mean are zero or at
+// least that large. Only asked of short arrays, where it costs less than the change of the mode (16 elements:
+// 12 ns -> 7).
+#if defined(__SSE2__) && !defined(KELRT_LANES_PORTABLE)
+inline bool sums_stay_normal(const float* x, float mean, size_t count, uint32_t least) {
+    if (count > kShort || !caller_has_our_mode())
+        return false;
+    const auto small = [=]<int n>(const float* from, size_t elements) {
+        Watch<n> watch;
+        for (size_t i = 0; i < elements; i += n)
+            watch.tiny(sub(Plain<n>::load(from + i), Plain<n>::splat(mean)).v);
+        return any(reinterpret_cast<WordVector<n>>(watch.least < least - 1));
+    };
+    const size_t wide = count - count % kWidest;
+    return !small.template operator()<kWidest>(x, wide) &&
+           !small.template operator()<4>(x + wide, count - wide);
+}
+#else
+inline bool sums_stay_normal(const float*, float, size_t, uint32_t) {
+    return false;
+}
+#endif
 
 }  // namespace
 }  // namespace kelrt

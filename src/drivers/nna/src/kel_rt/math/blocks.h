@@ -125,8 +125,7 @@ namespace {
 
 template <uint32_t block = 4, class When, class Function, class Out, class... In>
 uint32_t for_blocks(uint32_t n, When when, Function f, Out* out, const In*... in) {
-    return for_blocks_then<block>(
-        n, when, f, [](size_t, size_t) {}, out, in...);
+    return for_blocks_then<block>(n, when, f, NothingFollows{}, out, in...);
 }
 
 }  // namespace

@@ -76,6 +76,10 @@ template <class F, size_t count, class To, size_t... k>
 void store_all(std::index_sequence<k...>, To to, const Many<F, count>& a) {
     (store_block(to + k * F::kLanes, a.v[k]), ...);
 }
+template <class F>
+void store_all(std::make_index_sequence<4>, int8_t* to, const Many<F, 4>& a) {
+    store_int8(to, a.v[0], a.v[1], a.v[2], a.v[3]);
+}
 
 // One group of blocks, count * n elements; false, with nothing stored, if it needs the exact lanes.
 template <int n, size_t count, class Function, class To, class... In>

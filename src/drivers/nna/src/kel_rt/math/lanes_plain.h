@@ -252,7 +252,8 @@ inline void store_int8(void* p, PlainInts<16> a, PlainInts<16> b, PlainInts<16> 
     };
     const __m512i bytes =
         _mm512_packs_epi16(packed(a, b), packed(c, d));  // by fours, each quarter for itself
-    const __m512i order = _mm512_setr_epi32(0, 4, 8, 12, 1, 5, 9, 13, 2, 6, 10, 14, 3, 7, 11, 15);
+    const auto order =
+        reinterpret_cast<__m512i>(IntVector<16>{0, 4, 8, 12, 1, 5, 9, 13, 2, 6, 10, 14, 3, 7, 11, 15});
     _mm512_storeu_si512(p, _mm512_permutexvar_epi32(order, bytes));
 }
 #endif

@@ -63,8 +63,8 @@ template <size_t count>
 using Arrays = std::array<const float*, count>;
 
 // The sums of the whole blocks of several arrays of n elements; add(sum, block, k) is the step of array k.
-// Side by side, since each addition waits for the one before in its own array only: the statistics of four
-// gates take 0.4 of the time.
+// Side by side, since each addition waits for the one before in its own array only: an LSTM step that
+// normalises its gates takes 0.8 of the time.
 template <size_t count, class Add>
 std::array<float, count> block_sums(const Arrays<count>& x, uint32_t n, bool in_any_mode, Add add) {
     float lanes[count][4] = {};

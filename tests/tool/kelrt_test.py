@@ -127,6 +127,7 @@ class Refusals(KelrtTest):
             (with_memory(memory([2**31, 2**31, 2**31])), "...memories.w.shape: a memory of shape (2147483648, "),
             (with_memory(memory([1] * 33)), "memories.w.shape: a shape has at most 32 dimensions"),
             (with_memory(memory([2**29 - 48], "u1")) | {"contexts": 1}, "contexts: a list is wanted here"),
+            (add_job(memories={"w": memory([2**29], "u1")}, contexts=1), "contexts: a list is wanted here"),
             (with_memory(memory([2**29 - 47], "u1")), "memories.w: the memories take more than 512 MiB together"),
             (with_memory(memory([2**29 - 48], "u1")) | {"sram": memory([1], "u1")},
              "sram: the memories take more than 512 MiB together"),

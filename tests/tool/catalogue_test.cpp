@@ -132,6 +132,8 @@ const char* const kExamples[] = {
     "cpu_matmul a:24 b:60 c:40 aRows=3 aCols=2 bRows=5 bCols=3 transA=1 transB=1",
     "cpu_matmul a:24 b:324 c:72 aRows=2 aCols=3 bRows=9 bCols=9 transA=0 transB=1",
     "cpu_matmul a:24 b:0 c:0 aRows=3 aCols=2 bRows=3 bCols=0 transA=1 transB=0",
+    "cpu_matmul a:0 b:0 c:0 aRows=2 aCols=3 bRows=3 bCols=0 transA=0 transB=0",
+    "cpu_matmul a:0 b:0 c:0 aRows=0 aCols=3 bRows=3 bCols=5 transA=0 transB=0",
     "cpu_matmul a:0 b:60 c:0 aRows=0xFFFFFFFF aCols=3 bRows=5 bCols=3 transA=0 transB=1",
     "cpu_matmul a:12 b:12 c:36 aRows=1 aCols=3 bRows=3 bCols=1 transA=1 transB=1",
     "cpu_featurenorm in:36 total=11 mean:12 var:12 featureLen=3 out:36",

@@ -514,17 +514,26 @@ class Endings(KelrtTest):
         memories = {f"m{i}": memory([64], values=[1.23456789e-30] * 64) for i in range(99)}
         (self.folder / "job.json").write_text(
             json.dumps({"memories": memories, "contexts": [], "outputs": list(memories)}))
-        for number in (signal.SIGINT, signal.SIGTERM, signal.SIGHUP, signal.SIGPIPE, signal.SIGXCPU, signal.SIGUSR1):
+        def start(number, reaction):  # whatever this process has been told, by nohup say
+            process = self.start("run", "job.json", "--out", self.out, stdout=subprocess.PIPE,
+                                 preexec_fn=lambda: signal.signal(number, reaction))
+            while not (self.out.exists() and any(self.out.iterdir())):
+                time.sleep(0.1)
+            return process
+
+        for number in (signal.SIGINT, signal.SIGTERM, signal.SIGHUP, signal.SIGPIPE, signal.SIGALRM, signal.SIGUSR1):
             with self.subTest(signal=number):
-                process = self.start("run", "job.json", "--out", self.out, stdout=subprocess.PIPE)
-                while not (self.out.exists() and any(self.out.iterdir())):
-                    time.sleep(0.1)
+                process = start(number, signal.SIG_DFL)
                 if number == signal.SIGPIPE:
                     process.stdout.close()
                 else:
                     process.send_signal(number)
                 self.assertEqual(process.wait(60), -number)
                 self.assertFalse(self.out.exists())
+        process = start(signal.SIGHUP, signal.SIG_IGN)
+        process.send_signal(signal.SIGHUP)
+        process.communicate()
+        self.assertEqual((process.returncode, len(self.written())), (0, 99))
 
     def test_sets_of_outputs_do_not_mix(self):
         self.out.mkdir()

@@ -184,8 +184,8 @@ class Refusals(KelrtTest):
             (with_args(Z, X, {"mem": "z", "offset": 4}, 3),
              "contexts[0].args[2]: b and out of cpu_ewop_add both touch bytes 4 to 11 of memory z; they may begin at "
              "the same byte, or lie apart"),
-            (with_args(X, {"mem": "x", "offset": 4}, 5, op="cpu_split"),
-             "contexts[0].args[1]: out and in of cpu_split both touch bytes 4 to 4 of memory x; they must lie apart"),
+            (with_args({"mem": "x", "offset": 8}, {"mem": "x", "offset": 11}, 4, op="cpu_split"),
+             "contexts[0].args[1]: out and in of cpu_split both touch bytes 11 to 11 of memory x; they must lie apart"),
             (with_args(Z, {"mem": "y", "offset": 12}, X, 4, op="cpu_embedding"),
              "contexts[0].args[1]: index of cpu_embedding is 40 and memory x has 1 row"),
             (dict(with_args(0, 0, 1, 17, Z, op=17), sram=memory([16], "u1")),

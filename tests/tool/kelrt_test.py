@@ -150,6 +150,7 @@ class Refusals(KelrtTest):
             (with_memory({"npy": "i4.npy", "shape": [3]}), "memories.w.shape: the file i4.npy has shape (2,)"),
             (with_memory({"npy": "i4.npy", "values": []}), "memories.w.values: a memory has either a file or values"),
             (add_job(sram=memory([17], "u1", base=2**32 - 16)), "sram: the SRAM reaches beyond 32-bit addresses"),
+            (add_job(sram=memory([16], "u1", base=2**32 - 16), contexts=1), "contexts: a list is wanted here"),
             # operators and arguments
             (with_args(Z, X, Y, 4, op="cpu_add"), "contexts[0].op: there is no operator cpu_add (see kelrt ops)"),
             (with_args(Z, X, Y, 4, op=19), "contexts[0].op: there is no operator 19 (see kelrt ops)"),
@@ -165,6 +166,7 @@ class Refusals(KelrtTest):
             (with_args(Z, X, Y, 4.0), "contexts[0].args[3]: " + U32),
             (with_args(Z, X, Y, 2**32), "contexts[0].args[3]: " + U32),
             (with_args(Z, X, Y, "0x100000000"), "contexts[0].args[3]: " + U32),
+            (with_args(Z, X, Y, "0x000000004"), "contexts[0].args[3]: " + U32),
             (with_args(Z, X, Y, "4"), "contexts[0].args[3]: " + U32),
             (with_args(*one_hot[:3], {"flt": 1e39}, {"flt": 0}, op=3), "contexts[0].args[3].flt: " + FLOAT),
             (with_args(*one_hot[:3], {"flt": "1"}, {"flt": 0}, op=3), "contexts[0].args[3].flt: " + FLOAT),
@@ -268,6 +270,11 @@ class Refusals(KelrtTest):
              "a=none.npy: none.npy: cannot open the file (No such file or directory)"),
             (["op", "cpu_ewop_add", "a=f4[1]", "b=f4[1]", "n=0xFFFFFFFF"],
              "out: the operator needs more than 512 MiB for it"),
+            (["op", "cpu_split", "in=u1[1]", "nbytes=1", f"out.offset={2**29}"],
+             "out: the operator needs more than 512 MiB for it"),
+            (["op", "cpu_split", "in=u1[1]", "nbytes=1", f"out.offset={2**29 - 1}"],
+             "cpu_split: the memories take more than 512 MiB together"),
+            (["op", "cpu_split", "in=u1[1" + ",1" * 32 + "]", "nbytes=1"], "...]: the memory is too large"),
             (["op", "nna_sram_get", "sram_address=0", "row_size=1", "sram_stride=1", "rows=1"],
              "nna_sram_get: the SRAM is missing; it is given as sram=FILE.npy or sram=u1[64]"),
         ]:
@@ -284,6 +291,9 @@ class Refusals(KelrtTest):
             self.assertEqual(result.stderr, "kelrt: job.json: contexts[1].args[1]: index of cpu_embedding is 11 and "
                                             "memory x has 4 rows\n")
             self.assertFalse(self.out.exists())
+        job["memories"]["z"]["values"] = [9] * 4
+        job["contexts"][0] = {"op": "cpu_split", "args": [X, Z, 4]}
+        self.assertEqual(self.run_job(job).returncode, 0)
 
 
 class Runs(KelrtTest):
@@ -366,6 +376,7 @@ class Runs(KelrtTest):
                 result = self.kelrt("op", *words.split())
                 self.assertEqual((result.returncode, result.stderr), (0, ""), result)
                 self.assertIn(shown, result.stdout)
+                self.assertEqual("\nsram  " in result.stdout, "nna_sram_set" in words)
         self.kelrt("op", "cpu_ewop_add", "a=x.npy", "b=x.npy", "n=4", "--out", self.out)
         self.assertEqual(self.written(), {"out.npy": npy("f4", [4], [2, 4, 6, 8])})
         result = self.kelrt("op", "cpu_ewop_add", "a=none", "b=f4[4]", "n=4")
@@ -442,6 +453,7 @@ class Runs(KelrtTest):
             (raw(a0=[2, 0, 4]), 1, "| Context Argument[0] Type Mismatch expected init_to_val actual init_to_mem_idx"),
             (raw(a3=["0xFFFFFF09", 0, 0]), 1, "| Unknown Context Argument[3] Type 9"),
             (raw(a2=[2, 0, 77]), 1, "NNA_SIM_STATUS_UNKNOWN_MEMORY (2001)"),
+            (raw(a2=[2, 0, 2**20 - 1]), 1, "NNA_SIM_STATUS_UNKNOWN_MEMORY (2001)"),
             (raw(a3=[2, 0, "0xFFFFFFFF"]), 1, "| Bad Address Input 0 (nil)"),
             # Fewer records than the operator reads; what is missing is of type "init_none".
             ({"raw": good[:4]}, 1, "| Context Argument[4] Type Mismatch expected init_to_mem_idx actual init_none"),
@@ -538,7 +550,7 @@ class Endings(KelrtTest):
     def test_sets_of_outputs_do_not_mix(self):
         self.out.mkdir()
         ours = os.open(self.out, os.O_RDONLY)
-        fcntl.flock(ours, fcntl.LOCK_EX)  # as another run does
+        fcntl.flock(ours, fcntl.LOCK_SH)  # another run would not even share
         (self.folder / "job.json").write_text(json.dumps(add_job()))
         process = self.start("run", "job.json", "--out", self.out, stdout=subprocess.DEVNULL)
         time.sleep(1)

@@ -22,7 +22,8 @@ import unittest
 KELRT = []
 JOBS = pathlib.Path(__file__).resolve().parents[2] / "examples" / "jobs"
 # A sanitizer's verdict must not pass for a failed context.
-ENVIRONMENT = dict(os.environ, ASAN_OPTIONS="exitcode=99", UBSAN_OPTIONS="exitcode=99")
+ENVIRONMENT = dict(os.environ, ASAN_OPTIONS="exitcode=99", UBSAN_OPTIONS="exitcode=99",
+                   TSAN_OPTIONS="exitcode=99")
 SANITIZED = os.environ.get("KELRT_SANITIZED") == "1"
 CODES = {"f4": "f", "i4": "i", "i2": "h", "i1": "b", "u1": "B"}
 

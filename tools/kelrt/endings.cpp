@@ -4,6 +4,7 @@
 
 #include <unistd.h>
 
+#include <cerrno>
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
@@ -45,9 +46,11 @@ void say(size_t number) {
 }
 
 void on_request(int signal) {
+    const int error = errno;  // of the interrupted code, should whoever comes next go on
     npy::remove_unfinished_files();
     ::sigaction(signal, &before[signal], nullptr);
     ::raise(signal);  // and end as if nobody had interfered
+    errno = error;
 }
 
 void on_crash(int signal, siginfo_t* info, void*) {

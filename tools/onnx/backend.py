@@ -15,6 +15,7 @@ from onnx.backend.base import Backend, BackendRep
 
 import lower
 from graph import Refused
+from job import Job
 
 TOOL = pathlib.Path(__file__).resolve().parents[2] / "build" / "host" / "bin" / "kelrt"
 
@@ -28,42 +29,42 @@ def refusals(report: Sequence[lower.Lowered]) -> list[str]:
 
 
 class KelRtModel(BackendRep):
-    """A model that can be lowered. The job is written at each run, as its inputs are among its files; which contexts it
-    has does not depend on them."""
+    """A model's job. Only the values of its inputs change from run to run."""
 
-    def __init__(self, model: onnx.ModelProto, options: lower.Options) -> None:
-        self.model, self.options = model, options
+    def __init__(self, model: onnx.ModelProto, job: Job, folder: pathlib.Path | None) -> None:
+        self.job, self.folder = job, folder
+        constants = {tensor.name for tensor in model.graph.initializer}
+        self.inputs = [value.name for value in model.graph.input if value.name not in constants]
+        self.outputs = [value.name for value in model.graph.output]
 
     def run(self, inputs: Sequence[np.ndarray], **kwargs: object) -> tuple[np.ndarray, ...]:
-        constants = {tensor.name for tensor in self.model.graph.initializer}
-        names = [value.name for value in self.model.graph.input if value.name not in constants]
-        given = dict(zip(names, map(np.asarray, inputs)))
-        job, report = lower.lower(self.model, given, self.options)
-        if refused := refusals(report):
-            raise Refused(refused[0])
-        result = job.run(command())
-        return tuple(result[output.name] for output in self.model.graph.output)
+        for name, array in zip(self.inputs, inputs):
+            self.job.set_input(name, np.asarray(array))
+        result = self.job.run(command(), self.folder)
+        return tuple(result[name] for name in self.outputs)
 
 
 class KelRtBackend(Backend):
+    folder: pathlib.Path | None = None  # where the job and its files stay after a run
+
+    @classmethod
+    def refused(cls, model: onnx.ModelProto, **kwargs: object) -> list[str]:
+        """Why a model cannot be lowered, a sentence for each node that cannot."""
+        try:
+            return refusals(lower.lower(model, {}, lower.Options(**kwargs))[1])
+        except Refused as refused:
+            return [str(refused)]
+
     @classmethod
     def is_compatible(cls, model: onnx.ModelProto, device: str = "CPU", **kwargs: object) -> bool:
         return not cls.refused(model)
 
     @classmethod
-    def refused(cls, model: onnx.ModelProto, options: lower.Options | None = None) -> list[str]:
-        """Why not, a sentence for each node."""
-        try:
-            return refusals(lower.lower(model, {}, options or lower.Options())[1])
-        except Refused as refused:
-            return [str(refused)]
-
-    @classmethod
     def prepare(cls, model: onnx.ModelProto, device: str = "CPU", **kwargs: object) -> KelRtModel:
-        options = lower.Options(**kwargs)
-        if refused := cls.refused(model, options):
+        job, report = lower.lower(model, {}, lower.Options(**kwargs))
+        if refused := refusals(report):
             raise Refused(refused[0])
-        return KelRtModel(model, options)
+        return KelRtModel(model, job, cls.folder)
 
     @classmethod
     def supports_device(cls, device: str) -> bool:

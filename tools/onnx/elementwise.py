@@ -94,7 +94,10 @@ def leaky_relu(node: Node) -> Tensor:
 
 @lowers("PRelu")
 def parametric_relu(node: Node) -> Tensor:
-    return _by_sign(node, arithmetic.multiply(node.job, node.floats(), node.floats(1)))
+    x, slope = node.floats(), node.floats(1)
+    if node.opset < 7 and slope.size > 1:  # one for each channel
+        slope = slope.reshape(-1, *[1] * (x.at.ndim - 2))
+    return _by_sign(node, arithmetic.multiply(node.job, x, slope))
 
 
 def _by_sign(node: Node, below: Tensor) -> Tensor:

@@ -59,7 +59,7 @@ class Graph:
         """An input, whose shape has to be known."""
         value = _value(info)
         if value is None:
-            raise Refused(f"input '{info.name}' is no tensor of numbers")
+            raise Refused(f"input '{info.name}' is no tensor of numbers that numpy has")
         if value.shape is None:
             dims = info.type.tensor_type.shape.dim
             text = ", ".join(str(dim.dim_value) if dim.HasField("dim_value") else dim.dim_param or "?" for dim in dims)
@@ -84,7 +84,7 @@ def _value(info: onnx.ValueInfoProto) -> Value | None:
         return None
     tensor = info.type.tensor_type
     dtype = mapping.TENSOR_TYPE_TO_NP_TYPE.get(tensor.elem_type)
-    if dtype is None or dtype == np.dtype(object):
+    if dtype is None or dtype == np.dtype(object) or tensor.elem_type == onnx.TensorProto.BFLOAT16:
         return None
     fixed = tensor.HasField("shape") and all(dim.HasField("dim_value") for dim in tensor.shape.dim)
     return Value(dtype, tuple(dim.dim_value for dim in tensor.shape.dim) if fixed else None)

@@ -39,6 +39,7 @@ DTYPES = {"float32": "f4", "int32": "i4", "int16": "i2", "int8": "i1", "uint8": 
 FLOATS = ("f4", "u1")
 BYTES = ("i1", "u1")
 ANY = (*DTYPES.values(),)
+ANY_OUTPUT = ("cpu_split", "cpu_copy_fmt_conv", "cpu_hw32_fmt_conv_param")  # give elements of any type
 MOST_CONTEXTS = 400_000  # what the tool reads in two seconds
 MOST_BYTES = 512 << 20  # of all memories together
 
@@ -62,12 +63,15 @@ class Memory:
 
     @property
     def tool_dtype(self) -> str:
-        return DTYPES.get(self.dtype.name, "u1")
+        """Buffers are raw bytes to the tool, which then serve every operand, and so are types that it does not know."""
+        return "u1" if self.role == "buffer" else DTYPES.get(self.dtype.name, "u1")
 
     def array(self) -> np.ndarray:
-        """The initial bytes as the tool is to see them: of a type unknown to it, bytes along a further axis."""
-        known = self.dtype.name in DTYPES
-        return self.initial.view(self.dtype).reshape(self.shape) if known else self.initial.reshape(*self.shape, -1)
+        """The initial bytes as the tool is to see them: raw ones along a further axis."""
+        size = self.dtype.itemsize
+        if self.tool_dtype == "u1":
+            return self.initial.reshape(*self.shape, size) if size > 1 else self.initial.reshape(self.shape)
+        return self.initial.view(self.dtype).reshape(self.shape)
 
 
 class Tensor:
@@ -99,7 +103,7 @@ class Tensor:
         return Tensor(np.asarray(self.at[key]), self.dtype)
 
     def reshape(self, *shape: int) -> "Tensor":
-        return Tensor(self.at.reshape(shape), self.dtype)
+        return Tensor(self.at.reshape(*shape) if shape else self.at.reshape(()), self.dtype)
 
     def transpose(self, *axes: int) -> "Tensor":
         return Tensor(self.at.transpose(axes or None), self.dtype)
@@ -138,7 +142,7 @@ class Job:
         self.outputs: dict[str, tuple[Memory, Tensor]] = {}
         self._on_cpu: dict[int, int] = {}  # of inputs that had to be cut up: their copy's address
         self._names: set[str] = {"sram"}
-        self._uses: collections.Counter[int] = collections.Counter()  # of memories, by contexts
+        self._users: dict[int, list[str]] = collections.defaultdict(list)  # operators that use a memory
 
     # ---- memories ----
 
@@ -149,6 +153,12 @@ class Job:
     def input(self, name: str, array: np.ndarray) -> Tensor:
         """A tensor in accelerator memory. The values of `array` [any shape] are what the job is run with."""
         return self._memory("input", "accelerator", np.ascontiguousarray(array).reshape(np.shape(array)), name)
+
+    def set_input(self, name: str, array: np.ndarray) -> None:
+        """Other values for the next run."""
+        memory = next(memory for memory in self.memories if memory.role == "input" and memory.name == _file_name(name))
+        assert (array.dtype, array.shape) == (memory.dtype, memory.shape), (array.dtype, array.shape)
+        memory.initial = np.ascontiguousarray(array).reshape(-1).view(np.uint8)
 
     def buffer(self, shape: Sequence[int], dtype: object = np.float32) -> Tensor:
         """Zeros [shape] on the CPU, for an operator to write."""
@@ -167,8 +177,10 @@ class Job:
         if not tensor.size:
             return False
         memory = self.memory_of(tensor)
+        users = self._users[memory.number]
+        fits = users[0] in ANY_OUTPUT or (tensor.dtype == np.float32 and users[0] != "cpu_im2col") if users else False
         whole = tensor.nbytes == len(memory.initial)
-        if memory.role != "buffer" or not whole or memory.initial.any() or self._uses[memory.number] != 1:
+        if memory.role != "buffer" or not whole or memory.initial.any() or len(users) != 1 or not fits:
             return False
         memory.name, memory.kind, memory.role = self._unused(_file_name(name)), "accelerator", "output"
         memory.dtype, memory.shape = tensor.dtype, tensor.shape
@@ -277,7 +289,9 @@ class Job:
         if len(self.contexts) >= MOST_CONTEXTS:
             raise JobError(f"it takes more than {MOST_CONTEXTS} contexts")
         self.contexts.append((operator, arguments))
-        self._uses.update(value[0] for value in arguments if isinstance(value, tuple))
+        for value in arguments:
+            if isinstance(value, tuple):
+                self._users[value[0]].append(operator)
 
     def _run(self, operator: str, shape: Sequence[int], arguments: list, dtype: object = np.float32) -> Tensor:
         """One context that makes a tensor [shape], which stands as None among its arguments. Nothing is called for a

@@ -163,7 +163,10 @@ def _results(proto: onnx.NodeProto, shapes: Graph, job: Job, tensors: dict[str, 
         raise Refused(missing.reason(proto.op_type, shapes.opset))
     else:
         node = Node(job, proto.op_type, shapes.opset, inputs, attributes, values, options, len(proto.output))
-        made = LOWERINGS[proto.op_type](node)
+        try:
+            made = LOWERINGS[proto.op_type](node)
+        except (ValueError, IndexError) as error:  # of shapes that do not fit together
+            raise Refused(f"its inputs and attributes do not fit together: {graph.first_line(error)}") from error
         made = [made] if isinstance(made, Tensor) else list(made)
     _check(proto, made, values)
     return made

@@ -14,7 +14,7 @@ def _parameters(node: Node, dtype: object) -> tuple[Tensor, Tensor]:
     zero = node.job.constant(node.job.value(zero).astype(np.float32)) if node.job.is_constant(zero) else \
         arithmetic.to_floats(node.job, zero)
     if step.size == 1:
-        return step.reshape(()), zero.reshape(())
+        return step.reshape(), zero.reshape()
     axis = int(node.get("axis", 1)) % x.at.ndim
     along = (-1, *[1] * (x.at.ndim - axis - 1))
     return step.reshape(*along), zero.reshape(*along)

@@ -78,9 +78,9 @@ def tanh(job: Job, x: Tensor) -> Tensor:
     return job.lstm_states("", job.copied(x.reshape(-1)), gates).reshape(*x.shape)
 
 
-def not_negative(job: Job, x: Tensor) -> Tensor:
-    """1 where x >= 0 (or is not a number), 0 where x < 0, from the ends of the range of 8 bits."""
-    saturated = job.convert(divide(job, x, full(job, (), 1 / HUGE)), np.int8, frac_bits=7)  # -1 and less, or 0 and more
+def at_least(job: Job, a: Tensor, b: Tensor) -> Tensor:
+    """1 where a >= b (or one of them is not a number), 0 where a < b, from the ends of the range of 8 bits."""
+    saturated = job.convert(_normalised(job, a, b, full(job, (), 1 / HUGE)), np.int8, frac_bits=7)  # < 0, or 0 and more
     upwards = job.add(job.convert(saturated, np.float32, frac_bits=7), full(job, (), 1))  # [0, 1) or [1, 2)
     return job.convert(job.convert(upwards, np.int8), np.float32)
 
@@ -98,12 +98,12 @@ def choose(job: Job, condition: Tensor, a: Tensor, b: Tensor) -> Tensor:
 
 def maximum(job: Job, a: Tensor, b: Tensor) -> Tensor:
     a, b = _dense(job, a, b)
-    return choose(job, not_negative(job, subtract(job, a, b)), a, b)
+    return choose(job, at_least(job, a, b), a, b)
 
 
 def minimum(job: Job, a: Tensor, b: Tensor) -> Tensor:
     a, b = _dense(job, a, b)
-    return choose(job, not_negative(job, subtract(job, b, a)), a, b)
+    return choose(job, at_least(job, b, a), a, b)
 
 
 def _dense(job: Job, *tensors: Tensor) -> list[Tensor]:
@@ -211,5 +211,5 @@ def index(job: Job, indices: Tensor, size: int) -> Tensor:
     floats = flat if indices.dtype == np.float32 else to_floats(job, flat)
     if indices.dtype.kind == "u":
         return floats.reshape(*indices.shape)
-    below = subtract(job, full(job, (), 1), not_negative(job, floats))
+    below = subtract(job, full(job, (), 1), at_least(job, floats, full(job, (), 0)))
     return job.add(floats, scale(job, below, full(job, (), size))).reshape(*indices.shape)

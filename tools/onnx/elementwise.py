@@ -102,15 +102,15 @@ def parametric_relu(node: Node) -> Tensor:
 
 def _by_sign(node: Node, below: Tensor) -> Tensor:
     x = node.job.floats(node.floats())
-    return arithmetic.choose(node.job, arithmetic.not_negative(node.job, x), x, below)
+    return arithmetic.choose(node.job, arithmetic.at_least(node.job, x, arithmetic.full(node.job, (), 0)), x, below)
 
 
 @lowers("ThresholdedRelu")
 def thresholded_relu(node: Node) -> Tensor:
-    """x where it is greater than alpha: where alpha - x is negative."""
+    """x where it is greater than alpha, else 0."""
     job, x = node.job, node.job.floats(node.floats())
-    over = arithmetic.subtract(job, arithmetic.full(job, (), float(node.get("alpha", 1.0))), x)
-    return arithmetic.choose(job, arithmetic.not_negative(job, over), arithmetic.full(job, x.shape, 0), x)
+    alpha = arithmetic.full(job, (), float(node.get("alpha", 1.0)))
+    return arithmetic.choose(job, arithmetic.at_least(job, alpha, x), arithmetic.full(job, (), 0), x)
 
 
 @lowers("HardSigmoid")

@@ -1,12 +1,17 @@
 """An ONNX model as the lowering sees it: nodes whose inputs, types and shapes are known, or one sentence why not."""
 import dataclasses
 import os
+import re
+import warnings
 
 import google.protobuf.message
 import numpy as np
 import onnx
+import onnx.defs
 import onnx.shape_inference
 from onnx import helper, mapping, numpy_helper
+
+import missing
 
 DOMAINS = ("", "ai.onnx")
 
@@ -35,6 +40,7 @@ class Graph:
         if graph.sparse_initializer:
             raise Refused(f"initializer '{graph.sparse_initializer[0].values.name}' is sparse")
         self.constants = {tensor.name: self._array(tensor) for tensor in graph.initializer}
+        self._check_operators()
         self.values = self._values()
         self.inputs = {value.name: self._fixed(value) for value in graph.input if value.name not in self.constants}
         self._check_order()
@@ -66,6 +72,22 @@ class Graph:
             raise Refused(f"input '{info.name}' has the dynamic shape [{text}]; a job is written for one shape")
         return value
 
+    def _check_operators(self) -> None:
+        """Each has as many inputs as ONNX says. One that ONNX does not know is refused when it is lowered."""
+        imported = {entry.domain for entry in self.model.opset_import}
+        for node in self.model.graph.node:
+            if node.domain not in (*imported, *DOMAINS):
+                raise Refused(f"{title(node)}: operators of the domain {node.domain} are not known")
+            if node.domain not in DOMAINS or not onnx.defs.has(node.op_type):
+                continue
+            try:
+                schema = onnx.defs.get_schema(node.op_type, self.opset, "")
+            except onnx.defs.SchemaError:  # it came, or went, with another operator set
+                raise Refused(f"{title(node)}: {missing.unknown(self.opset)}") from None
+            if not schema.min_input <= len(node.input) <= schema.max_input:
+                raise Refused(f"{title(node)}: it has {len(node.input)} inputs and takes {schema.min_input} to "
+                              f"{schema.max_input}")
+
     def _check_order(self) -> None:
         known = {"", *self.constants, *self.inputs}
         for node in self.model.graph.node:
@@ -92,7 +114,9 @@ def _value(info: onnx.ValueInfoProto) -> Value | None:
 
 def load(path: str | os.PathLike) -> onnx.ModelProto:
     try:
-        model = onnx.load(os.fspath(path))
+        with warnings.catch_warnings():
+            warnings.simplefilter("ignore")  # what is wrong comes as an exception, too
+            model = onnx.load(os.fspath(path))
     except OSError as error:
         raise Refused(f"{path}: {error.strerror}") from None
     except (google.protobuf.message.DecodeError, onnx.checker.ValidationError) as error:
@@ -113,5 +137,6 @@ def attributes(node: onnx.NodeProto) -> dict[str, object]:
 
 
 def first_line(error: Exception) -> str:
-    lines = str(error).strip().splitlines()
+    """Of what an exception says, without the kinds of error that ONNX sets in brackets before it."""
+    lines = re.sub(r"\[\w+Error\] *", "", str(error)).strip().splitlines()
     return lines[0].strip() if lines else type(error).__name__

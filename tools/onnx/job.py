@@ -156,7 +156,7 @@ class Job:
 
     def set_input(self, name: str, array: np.ndarray) -> None:
         """Other values for the next run."""
-        memory = next(memory for memory in self.memories if memory.role == "input" and memory.name == _file_name(name))
+        memory = next(memory for memory in self.memories if memory.role == "input" and memory.name == file_name(name))
         assert (array.dtype, array.shape) == (memory.dtype, memory.shape), (array.dtype, array.shape)
         memory.initial = np.ascontiguousarray(array).reshape(-1).view(np.uint8)
 
@@ -182,13 +182,13 @@ class Job:
         whole = tensor.nbytes == len(memory.initial)
         if memory.role != "buffer" or not whole or memory.initial.any() or len(users) != 1 or not fits:
             return False
-        memory.name, memory.kind, memory.role = self._unused(_file_name(name)), "accelerator", "output"
+        memory.name, memory.kind, memory.role = self._unused(file_name(name)), "accelerator", "output"
         memory.dtype, memory.shape = tensor.dtype, tensor.shape
         return True
 
     def _memory(self, role: str, kind: str, array: np.ndarray, name: str = "") -> Tensor:
         number = len(self.memories)
-        name = self._unused(_file_name(name) or f"{role}_{number}")
+        name = self._unused(file_name(name) or f"{role}_{number}")
         initial = array.reshape(-1).view(np.uint8)
         self.memories.append(Memory(number, name, kind, role, initial, array.dtype, array.shape))
         offsets = np.arange(array.size, dtype=np.int64).reshape(array.shape) * array.dtype.itemsize
@@ -438,7 +438,7 @@ class Job:
         used = sorted({value[0] for _, arguments in self.contexts for value in arguments if isinstance(value, tuple)}
                       | {memory.number for memory, _ in self.outputs.values()})
         if (total := sum(len(self.memories[number].initial) for number in used)) > MOST_BYTES:
-            raise JobError(f"its memories take {total >> 20} MiB and the tool has {MOST_BYTES >> 20}")
+            raise JobError(f"the job's memories take {total >> 20} MiB, and the tool has {MOST_BYTES >> 20}")
         memories = {self.memories[number].name: self._described(self.memories[number], folder) for number in used}
         lines = [json.dumps({"op": operator, "args": [self._spelt(value) for value in arguments]})
                  for operator, arguments in self.contexts]
@@ -476,7 +476,7 @@ class Job:
         return files.load(memory.name).reshape(-1).view(tensor.dtype).reshape(tensor.shape)
 
 
-def _file_name(name: str) -> str:
+def file_name(name: str) -> str:
     """A name that may be one of a memory and of a file."""
     return re.sub(r"[^A-Za-z0-9_.-]+|^[.-]", "_", name)[:90]
 

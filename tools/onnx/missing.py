@@ -31,4 +31,8 @@ def reason(operator: str, opset: int) -> str:
         return _BY_OPERATOR[operator]
     if onnx.defs.has(operator):
         return "it is not lowered"
+    return unknown(opset)
+
+
+def unknown(opset: int) -> str:
     return f"there is no operator of this name in ONNX's operator set {opset}"

@@ -12,7 +12,11 @@ CONTEXT = re.compile(r"^ *\d+  (\S+) +(.*?)  ([0-9.]+) us")
 
 
 class ToolError(Exception):
-    """The tool refused a job or a context failed, in one sentence."""
+    """In one sentence: a context failed (code 1), or the tool refused the job or cannot be run (code 2)."""
+
+    def __init__(self, sentence: str, code: int = 2) -> None:
+        super().__init__(sentence)
+        self.code = code
 
 
 @dataclasses.dataclass
@@ -69,5 +73,5 @@ def run(command: Sequence[str], job: pathlib.Path, out: pathlib.Path | None = No
     if done.returncode != 0:
         failed = [f"{operator}: {status}" for operator, status, _ in report.contexts[-1:]]
         said = (done.stderr if done.returncode == 2 else "").strip().splitlines() or failed or ["it said nothing"]
-        raise ToolError(f"{command[-1]} ended with {done.returncode}: {said[-1]}")
+        raise ToolError(f"{command[-1]} ended with {done.returncode}: {said[-1]}", 1 if done.returncode == 1 else 2)
     return Files(out, report)

@@ -2,7 +2,7 @@
 import onnx.defs
 
 REASONS = {
-    "no operator of the library takes a square root, logarithm or power, or a circular function": """
+    "no operator of the library gives a square root, a logarithm, a power or a circular function": """
         Acos Acosh Asin Asinh Atan Atanh BlackmanWindow Cos Cosh DFT Erf HammingWindow HannWindow Log LogSoftmax
         MelWeightMatrix Mish Pow ReduceL2 ReduceLogSum ReduceLogSumExp STFT Sin Sinh Softplus Sqrt Tan LpNormalization
         LpPool SoftmaxCrossEntropyLoss MeanVarianceNormalization""",

@@ -27,7 +27,7 @@ CASES = ("add_bcast|sub|matmul_4d|gemm_all_attributes|softmax_large_number|softm
          "|gather_negative_indices|gather_elements_0|gathernd_example_int32_batch_dim1|split_equal_parts_2d"
          "|concat_2d_axis_1|transpose_all_permutations_5|expand_dim_changed|lstm_(defaults|with_initial_bias|batchwise)|Conv1d_pad2|Conv2d_groups"
          "|Conv3d_stride_padding|conv_with_autopad_same|convtranspose_pads|averagepool_2d_ceil|maxpool_2d_same_lower"
-         "|dequantizelinear_axis|quantizelinear|sigmoid|tanh|dropout_default_mask|triu|clip|prelu_broadcast")
+         "|dequantizelinear_axis|quantizelinear|sigmoid|tanh|dropout_default_mask|triu|clip|prelu_broadcast|less_equal_bcast|where_example|xor2d|mvn")
 
 
 def value(name, shape, dtype=TensorProto.FLOAT):
@@ -73,7 +73,7 @@ class Tool(unittest.TestCase):
             ("dynamic inside", model(("Reshape", "x s", "z", {}), ("Log", "z", "y", {}), outputs=[("y", None)],
                                      inputs=[("x", [2, 3]), ("s", [2], TensorProto.INT64)]),
              "Reshape 'first': the shape of its output is dynamic"),
-            ("wrong type", model(("Add", "x w", "y", {}), inputs=two), "Add 'first': input 1 is int64, and the library's"),
+            ("wrong type", model(("Add", "x w", "y", {}), inputs=two), "Add 'first': input 1 is int64, and arithmetic is"),
             ("another type declared", model(relu, outputs=[("y", [2, 3], TensorProto.INT64)]), "node name: first"),
             ("another shape declared", model(relu, outputs=[("y", [3, 3])]), "node name: first"),
             ("shapes do not fit", model(("Add", "x w", "y", {}), inputs=[("x", [2]), ("w", [3])]), "Add 'first': its inp"),

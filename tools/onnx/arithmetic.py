@@ -6,7 +6,7 @@ import math
 
 import numpy as np
 
-from job import Job, Tensor, concat
+from job import Job, JobError, Tensor, concat
 
 MAGIC = 1.5 * 2**23  # Added to a small float it rounds it to an integer, ties to even, which its low bits then are.
 HUGE = 2.0**126  # Times this, the least normal number is 1.
@@ -88,6 +88,9 @@ def at_least(job: Job, a: Tensor, b: Tensor) -> Tensor:
 def choose(job: Job, condition: Tensor, a: Tensor, b: Tensor) -> Tensor:
     """a where the condition is 1, b where it is 0: the new cell state of an LSTM whose input gate is coupled to its
     forget gate, exactly."""
+    for tensor in (a, b):
+        if job.is_constant(tensor) and not np.isfinite(job.value(tensor)).all():
+            raise JobError("it has a constant that is not finite, which no choice leaves alone")
     shape = np.broadcast_shapes(condition.shape, a.shape, b.shape)
     condition, a, b = (tensor.broadcast_to(shape).reshape(-1) for tensor in (condition, a, b))
     zeros = full(job, a.shape, 0)
@@ -171,6 +174,21 @@ def rounded(job: Job, x: Tensor, plus: float = 0) -> Tensor:
     return subtract(job, job.add(x, full(job, (), MAGIC)), full(job, (), MAGIC - plus))
 
 
+def both(job: Job, a: Tensor, b: Tensor) -> Tensor:
+    """1 where a and b, which are 0 or 1, are 1."""
+    return multiply(job, *_dense(job, a, b))
+
+
+def opposite(job: Job, a: Tensor) -> Tensor:
+    """1 where a is 0, 0 where it is 1."""
+    return subtract(job, full(job, (), 1), a)
+
+
+def to_truth(job: Job, a: Tensor) -> Tensor:
+    """Of 0 and 1, as bool."""
+    return Tensor(to_bytes(job, a).at, np.dtype(np.bool_))
+
+
 def to_bytes(job: Job, integers: Tensor) -> Tensor:
     """The lowest byte of each integer, which a float32 holds, as uint8."""
     return job.low_bytes(job.add(integers, full(job, (), MAGIC)).reshape(-1)).reshape(*integers.shape)
@@ -211,5 +229,5 @@ def index(job: Job, indices: Tensor, size: int) -> Tensor:
     floats = flat if indices.dtype == np.float32 else to_floats(job, flat)
     if indices.dtype.kind == "u":
         return floats.reshape(*indices.shape)
-    below = subtract(job, full(job, (), 1), at_least(job, floats, full(job, (), 0)))
+    below = opposite(job, at_least(job, floats, full(job, (), 0)))
     return job.add(floats, scale(job, below, full(job, (), size))).reshape(*indices.shape)

@@ -109,7 +109,7 @@ def run(folder: pathlib.Path, title: str, command: str, pattern: str) -> dict[st
     return recorder.cases
 
 
-def differing(folder: pathlib.Path, titles: list[str]) -> tuple[int, list[str]]:
+def compare_files(folder: pathlib.Path, titles: list[str]) -> tuple[int, list[str]]:
     """How many output files there are, and those that are not the same on all machines."""
     first, *others = titles
     files = {title: {path.relative_to(folder / title): path.read_bytes() for path in folder.glob(f"{title}/*/out/*.npy")}
@@ -169,12 +169,13 @@ def main() -> int:
     for text, count in collections.Counter(reason(case.refused) for case in cases.values() if case.refused).most_common():
         print(f"{count:5}  {text}")
     bad = [f"{title}: {name}: {case.failed}" for title in results for name, case in results[title].items() if case.failed]
-    files, other = differing(options.folder, list(machines))
+    files, other = compare_files(options.folder, list(machines))
+    compared = f"{files} output files, {len(other)} of them not the same on {' and '.join(machines)}"
     if len(machines) > 1:
-        print(f"\n{files} output files, {len(other)} of them not the same on {' and '.join(machines)}")
+        print("\n" + compared)
     print("".join(f"\nFAILED {line}" for line in bad + [f"{name} differs" for name in other]), end="")
     if options.table:
-        write_table(options.table, [summary(title, results[title]) for title in results], table(cases))
+        write_table(options.table, [*(summary(title, results[title]) for title in results), compared], table(cases))
     return 1 if bad or other or not cases else 0
 
 

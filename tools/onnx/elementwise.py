@@ -133,6 +133,9 @@ def _hard_sigmoid(node: Node, alpha: float, beta: float) -> Tensor:
 def clip(node: Node) -> Tensor:
     job, x = node.job, node.floats()
     for i, name, combine in ((1, "min", arithmetic.maximum), (2, "max", arithmetic.minimum)):
+        bound = node.job.value(node.inputs[i]) if node.has(i) and job.is_constant(node.inputs[i]) else node.get(name, 0)
+        if np.isinf(bound):
+            continue
         if node.has(i):
             x = combine(job, x, node.floats(i))
         elif node.get(name) is not None:
@@ -143,6 +146,37 @@ def clip(node: Node) -> Tensor:
 @lowers("Softsign")
 def softsign(node: Node) -> Tensor:
     return arithmetic.divide(node.job, node.floats(), node.job.add(arithmetic.full(node.job, (), 1), absolute(node)))
+
+
+@lowers("GreaterOrEqual", "LessOrEqual", "Less", "Greater", "Equal")
+def compare(node: Node) -> Tensor:
+    """Numbers; every comparison is one or two of `at_least`."""
+    job, (a, b) = node.job, _operands(node)
+    if node.op == "Equal":
+        return arithmetic.to_truth(job, arithmetic.both(job, *(arithmetic.at_least(job, *p) for p in ((a, b), (b, a)))))
+    swapped = node.op in ("LessOrEqual", "Greater")
+    result = arithmetic.at_least(job, *((b, a) if swapped else (a, b)))
+    return arithmetic.to_truth(job, arithmetic.opposite(job, result) if node.op in ("Less", "Greater") else result)
+
+
+@lowers("And", "Or", "Xor", "Not")
+def logic(node: Node) -> Tensor:
+    """Truth values as 0 and 1."""
+    job = node.job
+    a, *others = (arithmetic.to_floats(job, node.tensor(i)) for i in range(len(node.inputs)))
+    if node.op == "Not":
+        return arithmetic.to_truth(job, arithmetic.opposite(job, a))
+    b = others[0]
+    if node.op == "Xor":  # their difference, squared
+        difference = arithmetic.subtract(job, a, b)
+        return arithmetic.to_truth(job, arithmetic.multiply(job, difference, difference))
+    result = arithmetic.both(job, a, b) if node.op == "And" else arithmetic.maximum(job, a, b)
+    return arithmetic.to_truth(job, result)
+
+
+@lowers("Where")
+def where(node: Node) -> Tensor:
+    return arithmetic.choose(node.job, arithmetic.to_floats(node.job, node.tensor(0)), node.floats(1), node.floats(2))
 
 
 @lowers("Cast")

@@ -65,7 +65,7 @@ class Node:
         """An input that is to be computed with."""
         tensor = self.tensor(i)
         if tensor.dtype != np.float32:
-            raise Refused(f"input {i} is {tensor.dtype}, and the library's operators compute in float32")
+            raise Refused(f"input {i} is {tensor.dtype}, and arithmetic is lowered for float32 alone")
         return tensor
 
     def constant(self, i: int, what: str) -> np.ndarray:

@@ -9,6 +9,7 @@ from job import Tensor, concat
 from lower import Node, lowers
 from moves import axis_of
 
+TINY = 1e-18  # is nothing beside a variance, and keeps 0 from being divided by 0
 INSTANCE_NORM_EPSILON = np.float32(1e-5)  # the library's own
 
 
@@ -42,6 +43,17 @@ def instance_normalization(node: Node) -> Tensor:
     flat = rows.reshape(-1, rows.shape[2])
     gamma, beta = (tensor.broadcast_to(rows.shape).reshape(*flat.shape) for tensor in (gamma, beta))
     return arithmetic.layer_norm(job, flat, gamma, beta, epsilon).reshape(*x.shape)
+
+
+@lowers("MeanVarianceNormalization")
+def mean_variance_normalization(node: Node) -> Tensor:
+    """Over some axes, without scale, bias and epsilon."""
+    x, axes = node.floats(), sorted(axis % node.floats().at.ndim for axis in node.get("axes", [0, 2, 3]))
+    moved = Tensor(np.moveaxis(x.at, axes, range(-len(axes), 0)), x.dtype)
+    rows = moved.reshape(-1, math.prod(x.shape[axis] for axis in axes))
+    one, none = (arithmetic.full(node.job, (rows.shape[1],), value) for value in (1, 0))
+    result = arithmetic.layer_norm(node.job, rows, one, none, TINY).reshape(*moved.shape)
+    return Tensor(np.moveaxis(result.at, range(-len(axes), 0), axes), x.dtype)
 
 
 @lowers("LayerNormalization")

@@ -215,7 +215,7 @@ def average_pool(node: Node) -> Tensor:
 def max_pool(node: Node) -> Tensor:
     job, x = node.job, node.floats()
     if node.wanted > 1:
-        raise Refused("it also gives positions, and the library's operators give floats")
+        raise Refused("it also gives positions, 64-bit integers, which no operator of the library makes")
     window = Window(node, x.shape[2:], node.get("kernel_shape"))
     least = arithmetic.full(job, (1,), np.finfo(np.float32).min)
     taps = _pooled_taps(window, x, least)

@@ -44,7 +44,8 @@ def main() -> int:
     driver = np.load(folder / "driver" / "probabilities.npy")
     trusting, guarded = (np.load(folder / name / "out" / "probabilities.npy") for name in ("trusting", "guarded"))
     same = driver.tobytes() == trusting.tobytes()
-    print(f"lowered, softmax in range: {f'the same {driver.nbytes} bytes as' if same else 'NOT the bytes of'} the driver")
+    said = f"the same {driver.nbytes} bytes as" if same else "NOT the bytes of"
+    print(f"lowered, softmax in range: {said} the driver's")
     print(f"lowered, softmax guarded:  {np.mean(driver != guarded):.0%} of the numbers differ, by at most "
           f"{abs(driver - guarded).max():.1e}; {np.sum(driver.argmax(1) != guarded.argmax(1))} pictures read otherwise")
     return 0 if same else 1

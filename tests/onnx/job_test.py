@@ -110,7 +110,8 @@ class Operators(unittest.TestCase):
             return np.exp(x - x.max(1, keepdims=True)) / np.exp(x - x.max(1, keepdims=True)).sum(1, keepdims=True)
 
         for name, make, reference, array, within in [
-            ("comparison", lambda job, x: arithmetic.at_least(job, x, arithmetic.full(job, (), 0)), lambda x: x >= 0, edges, 0),
+            ("comparison", lambda job, x: arithmetic.at_least(job, x, arithmetic.full(job, (), 0)), lambda x: x >= 0,
+             edges, 0),
             ("sigmoid", arithmetic.sigmoid, lambda x: 1 / (1 + np.exp(-x)), floats(3, 5), 1e-6),
             ("tanh", arithmetic.tanh, np.tanh, floats(3, 5, scale=2), 1e-6),
             ("softmax of large numbers", lambda job, x: arithmetic.softmax(job, x, False), softmax, rows, 1e-6),
@@ -137,7 +138,8 @@ class Operators(unittest.TestCase):
                 self.check(arithmetic.to_floats, lambda x: x, values)
         for dtype in ("i8", "i4", "i2", "i1", "f4"):
             with self.subTest(index=dtype):
-                self.check(lambda job, x: arithmetic.index(job, x, 10), lambda x: x % 10, np.array([0, 9, -1, -10], dtype))
+                places = np.array([0, 9, -1, -10], dtype)
+                self.check(lambda job, x: arithmetic.index(job, x, 10), lambda x: x % 10, places)
 
 
 class Files(unittest.TestCase):

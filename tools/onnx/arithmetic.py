@@ -6,7 +6,8 @@ import math
 
 import numpy as np
 
-from job import Job, JobError, Tensor, concat
+from job import Job, JobError
+from tensor import Tensor, concat
 
 MAGIC = 1.5 * 2**23  # Added to a small float it rounds it to an integer, ties to even, which its low bits then are.
 HUGE = 2.0**126  # Times this, the least normal number is 1.

@@ -3,15 +3,15 @@
 
 usage: conformance.py [--filter REGEX] [--table FILE] FOLDER NAME=COMMAND...
 
-NAME is what a machine is called and COMMAND what runs kelrt on it. Each case's job and outputs stay in FOLDER/NAME/CASE;
-the outputs of the machines are compared byte for byte. Ends with 1 if a case fails or the machines differ."""
+NAME is what a machine is called and COMMAND what runs kelrt on it. Each case's job and outputs stay in
+FOLDER/NAME/CASE; the outputs of the machines are compared byte for byte. Ends with 1 if a case fails or the machines
+differ."""
 import argparse
 import collections
 import dataclasses
 import os
 import pathlib
 import re
-import shlex
 import sys
 import time
 import unittest
@@ -112,8 +112,8 @@ def run(folder: pathlib.Path, title: str, command: str, pattern: str) -> dict[st
 def compare_files(folder: pathlib.Path, titles: list[str]) -> tuple[int, list[str]]:
     """How many output files there are, and those that are not the same on all machines."""
     first, *others = titles
-    files = {title: {path.relative_to(folder / title): path.read_bytes() for path in folder.glob(f"{title}/*/out/*.npy")}
-             for title in titles}
+    files = {title: {path.relative_to(folder / title): path.read_bytes()
+                     for path in folder.glob(f"{title}/*/out/*.npy")} for title in titles}
     every = set().union(*files.values())
     return len(every), sorted(str(path) for path in every
                               if any(files[first].get(path) != files[other].get(path) for other in others))
@@ -166,9 +166,11 @@ def main() -> int:
         print(summary(title, results[title]), f"in {time.monotonic() - start:.0f} s")
     cases = next(iter(results.values()))
     print("\nnot expressible:")
-    for text, count in collections.Counter(reason(case.refused) for case in cases.values() if case.refused).most_common():
+    reasons = collections.Counter(reason(case.refused) for case in cases.values() if case.refused)
+    for text, count in reasons.most_common():
         print(f"{count:5}  {text}")
-    bad = [f"{title}: {name}: {case.failed}" for title in results for name, case in results[title].items() if case.failed]
+    bad = [f"{title}: {name}: {case.failed}" for title, cases_ in results.items() for name, case in cases_.items()
+           if case.failed]
     files, other = compare_files(options.folder, list(machines))
     compared = f"{files} output files, {len(other)} of them not the same on {' and '.join(machines)}"
     if len(machines) > 1:

@@ -5,8 +5,8 @@ import numpy as np
 
 import arithmetic
 from graph import Refused
-from job import Tensor
 from lower import Node, lowers
+from tensor import Tensor
 
 
 def _operands(node: Node) -> list[Tensor]:
@@ -125,8 +125,9 @@ def hard_swish(node: Node) -> Tensor:
 
 def _hard_sigmoid(node: Node, alpha: float, beta: float) -> Tensor:
     job = node.job
-    line = job.add(arithmetic.scale(job, node.floats(), arithmetic.full(job, (), alpha)), arithmetic.full(job, (), beta))
-    return arithmetic.minimum(job, arithmetic.maximum(job, line, arithmetic.full(job, (), 0)), arithmetic.full(job, (), 1))
+    alpha, beta, zero, one = (arithmetic.full(job, (), value) for value in (alpha, beta, 0, 1))
+    line = job.add(arithmetic.scale(job, node.floats(), alpha), beta)
+    return arithmetic.minimum(job, arithmetic.maximum(job, line, zero), one)
 
 
 @lowers("Clip")

@@ -11,6 +11,11 @@ import numpy as np
 MEMORY = 1 << 32  # from one memory to the next
 
 
+def place(address: int) -> tuple[int, int]:
+    """The memory's number and the offset in it."""
+    return divmod(int(address), MEMORY)
+
+
 class Copy(NamedTuple):
     """A stretch of bytes: from an address to an address."""
 

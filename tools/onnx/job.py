@@ -20,7 +20,6 @@ import collections
 import dataclasses
 import itertools
 import json
-import math
 import os
 import pathlib
 import re
@@ -32,12 +31,14 @@ import numpy as np
 
 import gather
 import tool
-from gather import MEMORY
+from gather import MEMORY, place
+from operators import Operators
+from tensor import Tensor, concat
+
+__all__ = ["Job", "JobError", "Tensor", "concat"]
 
 # What `kelrt run` has a dtype for; anything else is bytes to it.
 DTYPES = {"float32": "f4", "int32": "i4", "int16": "i2", "int8": "i1", "uint8": "u1"}
-FLOATS = ("f4", "u1")
-BYTES = ("i1", "u1")
 ANY = (*DTYPES.values(),)
 ANY_OUTPUT = ("cpu_split", "cpu_copy_fmt_conv", "cpu_hw32_fmt_conv_param")  # give elements of any type
 MOST_CONTEXTS = 400_000  # what the tool reads in two seconds
@@ -74,65 +75,7 @@ class Memory:
         return self.initial.view(self.dtype).reshape(self.shape)
 
 
-class Tensor:
-    """Elements of memories: their addresses `at` [shape] and their dtype. Never changed once made."""
-
-    def __init__(self, at: np.ndarray, dtype: np.dtype) -> None:
-        self.at, self.dtype = at, np.dtype(dtype)
-
-    @property
-    def shape(self) -> tuple[int, ...]:
-        return self.at.shape
-
-    @property
-    def size(self) -> int:
-        return self.at.size
-
-    @property
-    def nbytes(self) -> int:
-        return self.at.size * self.dtype.itemsize
-
-    @property
-    def T(self) -> "Tensor":
-        return self.transpose()
-
-    def __len__(self) -> int:
-        return len(self.at)
-
-    def __getitem__(self, key: object) -> "Tensor":
-        return Tensor(np.asarray(self.at[key]), self.dtype)
-
-    def reshape(self, *shape: int) -> "Tensor":
-        return Tensor(self.at.reshape(*shape) if shape else self.at.reshape(()), self.dtype)
-
-    def transpose(self, *axes: int) -> "Tensor":
-        return Tensor(self.at.transpose(axes or None), self.dtype)
-
-    def moveaxis(self, source: int, target: int) -> "Tensor":
-        return Tensor(np.moveaxis(self.at, source, target), self.dtype)
-
-    def take(self, indices: np.ndarray, axis: int) -> "Tensor":
-        return Tensor(self.at.take(indices, axis), self.dtype)
-
-    def broadcast_to(self, shape: Sequence[int]) -> "Tensor":
-        return Tensor(np.broadcast_to(self.at, shape), self.dtype)
-
-    def split(self, sizes: Sequence[int], axis: int) -> "list[Tensor]":
-        ends = np.cumsum(sizes)[:-1]
-        return [Tensor(at, self.dtype) for at in np.split(self.at, ends, axis)]
-
-    def view(self, dtype: str) -> "Tensor":
-        """The same bytes as elements of another type: a further axis, if it is smaller, of an element's parts."""
-        size = np.dtype(dtype).itemsize
-        parts = self.at[..., None] + np.arange(0, self.dtype.itemsize, size)
-        return Tensor(parts[..., 0] if size == self.dtype.itemsize else parts, np.dtype(dtype))
-
-
-def concat(tensors: Sequence[Tensor], axis: int = 0) -> Tensor:
-    return Tensor(np.concatenate([tensor.at for tensor in tensors], axis), tensors[0].dtype)
-
-
-class Job:
+class Job(Operators):
     """Memories and contexts. The methods after `copy` are the operators of the library, each of which takes tensors
     and gives tensors; `arithmetic.py` says what else can be made of them."""
 
@@ -203,7 +146,7 @@ class Job:
 
     def memory_of(self, tensor: Tensor) -> Memory:
         """The memory that holds a dense tensor."""
-        return self.memories[int(tensor.at.reshape(-1)[0]) // MEMORY]
+        return self.memories[tensor.address // MEMORY]
 
     # ---- what is where ----
 
@@ -254,16 +197,16 @@ class Job:
         """Brings a tensor's elements to those of a dense one of the same size, in a buffer that is new."""
         if tensor.size == 0:
             return
-        memory, target = self.memory_of(to), int(to.at.reshape(-1)[0])
+        memory, target = self.memory_of(to), to.address
         begin = target % MEMORY
         self._fill(tensor, memory.initial[begin : begin + to.nbytes])
         for step in self._fetched(gather.plan(tensor.at, self._wanted(tensor.at), target, tensor.dtype.itemsize)):
             if isinstance(step, gather.Copy):
-                self.call("cpu_split", [_mem(step.source), _mem(step.target), step.size])
+                self.call("cpu_split", [place(step.source), place(step.target), step.size])
             else:
                 # Without columns in b nothing is multiplied, and a CPU buffer keeps its transposed operand.
-                place = _mem(step.address)
-                self.call("cpu_matmul", [place, place, place, step.rows, step.cols, step.rows, 0, 1, 0])
+                there = place(step.address)
+                self.call("cpu_matmul", [there, there, there, step.rows, step.cols, step.rows, 0, 1, 0])
 
     def _fetched(self, steps: list) -> list:
         """The same steps, from a copy on the CPU where an input is read in pieces: each context that reads of an
@@ -278,144 +221,20 @@ class Job:
         """The address of an input's copy on the CPU."""
         if number not in self._on_cpu:
             whole = self.buffer([len(self.memories[number].initial)], np.uint8)
-            self._on_cpu[number] = int(whole.at[0])
-            self.call("cpu_split", [_mem(number * MEMORY), _mem(int(whole.at[0])), whole.size])
+            self._on_cpu[number] = whole.address
+            self.call("cpu_split", [place(number * MEMORY), place(whole.address), whole.size])
         return self._on_cpu[number]
 
     # ---- contexts ----
 
     def call(self, operator: str, arguments: list) -> None:
-        """Appends one context; the arguments are those of the job's file, but a memory is `_mem(address)`."""
+        """Appends one context; the arguments are those of the job's file, but a memory is `place(address)` of it."""
         if len(self.contexts) >= MOST_CONTEXTS:
             raise JobError(f"it takes more than {MOST_CONTEXTS} contexts")
         self.contexts.append((operator, arguments))
         for value in arguments:
             if isinstance(value, tuple):
                 self._users[value[0]].append(operator)
-
-    def _run(self, operator: str, shape: Sequence[int], arguments: list, dtype: object = np.float32) -> Tensor:
-        """One context that makes a tensor [shape], which stands as None among its arguments. Nothing is called for a
-        tensor of no elements."""
-        made = self.buffer(shape, dtype)
-        if made.size:
-            self.call(operator, [self._argument(made if value is None else value) for value in arguments])
-        return made
-
-    def _argument(self, value: object) -> object:
-        if isinstance(value, Tensor):
-            return _mem(int(value.at.reshape(-1)[0]))
-        return value
-
-    def floats(self, tensor: Tensor) -> Tensor:
-        """The same float32 elements, where an operator can read them as such."""
-        assert tensor.dtype == np.float32, tensor.dtype
-        return self.dense(tensor, FLOATS)
-
-    # ---- operators ----
-
-    def add(self, a: Tensor, b: Tensor) -> Tensor:
-        """a + b, broadcast against each other."""
-        shape = np.broadcast_shapes(a.shape, b.shape)
-        a, b = self.floats(a.broadcast_to(shape)), self.floats(b.broadcast_to(shape))
-        return self._run("cpu_ewop_add", shape, [None, a, b, a.size])
-
-    def matmul(self, a: Tensor, b: Tensor) -> Tensor:
-        """a [m, k] times b [k, n] -> [m, n]. Either may be given as the .T of a dense matrix: the operator then
-        transposes a copy."""
-        (m, k), n = a.shape, b.shape[1]
-        if k == 0:
-            return self.constant(np.zeros((m, n), np.float32))
-        (a, a_turned), (b, b_turned) = self._factor(a), self._factor(b)
-        sizes = [*a.shape, *b.shape, a_turned, b_turned]
-        return self._run("cpu_matmul", [m, n], [a, b, None, *sizes])
-
-    def _factor(self, matrix: Tensor) -> tuple[Tensor, int]:
-        """As it is to be stored, and whether the operator has to transpose it where it lies."""
-        if self.is_dense(matrix) or self.is_constant(matrix) or not self.is_dense(matrix.T):
-            return self.floats(matrix), 0
-        return self.copied(matrix.T), 1
-
-    def softmax(self, rows: Tensor) -> Tensor:
-        """Of each row of [rows, n], exponentiated as it stands: nothing is subtracted first."""
-        rows = self.floats(rows)
-        result = self.buffer(rows.shape)
-        for x, y in zip(rows.at.tolist(), result.at.tolist()):
-            self.call("cpu_softmax", [_mem(y[0]), _mem(x[0]), len(x)])
-        return result
-
-    def featurenorm(self, frames: Tensor, mean: Tensor, var: Tensor) -> Tensor:
-        """(frames [f, n] - mean [n]) / var [n], a true division."""
-        frames, mean, var = self.floats(frames), self.floats(mean), self.floats(var)
-        return self._run("cpu_featurenorm", frames.shape, [frames, frames.size, mean, var, mean.size, None])
-
-    def instance_norm(self, channel: Tensor, scale: float, bias: float) -> Tensor:
-        """Normalised values [n] of one channel times `scale` plus `bias`; epsilon is 1e-5."""
-        channel = self.floats(channel)
-        values = [None, channel, channel.size, _flt(scale), _flt(bias)]
-        return self._run("cpu_onnx_inst_norm", channel.shape, values)
-
-    def one_hot(self, index: Tensor, depth: int, on: object, off: object, dtype: object = np.float32) -> Tensor:
-        """[depth] elements of 4 bytes: `off`, and `on` at the index, one float. The context fails at a greater
-        one."""
-        index, bits = self.floats(index), [_bits(np.array(value, dtype)) for value in (on, off)]
-        return self._run("cpu_onnx_onehot", [depth], [None, index, depth, *bits], dtype)
-
-    def embedding(self, index: Tensor, table: Tensor) -> Tensor:
-        """The row of the dense table [rows, w] at the index, one float -> [w]; rows of 4 bytes or a multiple."""
-        words = table.dtype.itemsize * table.shape[1] // 4
-        table = self.dense(table, FLOATS)
-        return self._run("cpu_embedding", [table.shape[1]], [None, self.floats(index), table, words], table.dtype)
-
-    def convert(self, values: Tensor, to: object, frac_bits: int = 0, scale: int = 1) -> Tensor:
-        """Integers of 8, 16 or 32 bits, each times scale / 2^frac_bits, to float32; or float32 times
-        2^frac_bits / scale to int8, saturated and rounded toward zero."""
-        values, format = self.dense(values), [frac_bits, scale]
-        floats, ours = [0xFFFFFFFF, 0, 1], [values.dtype.itemsize * 8, *format]
-        formats = (floats, ours) if np.dtype(to) == np.float32 else ([8, *format], floats)
-        arguments = [None, *formats[0], values, *formats[1], values.size]
-        return self._run("cpu_copy_fmt_conv", values.shape, arguments, to)
-
-    def low_bytes(self, words: Tensor) -> Tensor:
-        """The lowest byte of each element of 4 bytes [n], as uint8: the first plane of one hw32 line."""
-        words = self.dense(words)
-        planes = [None, words, words.size, 1, words.size]
-        return self._run("cpu_hw32_fmt_conv_param", [4 * words.size], planes, np.uint8)[: words.size]
-
-    def linear(self, planes: Tensor, count: int) -> Tensor:
-        """int32 [count] of one hw32 line of that many, a multiple of 8: first the lowest byte of each, and so on."""
-        planes = self.dense(planes)
-        return self._run("cpu_hw32_fmt_conv_param", [count], [None, planes, count, 0, count], np.int32)
-
-    def im2col(self, image: Tensor, kernel: Sequence[int], strides: Sequence[int]) -> Tensor:
-        """Patches [places, kernel height x kernel width x channels, and zeros up to a multiple of 8 bytes] of an
-        image [rows, columns, channels]."""
-        rows, cols, channels = image.shape
-        size = image.dtype.itemsize
-        patch = math.ceil(kernel[0] * kernel[1] * channels * size / 8) * 8 // size
-        places = math.prod((n - k) // s + 1 for n, k, s in zip((rows, cols), kernel, strides))
-        sizes = [rows, cols, channels * size, *kernel, 1, *strides]
-        return self._run("cpu_im2col", [places, patch], [self.dense(image, BYTES), None, *sizes], image.dtype)
-
-    def lstm_states(self, variant: str, cell: Tensor, gates: Tensor, hidden: Tensor | None = None) -> Tensor:
-        """The hidden state [n], in a new buffer or the one given; `cell` [n] becomes the new cell state, and the gates
-        [4n] may change, so both have to be of buffers that nobody reads as they were. `variant` is what follows
-        "cpu_lstm_states" in the operator's name."""
-        hidden = self.buffer(cell.shape) if hidden is None else hidden
-        arguments = [self._argument(tensor) for tensor in (hidden, cell, gates)]
-        self.call("cpu_lstm_states" + variant, [*arguments, cell.size])
-        return hidden
-
-    def layer_norm(self, values: Tensor, gates: Tensor, gamma: Tensor, beta: Tensor, epsilon: float) -> None:
-        """Normalises each row of `values` [rows, n], dense in a buffer, in place, times gamma plus beta, [rows, n]:
-        it is the cell state of an LSTM whose `gates` [4n] keep it."""
-        nothing = {"mem": None}
-        hidden = self.buffer(values.shape[1:])
-        for row in range(len(values)):
-            tensors = [self._argument(tensor) for tensor in (hidden, values[row], gates)]
-            parameters = [self._argument(self.floats(tensor[row])) for tensor in (gamma, beta)]
-            flags = [0, 0, 1, 1]  # of gate normalisation, of each by itself, of cell normalisation, in place
-            self.call("cpu_lstm_states_norm_cifg_cpuactv",
-                      [*tensors, values.shape[1], 0, 0, _flt(epsilon), nothing, nothing, *parameters, *flags])
 
     # ---- files ----
 
@@ -480,15 +299,3 @@ def file_name(name: str) -> str:
     """A name that may be one of a memory and of a file."""
     return re.sub(r"[^A-Za-z0-9_.-]+|^[.-]", "_", name)[:90]
 
-
-def _mem(address: int) -> tuple[int, int]:
-    return divmod(address, MEMORY)
-
-
-def _bits(value: np.ndarray) -> dict:
-    return {"flt": f"0x{int(value.view(np.uint32)):08X}"}
-
-
-def _flt(value: float) -> dict:
-    exact = np.float32(value)
-    return {"flt": float(exact)} if np.isfinite(exact) else _bits(np.array(exact))

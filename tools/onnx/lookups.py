@@ -5,9 +5,9 @@ import numpy as np
 
 import arithmetic
 from graph import Refused
-from job import Tensor, concat
 from lower import Node, lowers
 from moves import axis_of
+from tensor import Tensor, concat
 
 
 @lowers("Gather")

@@ -14,9 +14,10 @@ import folding
 import graph
 import missing
 from graph import DOMAINS, Graph, Refused, title
-from job import Job, JobError, Tensor
+from job import Job, JobError
+from tensor import Tensor
 
-Lowering = Callable[["Node"], "Tensor | Sequence[Tensor]"]
+Lowering = Callable[["Node"], Tensor | Sequence[Tensor]]
 LOWERINGS: dict[str, Lowering] = {}
 
 
@@ -132,7 +133,8 @@ def _input(name: str, value: graph.Value, given: np.ndarray | None) -> np.ndarra
     return given
 
 
-def _lower_node(proto: onnx.NodeProto, shapes: Graph, job: Job, tensors: dict[str, Tensor], options: Options) -> Lowered:
+def _lower_node(proto: onnx.NodeProto, shapes: Graph, job: Job, tensors: dict[str, Tensor],
+                options: Options) -> Lowered:
     """Lowers one node, adding what it makes to `tensors`."""
     before = len(job.contexts)
     values = [shapes.values.get(name) if name else None for name in proto.output]

@@ -4,7 +4,8 @@ import onnx.defs
 REASONS = {
     "no operator of the library gives a square root, a logarithm, a power or a circular function": """
         Acos Acosh Asin Asinh Atan Atanh BlackmanWindow Cos Cosh DFT Erf HammingWindow HannWindow LRN Log LogSoftmax
-        MelWeightMatrix Mish Pow ReduceLogSum ReduceLogSumExp STFT Sin Sinh SoftmaxCrossEntropyLoss Softplus Sqrt Tan""",
+        MelWeightMatrix Mish Pow ReduceLogSum ReduceLogSumExp STFT Sin Sinh SoftmaxCrossEntropyLoss Softplus Sqrt
+        Tan""",
     "no operator of the library gives an exponential over its whole range": "Celu Elu Exp Selu",
     "it gives positions, 64-bit integers, which no operator of the library makes": "ArgMax ArgMin NonZero TopK Unique",
     "what data decide can choose rows of a table, but not where something is written or how much there is": """

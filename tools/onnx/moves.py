@@ -5,8 +5,8 @@ import numpy as np
 
 from folding import FOLDS
 from graph import Refused
-from job import Tensor, concat
 from lower import Node, lowers
+from tensor import Tensor, concat
 
 
 def axis_of(node: Node, name: str = "axis", default: int = 0, i: int = 0) -> int:
@@ -101,7 +101,7 @@ def padded(x: Tensor, pads: list[tuple[int, int]], filling: Tensor, mode: str = 
     """x with that many elements more before and after along each axis, or fewer."""
     cut = tuple(slice(max(0, -before), n - max(0, -after)) for (before, after), n in zip(pads, x.shape))
     widths = [(max(0, before), max(0, after)) for before, after in pads]
-    more = {"constant_values": int(filling.at.reshape(-1)[0])} if mode == "constant" else {}
+    more = {"constant_values": filling.address} if mode == "constant" else {}
     return Tensor(np.pad(x.at[cut], widths, mode, **more), x.dtype)
 
 

@@ -5,9 +5,9 @@ import numpy as np
 
 import arithmetic
 from graph import Refused
-from job import Tensor, concat
 from lower import Node, lowers
 from moves import axis_of
+from tensor import Tensor, concat
 
 TINY = 1e-18  # is nothing beside a variance, and keeps 0 from being divided by 0
 INSTANCE_NORM_EPSILON = np.float32(1e-5)  # the library's own

@@ -7,9 +7,10 @@ import numpy as np
 
 import arithmetic
 from graph import Refused
-from job import Job, Tensor, concat
+from job import Job
 from lower import Node, lowers
 from moves import padded
+from tensor import Tensor, concat
 
 
 @lowers("MatMul")

@@ -3,8 +3,8 @@ import numpy as np
 
 import arithmetic
 from graph import Refused
-from job import Tensor
 from lower import Node, lowers
+from tensor import Tensor
 
 
 def _parameters(node: Node, dtype: object) -> tuple[Tensor, Tensor]:

@@ -1,8 +1,9 @@
 """LSTM layers: two products, two sums and a state update a step, in the order in which a driver would call them."""
 import arithmetic
 from graph import Refused
-from job import Job, Tensor, concat
+from job import Job
 from lower import Node, lowers
+from tensor import Tensor, concat
 
 BLOCKS = (0, 2, 1, 3)  # of ONNX's input, output, forget gate and candidate, in the order of the library's gates
 
@@ -24,7 +25,8 @@ def lstm(node: Node) -> list[Tensor]:
 def _checked(node: Node) -> list[bool]:
     """Which directions there are, the one backwards as True."""
     node.refuse_attributes(clip=None, input_forget=0)
-    directions = {"forward": [False], "reverse": [True], "bidirectional": [False, True]}[node.get("direction", "forward")]
+    known = {"forward": [False], "reverse": [True], "bidirectional": [False, True]}
+    directions = known[node.get("direction", "forward")]
     functions = [name.decode() for name in node.get("activations", [])]
     if functions and functions != ["Sigmoid", "Tanh", "Tanh"] * len(directions):
         raise Refused(f"its activations are {', '.join(functions)}, and the library's are Sigmoid, Tanh, Tanh")

@@ -161,9 +161,12 @@ class Files(unittest.TestCase):
                 job.run(KELRT)
             with self.assertRaisesRegex(ToolError, "cannot run /nowhere"):
                 job.run(["/nowhere"])
-            job.output("z", job.add(job.input("small", floats(1)), job.constant(floats(1 << 18))))
             with mock.patch("job.MOST_BYTES", 1 << 20):
-                with self.assertRaisesRegex(JobError, "the job's memories take 3 MiB, and the tool has 1"):
+                with self.assertRaisesRegex(JobError, "the job's memories take 2 MiB, and the tool has 1"):
+                    Job().buffer((1 << 19,))
+                job = Job()
+                job.output("z", job.matmul(job.input("large", floats(1, 1 << 18)), job.constant(floats(1 << 18, 1))))
+                with self.assertRaisesRegex(JobError, "the job's memories take 2 MiB, and the tool has 1"):
                     job.write(pathlib.Path(folder) / "job")
             with mock.patch("job.MOST_CONTEXTS", 2), self.assertRaisesRegex(JobError, "more than 2 contexts"):
                 job.softmax(job.input("rows", floats(3, 4)))

@@ -20,6 +20,7 @@ import collections
 import dataclasses
 import itertools
 import json
+import math
 import os
 import pathlib
 import re
@@ -82,9 +83,11 @@ class Job(Operators):
     def __init__(self) -> None:
         self.memories: list[Memory] = []
         self.contexts: list[tuple[str, list]] = []
+        self.inputs: dict[str, Memory] = {}
         self.outputs: dict[str, tuple[Memory, Tensor]] = {}
         self._on_cpu: dict[int, int] = {}  # of inputs that had to be cut up: their copy's address
         self._names: set[str] = {"sram"}
+        self._buffered = 0  # bytes
         self._users: dict[int, list[str]] = collections.defaultdict(list)  # operators that use a memory
 
     # ---- memories ----
@@ -95,16 +98,20 @@ class Job(Operators):
 
     def input(self, name: str, array: np.ndarray) -> Tensor:
         """A tensor in accelerator memory. The values of `array` [any shape] are what the job is run with."""
-        return self._memory("input", "accelerator", np.ascontiguousarray(array).reshape(np.shape(array)), name)
+        made = self._memory("input", "accelerator", np.ascontiguousarray(array).reshape(np.shape(array)), name)
+        self.inputs[name] = self.memories[-1]
+        return made
 
     def set_input(self, name: str, array: np.ndarray) -> None:
         """Other values for the next run."""
-        memory = next(memory for memory in self.memories if memory.role == "input" and memory.name == file_name(name))
+        memory = self.inputs[name]
         assert (array.dtype, array.shape) == (memory.dtype, memory.shape), (array.dtype, array.shape)
         memory.initial = np.ascontiguousarray(array).reshape(-1).view(np.uint8)
 
     def buffer(self, shape: Sequence[int], dtype: object = np.float32) -> Tensor:
         """Zeros [shape] on the CPU, for an operator to write."""
+        self._buffered += math.prod(shape) * np.dtype(dtype).itemsize
+        self._check_bytes(self._buffered)
         return self._memory("buffer", "cpu", np.zeros(shape, dtype))
 
     def output(self, name: str, tensor: Tensor) -> None:
@@ -128,6 +135,11 @@ class Job(Operators):
         memory.name, memory.kind, memory.role = self._unused(file_name(name)), "accelerator", "output"
         memory.dtype, memory.shape = tensor.dtype, tensor.shape
         return True
+
+    @staticmethod
+    def _check_bytes(total: int) -> None:
+        if total > MOST_BYTES:
+            raise JobError(f"the job's memories take {total >> 20} MiB, and the tool has {MOST_BYTES >> 20}")
 
     def _memory(self, role: str, kind: str, array: np.ndarray, name: str = "") -> Tensor:
         number = len(self.memories)
@@ -239,7 +251,7 @@ class Job(Operators):
     # ---- files ----
 
     def write(self, folder: str | os.PathLike) -> pathlib.Path:
-        """Writes job.json and the .npy files of its memories into a folder, all or nothing; returns the job's path."""
+        """Writes job.json and the .npy files of its memories beside a folder and then into it; returns the job's path."""
         folder = pathlib.Path(folder)
         folder.parent.mkdir(parents=True, exist_ok=True)
         beside = pathlib.Path(tempfile.mkdtemp(prefix=".job-", dir=folder.parent))
@@ -256,8 +268,7 @@ class Job(Operators):
         """The job's JSON, a context a line; the arrays that it names go into the folder."""
         used = sorted({value[0] for _, arguments in self.contexts for value in arguments if isinstance(value, tuple)}
                       | {memory.number for memory, _ in self.outputs.values()})
-        if (total := sum(len(self.memories[number].initial) for number in used)) > MOST_BYTES:
-            raise JobError(f"the job's memories take {total >> 20} MiB, and the tool has {MOST_BYTES >> 20}")
+        self._check_bytes(sum(len(self.memories[number].initial) for number in used))
         memories = {self.memories[number].name: self._described(self.memories[number], folder) for number in used}
         lines = [json.dumps({"op": operator, "args": [self._spelt(value) for value in arguments]})
                  for operator, arguments in self.contexts]

@@ -118,8 +118,11 @@ def lower(model: onnx.ModelProto, inputs: dict[str, np.ndarray], options: Option
     tensors |= {name: job.constant(array) for name, array in shapes.constants.items()}
     report = [_lower_node(node, shapes, job, tensors, options) for node in model.graph.node]
     if not any(node.refused for node in report):
-        for output in model.graph.output:
-            job.output(output.name, tensors[output.name])
+        try:
+            for output in model.graph.output:
+                job.output(output.name, tensors[output.name])
+        except JobError as error:
+            raise Refused(f"output '{output.name}': {error}") from None
     return job, report
 
 

@@ -199,6 +199,13 @@ class Conformance(unittest.TestCase):
                 for result, expected in zip(results, lstm(**{name: arrays[name].astype(float) for name in given})):
                     np.testing.assert_allclose(result, expected, rtol=1e-5, atol=1e-6)
 
+    def test_a_node_by_itself(self):
+        x = np.float32([[1, -2], [3, 4]])
+        result, = backend.KelRtBackend.run_node(helper.make_node("Transpose", ["x"], ["y"]), [x])
+        np.testing.assert_array_equal(result, x.T)
+        with self.assertRaisesRegex(backend.Refused, "Erf that makes 'y': no operator"):
+            backend.KelRtBackend.run_node(helper.make_node("Erf", ["x"], ["y"]), [x])
+
     def test_the_runner_sees_what_is_wrong(self):
         """With a tool whose outputs are not what they should be, a case fails."""
         with tempfile.TemporaryDirectory() as folder:

@@ -11,6 +11,7 @@ from collections.abc import Sequence
 
 import numpy as np
 import onnx
+from onnx import helper, numpy_helper
 from onnx.backend.base import Backend, BackendRep
 
 import lower
@@ -65,6 +66,17 @@ class KelRtBackend(Backend):
         if refused := refusals(report):
             raise Refused(refused[0])
         return KelRtModel(model, job, cls.folder)
+
+    @classmethod
+    def run_node(cls, node: onnx.NodeProto, inputs: Sequence[np.ndarray], device: str = "CPU",
+                 outputs_info: object = None, **kwargs: object) -> tuple[np.ndarray, ...]:
+        """A model of one node."""
+        given = list(map(np.asarray, inputs))
+        infos = [helper.make_tensor_value_info(name, numpy_helper.from_array(array).data_type, array.shape)
+                 for name, array in zip(filter(None, node.input), given)]
+        outputs = [helper.make_empty_tensor_value_info(name) for name in filter(None, node.output)]
+        model = helper.make_model(helper.make_graph([node], "node", infos, outputs))
+        return cls.run_model(model, given, device, **kwargs)
 
     @classmethod
     def supports_device(cls, device: str) -> bool:

@@ -2,7 +2,14 @@
 from collections.abc import Callable
 
 import numpy as np
-from onnx import TensorProto, mapping, numpy_helper
+from onnx import TensorProto, numpy_helper
+
+try:
+    from onnx.helper import tensor_dtype_to_np_dtype as numpy_type
+except ImportError:  # before ONNX 1.13
+    from onnx.mapping import TENSOR_TYPE_TO_NP_TYPE
+
+    numpy_type = TENSOR_TYPE_TO_NP_TYPE.__getitem__
 
 
 def _divide(_, a: np.ndarray, b: np.ndarray) -> np.ndarray:
@@ -10,7 +17,7 @@ def _divide(_, a: np.ndarray, b: np.ndarray) -> np.ndarray:
 
 
 def _cast(attributes: dict, a: np.ndarray) -> np.ndarray:
-    return a.astype(mapping.TENSOR_TYPE_TO_NP_TYPE[attributes["to"]])
+    return a.astype(numpy_type(attributes["to"]))
 
 
 def _constant(attributes: dict) -> np.ndarray:

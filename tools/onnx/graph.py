@@ -9,11 +9,13 @@ import numpy as np
 import onnx
 import onnx.defs
 import onnx.shape_inference
-from onnx import helper, mapping, numpy_helper
+from onnx import TensorProto, helper, numpy_helper
 
+import folding
 import missing
 
 DOMAINS = ("", "ai.onnx")
+NO_NUMBERS = (TensorProto.UNDEFINED, TensorProto.STRING, TensorProto.BFLOAT16)  # or none that numpy has
 
 
 class Refused(Exception):
@@ -105,9 +107,9 @@ def _value(info: onnx.ValueInfoProto) -> Value | None:
     if not info.type.HasField("tensor_type"):
         return None
     tensor = info.type.tensor_type
-    dtype = mapping.TENSOR_TYPE_TO_NP_TYPE.get(tensor.elem_type)
-    if dtype is None or dtype == np.dtype(object) or tensor.elem_type == onnx.TensorProto.BFLOAT16:
+    if tensor.elem_type in NO_NUMBERS:
         return None
+    dtype = folding.numpy_type(tensor.elem_type)
     fixed = tensor.HasField("shape") and all(dim.HasField("dim_value") for dim in tensor.shape.dim)
     return Value(dtype, tuple(dim.dim_value for dim in tensor.shape.dim) if fixed else None)
 

@@ -92,9 +92,9 @@ class Job(Operators):
 
     # ---- memories ----
 
-    def constant(self, array: np.ndarray) -> Tensor:
+    def constant(self, array: np.ndarray, name: str = "") -> Tensor:
         """A tensor whose elements are known: `array` [any shape]."""
-        return self._memory("constant", "cpu", np.ascontiguousarray(array).reshape(np.shape(array)))
+        return self._memory("constant", "cpu", np.ascontiguousarray(array).reshape(np.shape(array)), name)
 
     def input(self, name: str, array: np.ndarray) -> Tensor:
         """A tensor in accelerator memory. The values of `array` [any shape] are what the job is run with."""

@@ -115,7 +115,7 @@ def lower(model: onnx.ModelProto, inputs: dict[str, np.ndarray], options: Option
         if name not in shapes.inputs:
             raise Refused(f"the model has no input '{name}'; it has {', '.join(shapes.inputs) or 'none'}")
     tensors = {name: job.input(name, _input(name, value, inputs.get(name))) for name, value in shapes.inputs.items()}
-    tensors |= {name: job.constant(array) for name, array in shapes.constants.items()}
+    tensors |= {name: job.constant(array, name) for name, array in shapes.constants.items()}
     report = [_lower_node(node, shapes, job, tensors, options) for node in model.graph.node]
     if not any(node.refused for node in report):
         try:

@@ -71,6 +71,8 @@ class Moves(unittest.TestCase):
         result, job = run(lambda job, t: concat([t, job.constant(y), t[:1]]), x)
         np.testing.assert_array_equal(result, np.concatenate([x, y, x[:1]]))
         self.assertEqual(len(job.contexts), 1 + 2 + 1)  # fetch, two stretches, publish
+        result, _ = run(lambda job, t: concat([t.reshape(-1), arithmetic.full(job, (3,), 0)]), x)
+        np.testing.assert_array_equal(result, [*x.reshape(-1), 0, 0, 0])
         job = Job()
         self.assertTrue(job.is_constant(job.dense(concat([job.constant(x), job.constant(y)]).T)))
         self.assertEqual(job.contexts, [])

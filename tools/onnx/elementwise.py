@@ -184,7 +184,7 @@ def where(node: Node) -> Tensor:
 def cast(node: Node) -> Tensor:
     x = node.tensor()
     if int(node.get("to")) != 1:
-        raise Refused("no operator of the library makes another type than float32 of a tensor")
+        raise Refused("casts are lowered to float32 alone")
     if x.dtype == np.float32:
         return x
     if x.dtype.kind not in "iub" or x.dtype.itemsize > 4 or x.dtype == np.uint32:

@@ -44,6 +44,7 @@ ANY = (*DTYPES.values(),)
 ANY_OUTPUT = ("cpu_split", "cpu_copy_fmt_conv", "cpu_hw32_fmt_conv_param")  # give elements of any type
 MOST_CONTEXTS = 400_000  # what the tool reads in two seconds
 MOST_BYTES = 512 << 20  # of all memories together
+SMALL = 64 << 10  # bytes of a constant that is looked for among those that are there
 
 
 class JobError(Exception):
@@ -87,14 +88,19 @@ class Job(Operators):
         self.outputs: dict[str, tuple[Memory, Tensor]] = {}
         self._on_cpu: dict[int, int] = {}  # of inputs that had to be cut up: their copy's address
         self._names: set[str] = {"sram"}
+        self._constants: dict[tuple, Tensor] = {}  # by what they hold
         self._buffered = 0  # bytes
-        self._users: dict[int, list[str]] = collections.defaultdict(list)  # operators that use a memory
+        self._users: dict[int, list[int]] = collections.defaultdict(list)  # which contexts name a memory
 
     # ---- memories ----
 
     def constant(self, array: np.ndarray, name: str = "") -> Tensor:
-        """A tensor whose elements are known: `array` [any shape]."""
-        return self._memory("constant", "cpu", np.ascontiguousarray(array).reshape(np.shape(array)), name)
+        """A tensor whose elements are known: `array` [any shape]. Small ones that are the same share a memory."""
+        array = np.ascontiguousarray(array).reshape(np.shape(array))
+        key = (array.dtype.str, array.shape, array.tobytes()) if array.nbytes <= SMALL else (len(self.memories),)
+        if key not in self._constants:
+            self._constants[key] = self._memory("constant", "cpu", array, name)
+        return self._constants[key]
 
     def input(self, name: str, array: np.ndarray) -> Tensor:
         """A tensor in accelerator memory. The values of `array` [any shape] are what the job is run with."""
@@ -127,10 +133,13 @@ class Job(Operators):
         if not tensor.size:
             return False
         memory = self.memory_of(tensor)
-        users = self._users[memory.number]
-        fits = users[0] in ANY_OUTPUT or (tensor.dtype == np.float32 and users[0] != "cpu_im2col") if users else False
-        whole = tensor.nbytes == len(memory.initial)
-        if memory.role != "buffer" or not whole or memory.initial.any() or len(users) != 1 or not fits:
+        users = [self.contexts[i] for i in self._users[memory.number]]
+        if memory.role != "buffer" or tensor.nbytes != len(memory.initial) or memory.initial.any() or len(users) != 1:
+            return False
+        (operator, arguments), = users
+        if operator == "cpu_split" and arguments[2] != tensor.nbytes:  # the other bytes are constants, and zeros
+            return False
+        if operator not in ANY_OUTPUT and (tensor.dtype != np.float32 or operator == "cpu_im2col"):
             return False
         memory.name, memory.kind, memory.role = self._unused(file_name(name)), "accelerator", "output"
         memory.dtype, memory.shape = tensor.dtype, tensor.shape
@@ -243,10 +252,9 @@ class Job(Operators):
         """Appends one context; the arguments are those of the job's file, but a memory is `place(address)` of it."""
         if len(self.contexts) >= MOST_CONTEXTS:
             raise JobError(f"it takes more than {MOST_CONTEXTS} contexts")
+        for number in {value[0] for value in arguments if isinstance(value, tuple)}:
+            self._users[number].append(len(self.contexts))
         self.contexts.append((operator, arguments))
-        for value in arguments:
-            if isinstance(value, tuple):
-                self._users[value[0]].append(operator)
 
     # ---- files ----
 

@@ -77,10 +77,9 @@ def gather_nd(node: Node) -> Tensor:
 @lowers("OneHot")
 def one_hot(node: Node) -> Tensor:
     """indices [...], depth, values [off, on] -> [..., depth, ...]. An index beyond the depth makes its context fail."""
-    job, indices, values, shape = node.job, node.tensor(0), node.tensor(2), node.shape()
-    rank = len(shape)
-    axis = int(node.get("axis", -1)) % rank
-    depth = shape[axis]
+    job, indices, values = node.job, node.tensor(0), node.tensor(2)
+    axis = int(node.get("axis", -1)) % (indices.at.ndim + 1)
+    depth = int(job.value(node.tensor(1)).item()) if job.is_constant(node.tensor(1)) else node.shape()[axis]
     flat = job.floats(arithmetic.index(job, indices, depth).reshape(-1))
     if values.dtype.itemsize == 4 and job.is_constant(values):
         off, on = job.value(values)

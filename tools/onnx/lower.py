@@ -123,6 +123,8 @@ def lower(model: onnx.ModelProto, inputs: dict[str, np.ndarray], options: Option
                 job.output(output.name, tensors[output.name])
         except JobError as error:
             raise Refused(f"output '{output.name}': {error}") from None
+        except MemoryError:
+            raise Refused(f"output '{output.name}' takes more memory than there is") from None
     return job, report
 
 
@@ -166,12 +168,16 @@ def _results(proto: onnx.NodeProto, shapes: Graph, job: Job, tensors: dict[str, 
         made = [job.constant(folding.FOLDS[proto.op_type](attributes, *arrays))]
     elif proto.op_type not in LOWERINGS:
         raise Refused(missing.reason(proto.op_type, shapes.opset))
+    elif values and all(value is not None and value.shape is not None and 0 in value.shape for value in values):
+        made = [job.constant(np.zeros(value.shape, value.dtype)) for value in values]  # nothing to compute
     else:
         node = Node(job, proto.op_type, shapes.opset, inputs, attributes, values, options, len(proto.output))
         try:
             made = LOWERINGS[proto.op_type](node)
-        except (ValueError, IndexError) as error:  # of shapes that do not fit together
+        except (ValueError, IndexError, KeyError, TypeError) as error:  # of shapes and attributes as they must not be
             raise Refused(f"its inputs and attributes do not fit together: {graph.first_line(error)}") from error
+        except MemoryError:
+            raise Refused("it takes more memory than there is") from None
         made = [made] if isinstance(made, Tensor) else list(made)
     _check(proto, made, values)
     return made

@@ -54,7 +54,10 @@ def transpose(node: Node) -> Tensor:
 
 @lowers("Expand")
 def expand(node: Node) -> Tensor:
-    return node.tensor().broadcast_to(node.shape())
+    x = node.tensor()
+    if node.job.is_constant(node.tensor(1)):
+        return x.broadcast_to(np.broadcast_shapes(x.shape, node.integers(1, "shape")))
+    return x.broadcast_to(node.shape())
 
 
 @lowers("Concat")
@@ -64,9 +67,10 @@ def concatenate(node: Node) -> Tensor:
 
 @lowers("Split")
 def split(node: Node) -> list[Tensor]:
-    """Into parts whose sizes the outputs' shapes say."""
+    """Into parts whose sizes are given, or the outputs' shapes say."""
     axis = axis_of(node)
-    sizes = [node.shape(i)[axis] for i in range(len(node.outputs))]
+    given = None if node.has(1) and not node.job.is_constant(node.tensor(1)) else node.integers(1, "split")
+    sizes = given or [node.shape(i)[axis] for i in range(node.wanted)]
     if sum(sizes) != node.tensor().shape[axis]:
         raise Refused(f"parts of {sizes} are not all of {node.tensor().shape[axis]}")
     return node.tensor().split(sizes, axis)
@@ -107,8 +111,10 @@ def padded(x: Tensor, pads: list[tuple[int, int]], filling: Tensor, mode: str = 
 
 @lowers("Tile")
 def tile(node: Node) -> Tensor:
-    x, shape = node.tensor(), node.shape()
-    return Tensor(np.tile(x.at, [n // own if own else 0 for n, own in zip(shape, x.shape)]), x.dtype)
+    x = node.tensor()
+    if node.job.is_constant(node.tensor(1)):
+        return Tensor(np.tile(x.at, node.integers(1, "repeats")), x.dtype)
+    return Tensor(np.tile(x.at, [n // own if own else 0 for n, own in zip(node.shape(), x.shape)]), x.dtype)
 
 
 @lowers("DepthToSpace")

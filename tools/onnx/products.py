@@ -22,7 +22,8 @@ def matmul(node: Node) -> Tensor:
     cols = b.reshape(-1, 1) if b.at.ndim == 1 else b
     (m, k), n = rows.shape[-2:], cols.shape[-1]
     if math.prod(cols.shape[:-2]) == 1:
-        result = job.matmul(rows.reshape(-1, k), cols.reshape(k, n)).reshape(*rows.shape[:-1], n)
+        result = job.matmul(rows.reshape(math.prod(rows.shape[:-1]), k), cols.reshape(k, n))
+        result = result.reshape(*np.broadcast_shapes(rows.shape[:-2], cols.shape[:-2]), m, n)
     else:
         batch = np.broadcast_shapes(rows.shape[:-2], cols.shape[:-2])
         lefts = rows.broadcast_to((*batch, m, k)).reshape(-1, m, k)

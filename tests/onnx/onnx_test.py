@@ -199,6 +199,18 @@ class Conformance(unittest.TestCase):
                 for result, expected in zip(results, lstm(**{name: arrays[name].astype(float) for name in given})):
                     np.testing.assert_allclose(result, expected, rtol=1e-5, atol=1e-6)
 
+    def test_batch_normalization_of_parameters_that_do_not_fold(self):
+        x, scale, bias, mean = (np.float32(np.random.RandomState(4).standard_normal(s)) for s in ((2, 3, 4), 3, 3, 3))
+        variance = np.float32([0.5, 1, 2])
+        for given in ({"scale": scale, "bias": bias, "mean": mean}, {"bias": bias}):
+            constants = {"scale": np.float32([0, 1, 2]), "mean": mean, "variance": variance}
+            made = model(("BatchNormalization", "x scale bias mean variance", "y", {}), outputs=[("y", [2, 3, 4])],
+                         inputs=[("x", [2, 3, 4]), *((name, [3]) for name in given)],
+                         constants={name: array for name, array in constants.items() if name not in given})
+            result, = backend.KelRtBackend.run_model(made, [x, *given.values()])
+            s, b, m, v = (dict(constants, **given)[name][:, None] for name in ("scale", "bias", "mean", "variance"))
+            np.testing.assert_allclose(result, (x - m) / np.sqrt(v + 1e-5) * s + b, rtol=1e-5, atol=1e-6)
+
     def test_a_node_by_itself(self):
         x = np.float32([[1, -2], [3, 4]])
         result, = backend.KelRtBackend.run_node(helper.make_node("Transpose", ["x"], ["y"]), [x])

@@ -19,15 +19,15 @@ def full(job: Job, shape: tuple[int, ...], value: float) -> Tensor:
 
 def subtract(job: Job, a: Tensor, b: Tensor) -> Tensor:
     """(a - b) / 1, which feature normalisation rounds as a subtraction does."""
-    return _normalised(job, a, b, full(job, (), 1))
+    return normalised(job, a, b, full(job, (), 1))
 
 
 def divide(job: Job, a: Tensor, b: Tensor) -> Tensor:
     """(a - 0) / b, the same way."""
-    return _normalised(job, a, full(job, (), 0), b)
+    return normalised(job, a, full(job, (), 0), b)
 
 
-def _normalised(job: Job, a: Tensor, mean: Tensor, var: Tensor) -> Tensor:
+def normalised(job: Job, a: Tensor, mean: Tensor, var: Tensor) -> Tensor:
     """(a - mean) / var. The operator takes frame after frame, so a mean and a divisor that repeat along leading axes
     are there once."""
     shape = np.broadcast_shapes(a.shape, mean.shape, var.shape)
@@ -81,7 +81,7 @@ def tanh(job: Job, x: Tensor) -> Tensor:
 
 def at_least(job: Job, a: Tensor, b: Tensor) -> Tensor:
     """1 where a >= b (or one of them is not a number), 0 where a < b, from the ends of the range of 8 bits."""
-    saturated = job.convert(_normalised(job, a, b, full(job, (), 1 / HUGE)), np.int8, frac_bits=7)  # < 0, or 0 and more
+    saturated = job.convert(normalised(job, a, b, full(job, (), 1 / HUGE)), np.int8, frac_bits=7)  # < 0, or 0 and more
     upwards = job.add(job.convert(saturated, np.float32, frac_bits=7), full(job, (), 1))  # [0, 1) or [1, 2)
     return job.convert(job.convert(upwards, np.int8), np.float32)
 

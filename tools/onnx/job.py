@@ -259,7 +259,7 @@ class Job(Operators):
     # ---- files ----
 
     def write(self, folder: str | os.PathLike) -> pathlib.Path:
-        """Writes job.json and the .npy files of its memories beside a folder and then into it; returns the job's path."""
+        """Writes job.json and the .npy files of its memories beside a folder, then into it; returns the job's path."""
         folder = pathlib.Path(folder)
         folder.parent.mkdir(parents=True, exist_ok=True)
         beside = pathlib.Path(tempfile.mkdtemp(prefix=".job-", dir=folder.parent))

@@ -162,25 +162,28 @@ def _results(proto: onnx.NodeProto, shapes: Graph, job: Job, tensors: dict[str, 
         if name and name not in tensors:
             raise Refused(f"its input '{name}' is made by a node that is refused")
     inputs = [tensors[name] if name else None for name in proto.input]
-    attributes = graph.attributes(proto)
-    if proto.op_type in folding.FOLDS and all(tensor is None or job.is_constant(tensor) for tensor in inputs):
-        arrays = [None if tensor is None else job.value(tensor) for tensor in inputs]
-        made = [job.constant(folding.FOLDS[proto.op_type](attributes, *arrays))]
-    elif proto.op_type not in LOWERINGS:
-        raise Refused(missing.reason(proto.op_type, shapes.opset))
-    elif values and all(value is not None and value.shape is not None and 0 in value.shape for value in values):
-        made = [job.constant(np.zeros(value.shape, value.dtype)) for value in values]  # nothing to compute
-    else:
-        node = Node(job, proto.op_type, shapes.opset, inputs, attributes, values, options, len(proto.output))
-        try:
-            made = LOWERINGS[proto.op_type](node)
-        except (ValueError, IndexError, KeyError, TypeError) as error:  # of shapes and attributes as they must not be
-            raise Refused(f"its inputs and attributes do not fit together: {graph.first_line(error)}") from error
-        except MemoryError:
-            raise Refused("it takes more memory than there is") from None
-        made = [made] if isinstance(made, Tensor) else list(made)
+    node = Node(job, proto.op_type, shapes.opset, inputs, graph.attributes(proto), values, options, len(proto.output))
+    try:
+        made = _made(node)
+    except (ValueError, IndexError, KeyError, TypeError) as error:  # of shapes and attributes as they must not be
+        raise Refused(f"its inputs and attributes do not fit together: {graph.first_line(error)}") from error
+    except MemoryError:
+        raise Refused("it takes more memory than there is") from None
     _check(proto, made, values)
     return made
+
+
+def _made(node: Node) -> list[Tensor]:
+    """By folding, without computing as there is nothing to compute, or by the function for the operator."""
+    if node.op in folding.FOLDS and all(tensor is None or node.job.is_constant(tensor) for tensor in node.inputs):
+        arrays = [None if tensor is None else node.job.value(tensor) for tensor in node.inputs]
+        return [node.job.constant(folding.FOLDS[node.op](node.attributes, *arrays))]
+    if node.op not in LOWERINGS:
+        raise Refused(missing.reason(node.op, node.opset))
+    if node.outputs and all(value and value.shape is not None and 0 in value.shape for value in node.outputs):
+        return [node.job.constant(np.zeros(value.shape, value.dtype)) for value in node.outputs]
+    made = LOWERINGS[node.op](node)
+    return [made] if isinstance(made, Tensor) else list(made)
 
 
 def _check(proto: onnx.NodeProto, made: list[Tensor], values: list[graph.Value | None]) -> None:

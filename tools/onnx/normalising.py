@@ -84,17 +84,22 @@ def batch_normalization(node: Node) -> list[Tensor]:
         return _trained(node, x, epsilon)
     if node.wanted > 1:
         raise Refused("outputs besides the first are for training")
-    scale, bias, mean, variance = (node.constant(i, what).astype(np.float64)
-                                   for i, what in enumerate(("its scale", "its bias", "its mean", "its variance"), 1))
-    # (x - mean) / deviation * scale + bias as one subtraction and one division, where that can be.
-    deviation = np.sqrt(variance + epsilon)
-    if (scale == 0).any():
-        raise Refused("a scale is 0")
-    divisor, subtrahend = deviation / scale, mean - bias * deviation / scale
-    per_channel = [job.constant(array.astype(np.float32).reshape(-1, *[1] * (x.at.ndim - 2)))
-                   for array in (subtrahend, divisor)]
-    frame = [job.constant(np.array(np.broadcast_to(job.value(tensor), x.shape[1:]))) for tensor in per_channel]
-    return [job.featurenorm(x.reshape(len(x), -1), *(tensor.reshape(-1) for tensor in frame)).reshape(*x.shape)]
+    if not job.is_constant(node.floats(4)):
+        raise Refused("its variance is given at run time, and no operator of the library gives a square root")
+    deviation = np.sqrt(job.value(node.floats(4)).astype(np.float64) + epsilon)
+    if all(job.is_constant(node.floats(i)) for i in (1, 2, 3)) and job.value(node.floats(1)).all():
+        # Constants fold into one mean and one divisor.
+        scale, bias, mean = (job.value(node.floats(i)).astype(np.float64) for i in (1, 2, 3))
+        return [arithmetic.normalised(job, x, *(_by_channel(job.constant(array.astype(np.float32)), x)
+                                                for array in (mean - bias * deviation / scale, deviation / scale)))]
+    deviations = job.constant(deviation.astype(np.float32))
+    scale, bias, mean, divisor = (_by_channel(tensor, x) for tensor in (*map(node.floats, (1, 2, 3)), deviations))
+    return [job.add(arithmetic.multiply(job, arithmetic.normalised(job, x, mean, divisor), scale), bias)]
+
+
+def _by_channel(tensor: Tensor, x: Tensor) -> Tensor:
+    """[c], to go with x [n, c, spatial]."""
+    return tensor.reshape(-1, *[1] * (x.at.ndim - 2))
 
 
 def _trained(node: Node, x: Tensor, epsilon: float) -> list[Tensor]:

@@ -15,8 +15,8 @@ class Window:
 
     def __init__(self, sizes: Sequence[int], kernel: Sequence[int], get: Callable[..., object],
                  spread: Sequence[int] | None = None) -> None:
-        """`get(name, default)` has the attributes of a node. With `spread`, zeros are between the elements of the image,
-        whose `sizes` count them."""
+        """`get(name, default)` has the attributes of a node. With `spread`, zeros are between the elements of the
+        image, whose `sizes` count them."""
         rank = len(sizes)
         self.kernel, self.spread = list(kernel), list(spread or [1] * rank)
         self.strides = list(get("strides", None) or [1] * rank)

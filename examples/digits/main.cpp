@@ -12,6 +12,7 @@
 
 #include "data.h"
 #include "driver.h"
+#include "output_files.h"
 #include "picture.h"
 
 namespace {
@@ -184,17 +185,32 @@ void report(const Outcome& outcome, const Driver& driver, const Printer& printer
         throw DriverError("the report could not be written");
 }
 
+// DIRECTORY/probabilities.npy, kHeldOut x kDigits, as the network gave them.
+void write_probabilities(const Outcome& outcome, const std::string& directory) {
+    npy::Array array{npy::Type::f4, {kHeldOut, kDigits}, {}};
+    for (const Reading& reading : outcome.readings) {
+        const auto bytes = std::as_bytes(std::span(reading.scores));
+        const auto* const first = reinterpret_cast<const uint8_t*>(bytes.data());
+        array.bytes.insert(array.bytes.end(), first, first + bytes.size());
+    }
+    npy::OutputFiles files(directory);
+    files.add("probabilities", array);
+    files.commit();
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
-    std::string directory = DIGITS_DATA_DIRECTORY;
+    std::string directory = DIGITS_DATA_DIRECTORY, out;
     bool check = false;
     for (int i = 1; i < argc; ++i) {
         const std::string_view argument = argv[i];
         if (argument == "--check") {
             check = true;
+        } else if (argument == "--out" && i + 1 < argc) {
+            out = argv[++i];
         } else if (argument.starts_with("-")) {
-            std::fprintf(stderr, "usage: digits [--check] [DATA_DIRECTORY]\n");
+            std::fprintf(stderr, "usage: digits [--check] [--out DIRECTORY] [DATA_DIRECTORY]\n");
             return argument == "--help" ? 0 : 2;
         } else {
             directory = argument;
@@ -208,6 +224,8 @@ int main(int argc, char** argv) {
         const Printer printer;
         const Outcome outcome = recognise_all(network, data, printer);
         report(outcome, driver, printer);
+        if (!out.empty())
+            write_probabilities(outcome, out);
         if (check && !outcome.good()) {
             std::fprintf(
                 stderr,

@@ -171,7 +171,12 @@ def main():
     parser = argparse.ArgumentParser(description="Trains the network of the example driver.")
     parser.add_argument("--out", type=pathlib.Path, default=dataset.ELSEWHERE, metavar="DIRECTORY",
                         help=f"where the files go ({dataset.ELSEWHERE}); {dataset.DATA} is what the driver reads")
-    out = parser.parse_args().out
+    parser.add_argument("--onnx", type=pathlib.Path, metavar="FILE.onnx",
+                        help="write the network as an ONNX model, too; needs Debian's python3-onnx")
+    options = parser.parse_args()
+    out = options.out
+    if options.onnx:
+        import export  # first, lest a minute's training be for nothing
     try:
         out.mkdir(parents=True, exist_ok=True)
     except OSError as error:
@@ -196,6 +201,8 @@ def main():
     dataset.save(out, "images", held_out.reshape(-1, 8, 8), np.uint8)
     dataset.save(out, "labels", held_out_labels, np.uint8)
     dataset.save(out, "probabilities", probabilities)
+    if options.onnx:
+        export.export(rounded | {"mean": mean, "var": divisor}, 1, options.onnx)
     print(f"written to {out}, which the driver takes as its argument")
 
 

@@ -2,7 +2,6 @@
 #pragma once
 
 #include <cstddef>
-#include <cstring>
 #include <utility>
 
 #include "element.h"
@@ -20,15 +19,20 @@ template <int count, typename F>
     (std::make_index_sequence<count>());
 }
 
+// At any address. (Dereferenced, not copied: clang would call a memcpy that checks a size known at run time.)
+template <typename V>
+struct Anywhere {
+    typedef V Type __attribute__((aligned(1), may_alias));
+};
 template <typename V>
 V load_elements(const void* p) {
-    V v;
-    std::memcpy(&v, p, sizeof v);
-    return v;
+    const auto* const from = static_cast<const typename Anywhere<V>::Type*>(p);
+    return *from;
 }
 template <typename V>
 void store_elements(void* p, V v) {
-    std::memcpy(p, &v, sizeof v);
+    auto* const to = static_cast<typename Anywhere<V>::Type*>(p);
+    *to = v;
 }
 
 template <typename V>

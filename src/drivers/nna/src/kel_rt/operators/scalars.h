@@ -7,6 +7,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <cstring>
 
 #include "element.h"
 #if defined(__arm__) && defined(__ARM_NEON)
@@ -74,6 +75,19 @@ inline bool reads_first(const float* out, const float* in) {
     const uintptr_t ahead = reinterpret_cast<uintptr_t>(out) - reinterpret_cast<uintptr_t>(in);
     return ahead == 0 || ahead >= sizeof(Scalars);
 }
+
+#else
+
+struct Scalars {
+    static constexpr uint32_t kCount = 8;
+    float v[kCount];
+
+    static Scalars load(const float* p) {
+        Scalars a;
+        std::memcpy(a.v, p, sizeof a.v);
+        return a;
+    }
+};
 
 #endif
 

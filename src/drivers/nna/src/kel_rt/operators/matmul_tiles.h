@@ -5,6 +5,9 @@
 #include <iterator>
 
 #include "matrix_lanes.h"
+#if defined(__arm__) && defined(__ARM_NEON)
+#include <arm_neon.h>
+#endif
 
 namespace kelrt {
 namespace {
@@ -29,23 +32,67 @@ using SumVector = float;
 constexpr int kLanes = 1;
 #endif
 
+// What elements of a row of a are loaded into, to be multiplied by whole vectors.
+template <typename V>
+struct Factors {
+    static constexpr int kCount = 1;
+    float factor;
+
+    static Factors load(const f32* from) { return {*from}; }
+    template <int>
+    V add_product(V sum, V across) const {
+        return sum + factor * across;
+    }
+};
+
+#if defined(__arm__) && defined(__ARM_NEON)
+// Sums in the NEON unit, for which see matmul_neon.h. Its multiply-accumulate rounds twice; four factors are
+// the lanes of a register, of whose kind it can take one.
+#define KELRT_NEON_SUMS
+template <>
+struct Factors<float32x4_t> {
+    static constexpr int kCount = 4;
+    float32x4_t factors;
+
+    static Factors load(const f32* from) { return {load_elements<float32x4_t>(from)}; }
+    template <int i>
+    float32x4_t add_product(float32x4_t sum, float32x4_t across) const {
+        const float32x2_t half = i < 2 ? vget_low_f32(factors) : vget_high_f32(factors);
+        return vmlaq_lane_f32(sum, across, half, i % 2);
+    }
+};
+#endif
+
 // c[i][j] += the sum over k of a[i][k] * b[k][j], for `rows` rows and `vectors` vectors V of columns. The
 // first time c is not read.
 template <int rows, int vectors, typename V>
 [[gnu::flatten]] void add_products(f32* c, size_t c_stride, Matrix a, Matrix b, size_t depth, bool first) {
-    constexpr size_t lanes = kLanesOf<V>;
+    constexpr size_t lanes = kLanesOf<V>, count = Factors<V>::kCount;
     V sums[rows][vectors];
     each<rows>([&](auto i) {
         each<vectors>(
             [&](auto v) { sums[i][v] = first ? V{} : load_elements<V>(c + i * c_stride + v * lanes); });
     });
-    for (size_t k = 0; k < depth; ++k) {
+    const auto add = [&](const Factors<V>(&factors)[rows], auto k, const f32* row) {
         V across[vectors];
-        each<vectors>([&](auto v) { across[v] = load_elements<V>(b.data + k * b.stride + v * lanes); });
+        each<vectors>([&](auto v) { across[v] = load_elements<V>(row + v * lanes); });
         each<rows>([&](auto i) {
-            const float factor = a.data[i * a.stride + k];
-            each<vectors>([&](auto v) { sums[i][v] += factor * across[v]; });
+            each<vectors>(
+                [&](auto v) { sums[i][v] = factors[i].template add_product<k>(sums[i][v], across[v]); });
         });
+    };
+    size_t k = 0;
+    for (; k + count <= depth; k += count) {
+        Factors<V> factors[rows];
+        each<rows>([&](auto i) { factors[i] = Factors<V>::load(a.from(i, k).data); });
+        each<count>([&](auto n) { add(factors, n, b.from(k + n, 0).data); });
+    }
+    if constexpr (count > 1) {
+        for (; k < depth; ++k) {
+            Factors<V> factors[rows];
+            each<rows>([&](auto i) { factors[i] = {vdupq_n_f32(*a.from(i, k).data)}; });
+            add(factors, std::integral_constant<int, 0>(), b.from(k, 0).data);
+        }
     }
     each<rows>([&](auto i) {
         each<vectors>([&](auto v) { store_elements(c + i * c_stride + v * lanes, sums[i][v]); });
@@ -80,6 +127,7 @@ constexpr Tiles kTilesOf = {vectors* kLanesOf<V>,
                              {2, add_products<2, vectors, V>},
                              {1, add_products<1, vectors, V>}}};
 
+// Of all widths, the narrowest first.
 constexpr Tiles kTiles[] = {
     kTilesOf<1, float>,
 #if defined(KELRT_VECTOR_SUMS)
@@ -93,12 +141,20 @@ constexpr Tiles kTiles[] = {
 #endif
     kTilesOf<kVectors, SumVector<kLanes>>,
 };
-constexpr const Tiles& kWidestTiles = kTiles[std::size(kTiles) - 1];
+#if defined(KELRT_NEON_SUMS)
+constexpr Tiles kNeonTiles[] = {kTilesOf<1, float32x4_t>, kTilesOf<2, float32x4_t>};
+#endif
 
-// The narrowest tiles that cover `columns`, or else the widest, of those that fit into a row of `most`.
-inline const Tiles& tiles_for(size_t columns, size_t most) {
-    const Tiles* tiles = kTiles;
-    while (tiles->width < columns && tiles != &kWidestTiles && tiles[1].width <= most)
+template <size_t n>
+constexpr const Tiles& widest(const Tiles (&tiles)[n]) {
+    return tiles[n - 1];
+}
+
+// The narrowest that cover `columns`, or else the widest, of those that fit into a row of `most`.
+template <size_t n>
+const Tiles& tiles_for(const Tiles (&all)[n], size_t columns, size_t most) {
+    const Tiles* tiles = all;
+    while (tiles->width < columns && tiles != &widest(all) && tiles[1].width <= most)
         ++tiles;
     return *tiles;
 }

@@ -33,7 +33,7 @@ void add_squares(float& sum, const float* x, uint32_t n, float mean) {
 
 // The squares are ready before the first is added. Otherwise clang makes each in its multiply-accumulate, for
 // which the next one waits: on a Cortex-A9 10 cycles an element, not 6.6.
-void await(double (&squares)[Scalars::kCount]) {
+void await(double (&squares)[kScalars]) {
 #if defined(KELRT_SCALARS)
     asm(""
         : "+w"(squares[0]), "+w"(squares[1]), "+w"(squares[2]), "+w"(squares[3]), "+w"(squares[4]),
@@ -56,10 +56,10 @@ bool add_squares_of_run(float& sum, const float* x, float mean) {
         return false;
     const double power = std::bit_cast<double>((exponent + (1023ull - 127)) << 52), shift = power * 0x1.8p29;
     double shifted = static_cast<double>(sum) + shift;
-    for (uint32_t i = 0; i < kRun; i += Scalars::kCount) {
-        const Scalars values = Scalars::load(x + i);
-        double squares[Scalars::kCount];
-        for (uint32_t k = 0; k < Scalars::kCount; ++k)
+    for (uint32_t i = 0; i < kRun; i += kScalars) {
+        const auto values = Scalars<kScalars>::load(x + i);
+        double squares[kScalars];
+        for (int k = 0; k < kScalars; ++k)
             squares[k] = square_of(values.v[k], mean);
         await(squares);
         for (const double square : squares)

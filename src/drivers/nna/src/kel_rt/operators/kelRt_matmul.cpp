@@ -61,7 +61,7 @@ void add_row(f32* c, const f32* a, Matrix b, size_t cols, bool first) {
     const auto add = [&]<typename T>(T zero, size_t j) {
         T sum = first ? zero : load_elements<T>(c + j);
         for (size_t k = 0; k < count; ++k)
-            sum += factors[k] * load_elements<T>(b.data + k * b.stride + j);
+            sum = sum + factors[k] * load_elements<T>(b.data + k * b.stride + j);
         store_elements(c + j, sum);
     };
     size_t j = 0;

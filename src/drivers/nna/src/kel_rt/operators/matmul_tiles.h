@@ -5,9 +5,7 @@
 #include <iterator>
 
 #include "matrix_lanes.h"
-#if defined(__arm__) && defined(__ARM_NEON)
-#include <arm_neon.h>
-#endif
+#include "scalars.h"
 
 namespace kelrt {
 namespace {
@@ -19,35 +17,60 @@ struct Matrix {
     Matrix from(size_t row, size_t col) const { return {data + row * stride + col, stride}; }
 };
 
-// A sum keeps subnormals and follows the caller's rounding mode, as scalar arithmetic does. On these
-// processors a vector does so too; elsewhere a vector is one float.
+// A sum keeps subnormals and follows the caller's rounding mode, as scalar arithmetic does. On most
+// processors a vector does so too; on 32-bit Arm it has to be several scalars; elsewhere it is one float.
 #if defined(__SSE2__) || defined(__aarch64__)
 #define KELRT_VECTOR_SUMS
 template <int n>
 using SumVector = FloatVector<n>;
 constexpr int kLanes = kWidest;
+#elif defined(KELRT_SCALARS)
+template <int n>
+using SumVector = Scalars<n>;
+constexpr int kLanes = kScalars;
+
+template <int n>
+struct Anywhere<Scalars<n>> {
+    static Scalars<n> load(const void* p) { return Scalars<n>::load(p); }
+    static void store(void* p, Scalars<n> v) { v.store(p); }
+};
 #else
 template <int n>
 using SumVector = float;
 constexpr int kLanes = 1;
 #endif
 
-// What elements of a row of a are loaded into, to be multiplied by whole vectors.
+// kCount elements of a row of a, each of which whole vectors are multiplied by.
 template <typename V>
 struct Factors {
     static constexpr int kCount = 1;
     float factor;
 
     static Factors load(const f32* from) { return {*from}; }
+    static Factors of(float value) { return {value}; }
     template <int>
     V add_product(V sum, V across) const {
         return sum + factor * across;
     }
 };
 
-#if defined(__arm__) && defined(__ARM_NEON)
-// Sums in the NEON unit, for which see matmul_neon.h. Its multiply-accumulate rounds twice; four factors are
-// the lanes of a register, of whose kind it can take one.
+#if defined(KELRT_SCALARS)
+// As scalars: 1.4 modelled cycles of a Cortex-A9 a multiply-add; one by one, 1.8.
+template <>
+struct Factors<float> {
+    static constexpr int kCount = 2;
+    Scalars<kCount> factors;
+
+    static Factors load(const f32* from) { return {Scalars<kCount>::load(from)}; }
+    static Factors of(float value) { return {value}; }
+    template <int i>
+    float add_product(float sum, float across) const {
+        return sum + factors.v[i] * across;
+    }
+};
+
+// In the NEON unit, for which see matmul_neon.h: 0.3 cycles. Its multiply-accumulate rounds twice, and takes
+// one factor out of a register.
 #define KELRT_NEON_SUMS
 template <>
 struct Factors<float32x4_t> {
@@ -55,6 +78,7 @@ struct Factors<float32x4_t> {
     float32x4_t factors;
 
     static Factors load(const f32* from) { return {load_elements<float32x4_t>(from)}; }
+    static Factors of(float value) { return {vdupq_n_f32(value)}; }
     template <int i>
     float32x4_t add_product(float32x4_t sum, float32x4_t across) const {
         const float32x2_t half = i < 2 ? vget_low_f32(factors) : vget_high_f32(factors);
@@ -90,7 +114,7 @@ template <int rows, int vectors, typename V>
     if constexpr (count > 1) {
         for (; k < depth; ++k) {
             Factors<V> factors[rows];
-            each<rows>([&](auto i) { factors[i] = {vdupq_n_f32(*a.from(i, k).data)}; });
+            each<rows>([&](auto i) { factors[i] = Factors<V>::of(*a.from(i, k).data); });
             add(factors, std::integral_constant<int, 0>(), b.from(k, 0).data);
         }
     }
@@ -114,10 +138,13 @@ struct Tiles {
 // the fewest loads.
 #if defined(__AVX512F__) || defined(__aarch64__)
 constexpr int kRows = 12, kVectors = 2;
+using TileVector = SumVector<kLanes>;
 #elif defined(KELRT_VECTOR_SUMS)
 constexpr int kRows = 6, kVectors = 2;
+using TileVector = SumVector<kLanes>;
 #else
 constexpr int kRows = 4, kVectors = 4;
+using TileVector = float;
 #endif
 
 template <int vectors, typename V>
@@ -139,7 +166,7 @@ constexpr Tiles kTiles[] = {
 #if defined(__AVX512F__)
     kTilesOf<1, SumVector<16>>,
 #endif
-    kTilesOf<kVectors, SumVector<kLanes>>,
+    kTilesOf<kVectors, TileVector>,
 };
 #if defined(KELRT_NEON_SUMS)
 constexpr Tiles kNeonTiles[] = {kTilesOf<1, float32x4_t>, kTilesOf<2, float32x4_t>};

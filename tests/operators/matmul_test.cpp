@@ -157,7 +157,7 @@ TEST(Matmul, NextToWhatVectorUnitsMayDo) {
         {{0x1.000002p-100f, 0x1.000002p-100f}, {0x1p-4f, -0x1p-4f}},
         {{1, -1}, {0x1.000002p-126f, 0x1p-126f}},
         {{0x1p-126f, 0x1p-126f}, {0x1.000002p23f, -0x1p23f}},
-        {{subnormal, 1}, {0x1p100f, 0x1p30f}},
+        {{subnormal, 0}, {0x1p100f, 0x1p30f}},
         {{1, 0}, {0x1p-23f, -subnormal}},
         {{inf, inf}, {subnormal, 1}},
         {{-inf, 0}, {1, 3}},

@@ -87,6 +87,10 @@ def with_args(*args, op="cpu_ewop_add"):
     return add_job(contexts=[{"op": op, "args": list(args)}])
 
 
+def with_names(label=None, op="cpu_ewop_add", **args):
+    return add_job(contexts=[dict({"op": op, "args": args}, **({"label": label} if label else {}))])
+
+
 def with_memory(description):
     return add_job(memories=dict(add_job()["memories"], w=description))
 
@@ -137,9 +141,7 @@ class Refusals(KelrtTest):
                                    ("i2", "0x10000"), ("i1", 128), ("i1", -129), ("u1", 256), ("u1", -1),
                                    ("u1", "0x100"))),
             (with_memory(memory([1], "f4", values=[None])), "...memories.w.values[0]: " + VALUE),
-            *((add_job(memories={name: memory()}), f"...{shown}: a memory's name is made of letters")
-              for name, shown in (("../w", "../w"), ("sram", "sram"), ("-w", "-w"), ("w\0\n", "w??"), ("", "memories."),
-                                  ("w" * 101, "w" * 101), ("w" * 3000000, "w"))),
+            (add_job(memories={"sram": memory()}, sram=memory()), "sram: a memory has the name sram too"),
             (with_memory({"npy": "i4.npy\0"}), "memories.w.npy: a file's name has no NUL in it"),
             (with_memory({"npy": "none.npy"}),
              "memories.w.npy: none.npy: cannot open the file (No such file or directory)"),
@@ -192,6 +194,15 @@ class Refusals(KelrtTest):
             (with_args(0, 4, 4, 1, Z, op="nna_sram_get"), 'contexts[0].op: nna_sram_get needs the job to have "sram"'),
             (dict(with_args(0, 4, 4, 1, {"mem": None}, op=17), sram=memory([16], "u1")),
              "contexts[0].args[4]: mem of nna_sram_get must be a memory"),
+            # arguments by name, labels
+            (with_names(a=X, b=Y, n=4), "contexts[0].args: the argument out of cpu_ewop_add is missing"),
+            (with_names(out=Z, a=X, b=Y, n=4, m=5),
+             "contexts[0].args.m: cpu_ewop_add has no such argument; it has out, a, b, n"),
+            (with_names(out=Z, a=X, b=Y, n=5),
+             "contexts[0].args.out: out of cpu_ewop_add needs 20 bytes from offset 0 and memory z has 16"),
+            (with_names("sum", out=Z, a=X, b=Y, n=-1), "contexts[0] (sum).args.n: " + U32),
+            (add_job(contexts=[{"op": 4, "args": [], "label": 7}]), "...contexts[0].args: cpu_ewop_add takes 4"),
+            (add_job(contexts=[dict(add_job()["contexts"][0], label=7)]), "contexts[0].label: a text is wanted here"),
             # outputs
             (add_job(outputs=["v"]), "outputs[0]: there is no memory v"),
             (add_job(outputs=["sram"]), "outputs[0]: there is no memory sram"),
@@ -315,6 +326,48 @@ class Runs(KelrtTest):
         for dtype, (layout, _, expected) in values.items():
             packed = struct.pack("<" + layout, *expected)
             self.assertEqual(self.written()[dtype * 50 + ".npy"][-len(packed):], packed)
+
+    def test_names_of_every_kind(self):
+        """Any memory name, which becomes a file name by one rule; labels and arguments by name; the report."""
+        names = {"": "%", "conv 1/weights:0": "conv 1%2Fweights%3A0", "../w": "%2E.%2Fw", "-w": "%2Dw", "w\0": "w%00",
+                 "\u00e9": "%C3%A9", "w%": "w%25", "sram": "sram", "w" * 200: "", "w" * 201: ""}
+        job = {"memories": {name: memory([1], values=[i]) for i, name in enumerate(names)}, "outputs": list(names),
+               "contexts": [{"op": 4, "label": "sum\n\u00e9", "args": {
+                   "n": 1, "out": {"mem": "w\0"}, "a": {"mem": ""}, "b": {"mem": "-w"}}}]}
+        result = self.run_job(job, "--report", "report.json")
+        self.assertEqual((result.returncode, result.stderr), (0, ""))
+        self.assertRegex(result.stdout, "us  \\(sum\\?\u00e9\\)\n")
+        report = json.loads((self.folder / "report.json").read_text())
+        self.assertEqual([(context["op"], context["label"], context["status"]) for context in report["contexts"]],
+                         [("cpu_ewop_add", "sum\n\u00e9", 1001)])
+        self.assertEqual([(output["memory"], output["values"]) for output in report["outputs"]],
+                         [(name, [3 if name == "w\0" else i]) for i, name in enumerate(names)])
+        files = self.written()
+        self.assertEqual(len(files), len(names))
+        self.assertLessEqual({name + ".npy" for name in names.values() if name}, set(files))
+        quiet = self.run_job(job, "--quiet")
+        self.assertEqual((quiet.returncode, quiet.stdout, quiet.stderr), (0, "", ""))
+
+    def test_a_report_tells_what_failed_and_how_long_it_took(self):
+        job = with_args(Z, {"mem": None}, Y, 4)
+        job["contexts"] = add_job()["contexts"] * 3 + job["contexts"]
+        result = self.run_job(job, "--quiet", "--log", "off", "--report", "r.json", "--profile", "--trace", "t.json")
+        self.assertEqual(result.returncode, 1)
+        self.assertRegex(result.stdout, r"\A  3  cpu_ewop_add .*\nstopped: context 3 failed, no outputs\n\Z")
+        report, trace = (json.loads((self.folder / name).read_text()) for name in ("r.json", "t.json"))
+        self.assertEqual([context["status"] for context in report["contexts"]], [1001] * 3 + [1056])
+        row, = report["profile"]["operators"]
+        self.assertEqual((row["op"], row["calls"], row["bytes"]), ("cpu_ewop_add", 4, 4 * 48))
+        self.assertLessEqual(row["least_us"], row["median_us"])
+        self.assertLessEqual(row["median_us"], row["p99_us"])
+        self.assertLessEqual(row["p99_us"], row["most_us"])
+        self.assertAlmostEqual(row["mean_us"] * 4, row["total_us"], 3)
+        self.assertEqual([(event["ph"], event["name"], event["args"]["context"]) for event in trace["traceEvents"]],
+                         [("X", "cpu_ewop_add", i) for i in range(4)])
+        begins = [event["ts"] for event in trace["traceEvents"]]
+        self.assertEqual(begins, sorted(begins))
+        text = self.run_job(add_job(), "--profile").stdout
+        self.assertRegex(text, r"\ncpu_ewop_add +1 .* 100\.0 %\na memory copy on this machine, .* GB/s\n")
 
     def test_a_failing_context_ends_the_run(self):
         job = with_args(Z, {"mem": None}, Y, 4)
@@ -448,7 +501,7 @@ class Runs(KelrtTest):
             ({"raw": [[1, 0, -1]]}, 2, "contexts[0].raw[0][2]: " + U32),
             ({"raw": [[2, 0, 2**20]]}, 2, "contexts[0].raw[0][2]: the driver's buffer table ends at memory id 0xFFFFF"),
             ({"raw": [], "op": 4}, 2, "contexts[0].op: a raw context has records only"),
-            ({"null": True, "target": 1}, 2, "contexts[0].target: unknown key; known are null"),
+            ({"null": True, "target": 1}, 2, "contexts[0].target: unknown key; known are null, label"),
             ({"null": 1}, 2, "contexts[0].null: true or false is wanted here"),
         ]:
             with self.subTest(context=context):

@@ -25,7 +25,8 @@ A job is a JSON object (all numbers may be bit patterns, "0x3F000000"; negative 
   "memories": {NAME: {"npy": FILE} or {"dtype": "f4", "shape": [2, 3], "values": [...]},
                and "kind": "accelerator" or "cpu"}     ids are 0, 1, ... in this order
   "sram":     {"base": ADDRESS, and "npy" or "dtype" and "shape" as for a memory}
-  "contexts": [{"op": NAME or ID, "args": [{"mem": NAME, "offset": 0}, {"mem": null}, 4, {"flt": 0.5}]}]
+  "contexts": [{"op": NAME or ID, "args": [{"mem": NAME, "offset": 0}, {"mem": null}, 4, {"flt": 0.5}],
+                and "label": any text}]     args may also be an object of arguments by name
   "outputs":  [NAME, ...]
 With --unchecked nothing is compared with the catalogue, and a context may also have
   "raw": [[TYPE, OFFSET, VALUE], ...] instead of op and args: all records, arguments 0 and 1 included; VALUE
@@ -54,7 +55,36 @@ std::optional<uint32_t> read_repetitions(const std::string& text) {
     return static_cast<uint32_t>(*integer);
 }
 
-void add_run_options(CLI::App& command, tool::RunOptions& options, std::string& log) {
+void add_report_options(CLI::App& command, tool::Options& options) {
+    const auto not_empty = [](const std::string& text) {
+        return text.empty() ? "the name of a file is wanted" : "";
+    };
+    command.add_option("--report", options.report, "JSON file for everything that the text shows")
+        ->check(not_empty);
+}
+
+// What a run and a replay have in common.
+void add_measuring_options(CLI::App& command, tool::Options& options) {
+    add_report_options(command, options);
+    command.add_flag("--quiet", options.quiet, "show what failed, and nothing else")->disable_flag_override();
+    command
+        .add_flag("--profile", options.profile,
+                  "show by operator how often, how long, how many bytes; in the report too")
+        ->disable_flag_override();
+    command.add_option("--trace", options.trace, "file for the calls one by one, as trace viewers read them")
+        ->check([](const std::string& text) { return text.empty() ? "the name of a file is wanted" : ""; });
+    const auto repetitions = [](const std::string& text) {
+        return read_repetitions(text) ? "" : "'" + text + "' is not a whole number from 1 to 1000000";
+    };
+    command
+        .add_option_function<std::string>(
+            "--repeat", [&](const std::string& text) { options.repeat = *read_repetitions(text); },
+            "how often, from the same start; shows least and median times")
+        ->check(repetitions)
+        ->default_str("1");
+}
+
+void add_run_options(CLI::App& command, tool::Options& options, std::string& log) {
     const auto not_empty = [](const std::string& text) {
         return text.empty() ? "the name of a folder is wanted" : "";
     };
@@ -65,15 +95,7 @@ void add_run_options(CLI::App& command, tool::RunOptions& options, std::string& 
     command.add_option("--log", log, "the library's log: debug, warn, err or off")
         ->check(CLI::IsMember({"debug", "warn", "err", "off"}))
         ->capture_default_str();
-    const auto repetitions = [](const std::string& text) {
-        return read_repetitions(text) ? "" : "'" + text + "' is not a whole number from 1 to 1000000";
-    };
-    command
-        .add_option_function<std::string>(
-            "--repeat", [&](const std::string& text) { options.repeat = *read_repetitions(text); },
-            "how often, from the same start; shows least and median times")
-        ->check(repetitions)
-        ->default_str("1");
+    add_measuring_options(command, options);
 }
 
 int list_operators(const std::string& name) {
@@ -95,7 +117,7 @@ int run(int argc, char** argv) {
 
     std::string operator_name, job_file, log = "warn";
     std::vector<std::string> words;
-    tool::RunOptions options;
+    tool::Options options;
     bool unchecked = false;
 
     CLI::App* const ops = app.add_subcommand("ops", "List the operators, or show the arguments of one");
@@ -121,7 +143,7 @@ int run(int argc, char** argv) {
     } catch (const CLI::ArgumentMismatch& error) {
         const std::string what = error.what();
         const bool of_flag = what.find("flag override") != what.npos;
-        throw tool::BadInput(of_flag ? "--unchecked takes no value" : what);
+        throw tool::BadInput(of_flag ? "--" + what.substr(0, what.find(' ')) + " takes no value" : what);
     } catch (const CLI::ParseError& error) {
         if (app.get_subcommands().empty() && !app.remaining().empty())
             throw tool::BadInput(app.remaining().front() +

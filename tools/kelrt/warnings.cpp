@@ -9,27 +9,24 @@
 namespace tool {
 namespace {
 
-// The operator of a context that has its arguments as the catalogue has them; else null.
-const Operator* operator_of(const Context& context, const Job& job) {
-    if (context.args.size() < 2 || context.args[1].value >= KEL_RT_NUM_OPS)
+// The operator of a context whose memories are the job's.
+const Operator* known_operator(const Context& context, const Job& job) {
+    const Operator* const op = operator_of(context);
+    if (!op || context.own().size() != op->arguments.size())
         return nullptr;
-    const Operator& op = kOperators[context.args[1].value];
-    if (context.args.size() != op.arguments.size() + 2)
-        return nullptr;
-    for (size_t i = 0; i < op.arguments.size(); ++i) {
-        const KelRtContextArg& given = context.args[i + 2];
-        const bool known = given.value < job.memories.size() || given.value == KEL_RT_NO_MEMORY_ID;
-        if (given.type != op.arguments[i].type || (op.arguments[i].is_memory() && !known))
+    for (size_t i = 0; i < op->arguments.size(); ++i) {
+        const uint32_t value = context.own()[i].value;
+        if (op->arguments[i].is_memory() && value >= job.memories.size() && value != KEL_RT_NO_MEMORY_ID)
             return nullptr;
     }
-    return &op;
+    return op;
 }
 
 class Warnings {
   public:
     explicit Warnings(const Job& job) : job_(job), changed_(job.memories.size()) {
         for (size_t i = 0; i < job.contexts.size(); ++i) {
-            if (const Operator* const op = operator_of(job.contexts[i], job))
+            if (const Operator* const op = known_operator(job.contexts[i], job))
                 look_at(i, *op, job.contexts[i].args);
         }
     }
@@ -50,7 +47,7 @@ class Warnings {
                     action(op.arguments[i], id);
             }
         };
-        const std::string where = "context " + std::to_string(index) + ": ";
+        const std::string where = name_of(job_.contexts[index], index) + ": ";
 
         if (moves_sram(id_of(op))) {
             look_at_rows(where, op, args.back());
@@ -59,9 +56,8 @@ class Warnings {
         if (op.name == std::string_view("cpu_matmul"))
             look_at_operands(where, op, args, values);
         // Unlike the others, the LSTM operators fetch what they only write too.
-        const bool fetches_all = std::string_view(op.name).starts_with("cpu_lstm_states");
         each_memory([&](const Argument& argument, uint32_t id) {
-            if (fetches_all || argument.use != Use::Output)
+            if (op.fetches_outputs || argument.use != Use::Output)
                 changed_[id].clear();
         });
         each_memory([&](const Argument& argument, uint32_t id) {
@@ -73,8 +69,9 @@ class Warnings {
                 return;
             for (const Changed& operand : changed_[id])
                 sentences.push_back(where + "publishing " + argument.name + " publishes all of memory " +
-                                    job_.memories[id].name + ", operand " + operand.argument->name +
-                                    " as context " + std::to_string(operand.context) + " left it included");
+                                    job_.memories[id].name + ", operand " + operand.argument->name + " as " +
+                                    name_of(job_.contexts[operand.context], operand.context) +
+                                    " left it included");
             changed_[id].clear();
         });
     }

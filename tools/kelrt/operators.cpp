@@ -456,6 +456,12 @@ bool Operator::may_overlap(size_t a, size_t b, Overlap::Kind kind, Values values
     });
 }
 
+Range Lookup::row(float index_value, Values values) const {
+    const uint64_t size = row_bytes(values);
+    const auto begin = static_cast<uint32_t>(row_of(index_value) * size);  // as the kernel wraps it
+    return {begin, begin + size};
+}
+
 bool chooses_scale(uint32_t operator_id, Values values) {
     return operator_id == 2 && values[3] == 8 && values[5] == 0;
 }

@@ -75,6 +75,9 @@ struct Overlap {
 struct Lookup {
     uint8_t index, table;
     uint64_t (*row_bytes)(Values values);
+
+    // Bytes of the table that are read for this index, which a row count of 32 bits may wrap.
+    Range row(float index_value, Values values) const;
 };
 
 struct Operator {

@@ -1,5 +1,5 @@
 // kelrt: runs operator contexts on the simulated accelerator, from a job file or straight from the shell.
-// Exit codes: 0 all well, 1 a context failed, 2 bad input.
+// Exit codes: 0 all well, 1 a context failed or differs, 2 bad input.
 #include <fcntl.h>
 #include <unistd.h>
 
@@ -13,6 +13,7 @@
 #include "kelRt_platform.h"
 #include "number.h"
 #include "operators.h"
+#include "replay.h"
 #include "run.h"
 #include "shell.h"
 
@@ -84,6 +85,12 @@ void add_measuring_options(CLI::App& command, tool::Options& options) {
         ->default_str("1");
 }
 
+void add_log_option(CLI::App& command, std::string& log) {
+    command.add_option("--log", log, "the library's log: debug, warn, err or off")
+        ->check(CLI::IsMember({"debug", "warn", "err", "off"}))
+        ->capture_default_str();
+}
+
 void add_run_options(CLI::App& command, tool::Options& options, std::string& log) {
     const auto not_empty = [](const std::string& text) {
         return text.empty() ? "the name of a folder is wanted" : "";
@@ -92,10 +99,26 @@ void add_run_options(CLI::App& command, tool::Options& options, std::string& log
         .add_option("--out", options.out,
                     "folder for the outputs, as NAME.npy; without it they are only shown")
         ->check(not_empty);
-    command.add_option("--log", log, "the library's log: debug, warn, err or off")
-        ->check(CLI::IsMember({"debug", "warn", "err", "off"}))
-        ->capture_default_str();
+    add_log_option(command, log);
     add_measuring_options(command, options);
+}
+
+void add_replay_options(CLI::App& command, tool::ReplayOptions& options, std::string& log) {
+    add_measuring_options(command, options);
+    add_log_option(command, log);
+    command.add_option("--only", options.only, "only records of this operator, by name or id");
+    command.add_option("--dump", options.dump, "folder for the records as jobs and .npy files")
+        ->check([](const std::string& text) { return text.empty() ? "the name of a folder is wanted" : ""; });
+    const auto index = [](const std::string& text) {
+        const auto number = tool::read_number(text);
+        return number && tool::to_u32(*number) ? "" : "'" + text + "' is not the number of a record";
+    };
+    command
+        .add_option_function<std::string>(
+            "--index",
+            [&](const std::string& text) { options.index = *tool::to_u32(*tool::read_number(text)); },
+            "only the record of this number in its file, from 0")
+        ->check(index);
 }
 
 int list_operators(const std::string& name) {
@@ -136,6 +159,13 @@ int run(int argc, char** argv) {
     add_run_options(*op, options, log);
     op->footer(kOpHelp);
 
+    std::vector<std::string> record_files;
+    tool::ReplayOptions replay_options;
+    std::string replay_log = "off";
+    CLI::App* const replay = app.add_subcommand("replay", "Run recorded calls again and compare the results");
+    replay->add_option("FILE", record_files, "files of records, of the recorder")->required();
+    add_replay_options(*replay, replay_options, replay_log);
+
     try {
         app.parse(argc, argv);
     } catch (const CLI::Success& help) {
@@ -147,10 +177,12 @@ int run(int argc, char** argv) {
     } catch (const CLI::ParseError& error) {
         if (app.get_subcommands().empty() && !app.remaining().empty())
             throw tool::BadInput(app.remaining().front() +
-                                 ": there is no such command; there are ops, run and op");
+                                 ": there is no such command; there are ops, run, op and replay");
         throw tool::BadInput(error.what());
     }
-    g_log_lvl = kLogLevels.at(log);
+    g_log_lvl = kLogLevels.at(replay->parsed() ? replay_log : log);
+    if (replay->parsed())
+        return tool::replay(record_files, replay_options);
     if (ops->parsed())
         return list_operators(operator_name);
     return tool::run_job(

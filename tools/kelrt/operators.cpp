@@ -206,6 +206,23 @@ Tensor sram_tensor(Values v) {
     return matrix_of(Tensor::Type::Like, v[5], v[3], 0);
 }
 
+// ---- results that hang on the maths library ----
+
+// The values of every gate, and of the states, that come last.
+bool in_tail(Values v, uint64_t element) {
+    return v[5] != 0 && element % v[5] >= v[5] - v[5] % 4;
+}
+
+// Through the sum each exponential of the tail is in every element.
+bool through_sum(Values v, uint64_t) {
+    return v[4] % 4 != 0;
+}
+
+// Normalising the cell state spreads its tail likewise.
+bool in_tail_or_normalised(Values v, uint64_t element) {
+    return v[15] ? v[5] % 4 != 0 : in_tail(v, element);
+}
+
 // ---- the arguments ----
 
 using Touch = Range (*)(Values);
@@ -403,8 +420,9 @@ constexpr Overlap kProduct[] = {{Overlap::Anyhow, 2, 3}, {Overlap::Anyhow, 2, 4}
 constexpr Overlap kNormalisesInPlace[] = {{Overlap::AsSame, 2, 7}};
 constexpr Lookup kRows[] = {{3, 4, row_bytes}};
 
-constexpr Operator lstm(const char* name, const char* summary, std::span<const Argument> arguments) {
-    return {name, summary, arguments, {}, {}, true};
+constexpr Operator lstm(const char* name, const char* summary, std::span<const Argument> arguments,
+                        bool (*by_maths)(Values, uint64_t) = in_tail) {
+    return {name, summary, arguments, {}, {}, by_maths, true};
 }
 
 constexpr Operator kCatalogue[KEL_RT_NUM_OPS] = {
@@ -413,7 +431,7 @@ constexpr Operator kCatalogue[KEL_RT_NUM_OPS] = {
     {"cpu_copy_fmt_conv", "copies values from one number format to another", kCopyFormat, kConvertsInPlace},
     {"cpu_onnx_onehot", "sets one element on and the others off", kOneHot},
     {"cpu_ewop_add", "adds two vectors element by element", kAdd, kOutIsAOrB},
-    {"cpu_softmax", "exponentials divided by their sum", kSoftmax, kOutIsIn},
+    {"cpu_softmax", "exponentials divided by their sum", kSoftmax, kOutIsIn, {}, through_sum},
     {"cpu_hw32_fmt_conv", "converts between hw32 lines of 8 elements and linear layout", kHw32, kOutIsIn},
     {"cpu_embedding", "copies one row of a table", kEmbedding, {}, kRows},
     lstm("cpu_lstm_states_cpu_activation", "LSTM state update that activates the gates", kLstm),
@@ -426,7 +444,7 @@ constexpr Operator kCatalogue[KEL_RT_NUM_OPS] = {
     lstm("cpu_lstm_states_cpu_activation_cifg", "LSTM state update with coupled gates that activates them",
          kLstm),
     lstm("cpu_lstm_states_norm_cifg_cpuactv", "LSTM state update that normalises gates and cell state",
-         kLstmNorm),
+         kLstmNorm, in_tail_or_normalised),
     {"cpu_hw32_fmt_conv_param", "converts between hw32 lines of any length and linear layout", kHw32Param,
      kOutIsIn},
     {"nna_sram_get", "copies rows from SRAM to a memory", kSramGet},

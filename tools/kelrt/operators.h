@@ -87,7 +87,10 @@ struct Operator {
     std::span<const Overlap> overlaps = {};
     std::span<const Lookup> lookups = {};
 
-    // Whether the bytes of all memory arguments are fetched from the accelerator, those only written too.
+    // Whether an element of a result hangs on the C maths library, whose roundings differ from machine to
+    // machine: it serves the elements that do not fill a block of four. Null: none does.
+    bool (*by_maths)(Values values, uint64_t element) = nullptr;
+    // Whether the memories of all arguments are fetched from the accelerator, those only written too.
     bool fetches_outputs = false;
 
     const Argument& at(size_t position) const { return arguments[position - kFirstArgument]; }

@@ -15,11 +15,6 @@ const char* name_of_row(size_t row) {
     return row < KEL_RT_NUM_OPS ? kOperators[row].name : "(others)";
 }
 
-uint64_t bytes_of(const Context& context) {
-    const Operator* const op = operator_of(context);
-    return op ? touched_bytes(*op, values_of(context.own())) : 0;
-}
-
 // Bytes per microsecond are megabytes per second; a thousand of them are a gigabyte.
 double gigabytes_per_second(uint64_t bytes, double microseconds) {
     return microseconds > 0 ? static_cast<double>(bytes) / microseconds / 1000 : 0;
@@ -29,12 +24,13 @@ double gigabytes_per_second(uint64_t bytes, double microseconds) {
 
 void Profile::add(const Context& context, size_t index, double microseconds) {
     const Operator* const op = operator_of(context);
-    Row& row = rows_[op ? id_of(*op) : kOthers];
-    row.times.add(microseconds);
-    row.bytes += bytes_of(context);
+    const size_t row = op ? id_of(*op) : kOthers;
+    const uint64_t bytes = op ? touched_bytes(*op, values_of(context.own())) : 0;
+    rows_[row].times.add(microseconds);
+    rows_[row].bytes += bytes;
     if (traced_ && calls_.size() < kMaxCalls) {
         const std::chrono::duration<double, std::micro> end = Clock::now() - start_;
-        calls_.push_back({end.count() - microseconds, microseconds, index, &context});
+        calls_.push_back({end.count() - microseconds, microseconds, index, row, bytes, context.label});
     }
 }
 
@@ -100,12 +96,12 @@ std::string Profile::trace() const {
     JsonWriter json;
     json.begin('{').key("displayTimeUnit").text("ns").key("traceEvents").begin('[');
     for (const Call& call : calls_) {
-        json.begin('{').key("name").text(call.context->title).key("cat").text("kelRt").key("ph").text("X");
+        json.begin('{').key("name").text(name_of_row(call.row)).key("cat").text("kelRt").key("ph").text("X");
         json.key("ts").real(call.begin).key("dur").real(call.microseconds);
         json.key("pid").number(1).key("tid").number(1).key("args").begin('{');
-        json.key("context").number(call.index).key("bytes").number(bytes_of(*call.context));
-        if (!call.context->label.empty())
-            json.key("label").text(call.context->label);
+        json.key("context").number(call.index).key("bytes").number(call.bytes);
+        if (!call.label.empty())
+            json.key("label").text(call.label);
         json.end().end();
     }
     json.end().end();

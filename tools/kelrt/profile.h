@@ -37,15 +37,17 @@ class Profile {
     };
     struct Call {
         double begin, microseconds;
-        size_t index;
-        const Context* context;
+        size_t index, row;
+        uint64_t bytes;
+        std::string label;
     };
+
+    double total() const;
 
     static constexpr size_t kOthers = KEL_RT_NUM_OPS;  // contexts that the catalogue does not know
     // A trace of more than this is more than the viewers show.
     static constexpr size_t kMaxCalls = 1000000;
 
-    double total() const;
     double copy_speed();
 
     const bool traced_;

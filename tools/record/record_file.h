@@ -4,7 +4,7 @@
 #include <cstddef>
 #include <cstdint>
 
-#include "limits.h"
+#include "record_limits.h"
 
 namespace record {
 

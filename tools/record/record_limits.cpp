@@ -1,5 +1,5 @@
 // Reading the environment. What cannot be understood is refused rather than guessed at.
-#include "limits.h"
+#include "record_limits.h"
 
 #include <cstdlib>
 #include <cstring>

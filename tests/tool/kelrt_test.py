@@ -230,7 +230,7 @@ class Refusals(KelrtTest):
         repeat = "is not a whole number from 1 to 1000000"
         lookup = lambda index: ["op", "cpu_embedding", f"index=f4[1]:{index}", "table=f4[9]", "w=4"]
         for words, sentence in [
-            (["walk" * 30000], "...walk: there is no such command; there are ops, run and op"),
+            (["walk" * 30000], "...walk: there is no such command; there are ops, run, op, replay and check"),
             (["run", "pipe"], "pipe: nobody writes into this pipe"),
             (["run", "/dev/zero"], "/dev/zero: this is not JSON: there is a NUL in it"),
             (["op", "cpu_split", "in=pipe", "nbytes=1"], "in=pipe: pipe: nobody writes into this pipe"),
@@ -245,7 +245,7 @@ class Refusals(KelrtTest):
             (lookup("1e9"), "index=f4[1]:1e9: index of cpu_embedding is 1e+09 and memory table has 2 rows"),
             (lookup("0x7FC00000"), "index=f4[1]:0x7FC00000: index of cpu_embedding is nan and memory table has 2 rows"),
             ([], "A subcommand is required"),
-            (["walk"], "walk: there is no such command; there are ops, run and op"),
+            (["walk"], "walk: there is no such command; there are ops, run, op, replay and check"),
             (["run"], "JOB is required"),
             (["run", "none.json"], "none.json: cannot open the file (No such file or directory)"),
             (["run", "."], ".: cannot read the file (Is a directory)"),
@@ -430,7 +430,8 @@ class Runs(KelrtTest):
         add = lambda out, a: {"op": "cpu_ewop_add", "args": [out, a, X, 4]}
         lstm = {"op": "cpu_lstm_states", "args": [at(48), Y, m, 3]}
         overlap = "context 0: a and b overlap in memory m, so that both are read as the transposition leaves them"
-        publishes = "publishing %s publishes all of memory m, operand %s as context 0 left it included"
+        publishes = "publishing %s publishes all of memory m, operand %s of context 0 as that left it included"
+        reads = "context 1: a is read from memory m, where operand b of context 0 lies as that left it"
         for contexts, warnings in [
             ([matmul(m, m, Z, 0, 1)], [overlap]),
             ([matmul(m, at(12), Z, 1, 0)], [overlap]),
@@ -440,15 +441,17 @@ class Runs(KelrtTest):
             ([matmul(m, X, at(16), 1, 0)], ["context 0: " + publishes % ("c", "a")]),
             ([matmul(X, m, at(16), 1, 0)], []),
             ([matmul(X, m, Z, 0, 1), add(at(16), Y)], ["context 1: " + publishes % ("out", "b")]),
-            ([matmul(X, m, Z, 0, 1), add(at(16), m), add(at(16), Y)], []),  # fetched anew in between
+            ([matmul(X, m, Z, 0, 1), add(at(16), m), add(at(16), Y)], [reads]),  # or fetched anew in between
+            ([matmul(X, m, Z, 0, 1), add(m, Y), add(Z, m)], ["context 1: " + publishes % ("out", "b")]),  # or overwritten
             ([lstm], ["context 0: " + publishes % ("out", "gates")]),
         ]:
             for kind in ("accelerator", "cpu"):
                 with self.subTest(contexts=contexts, kind=kind):
                     memories = dict(add_job()["memories"], m=memory([15], kind=kind))
                     result = self.run_job({"memories": memories, "contexts": contexts})
+                    of_kind = "is read" if kind == "cpu" else "publishes"
                     self.assertEqual(result.stderr.splitlines(), ["kelrt: warning: " + warning for warning in warnings
-                                                                  if kind == "accelerator" or "overlap" in warning])
+                                                                  if of_kind in warning or "overlap" in warning])
 
         for op, seen in (("get", "memory mem does not show the rows"),
                          ("set", "the rows are not those of memory mem but what a stale view holds")):

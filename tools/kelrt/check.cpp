@@ -40,7 +40,7 @@ class Operands {
             return "";
         }
         const Memory& memory = job_.memories[given_[i].value];
-        const size_t size = memory.initial.bytes.size();
+        const uint64_t size = memory.size();
         if (!fits(argument.element, memory.initial.type))
             return who(i) + " holds " + (argument.element == Element::Float ? "f4" : "i1 or u1") +
                    " and memory " + memory.name + " is " + npy::name_of(memory.initial.type);
@@ -79,7 +79,7 @@ class Operands {
     // Each row is a call of its own, rows of nothing too; of those a job could ask for 2^32.
     std::string check_rows() const {
         const uint32_t rows = values_[5], memory = values_[6];
-        const size_t size = memory == KEL_RT_NO_MEMORY_ID ? 0 : job_.memories[memory].initial.bytes.size();
+        const uint64_t size = memory == KEL_RT_NO_MEMORY_ID ? 0 : job_.memories[memory].size();
         if (rows <= size || values_[3] != 0)
             return "";
         return std::to_string(rows) + " rows of no bytes are more than the memory has bytes";
@@ -111,15 +111,6 @@ class Operands {
 
 namespace {
 
-void note_writes(const Operator& op, std::span<const KelRtContextArg> arguments, Job& job) {
-    const std::vector<uint32_t> values = values_of(arguments);
-    for (size_t i = 0; i < arguments.size(); ++i) {
-        const bool is_memory = op.arguments[i].is_memory() && arguments[i].value != KEL_RT_NO_MEMORY_ID;
-        if (is_memory && op.arguments[i].written_range(values).length() > 0)
-            job.memories[arguments[i].value].written = true;
-    }
-}
-
 // Passes complaints on, and knows whether there were any.
 class Verdict {
   public:
@@ -139,6 +130,15 @@ class Verdict {
 };
 
 }  // namespace
+
+void note_writes(const Operator& op, std::span<const KelRtContextArg> arguments, Job& job) {
+    const std::vector<uint32_t> values = values_of(arguments);
+    for (size_t i = 0; i < arguments.size(); ++i) {
+        const bool is_memory = op.arguments[i].is_memory() && arguments[i].value != KEL_RT_NO_MEMORY_ID;
+        if (is_memory && op.arguments[i].written_range(values).length() > 0)
+            job.memories[arguments[i].value].written = true;
+    }
+}
 
 bool check_types(const Operator& op, std::span<const KelRtContextArg> arguments, const Complain& complain) {
     Verdict verdict(complain);
@@ -202,7 +202,7 @@ void check_lookups(const Operator& op, std::span<const KelRtContextArg> argument
         if (arguments[i].value == KEL_RT_NO_MEMORY_ID || table.value == KEL_RT_NO_MEMORY_ID || row_bytes == 0)
             continue;
         const Memory& memory = job.memories[table.value];
-        const uint64_t rows = (memory.initial.bytes.size() - table.offset) / row_bytes;
+        const uint64_t rows = (memory.size() - table.offset) / row_bytes;
         const std::optional<float> at = index(arguments[i]);
         if (!at || row_of(*at) < rows)
             continue;

@@ -28,6 +28,9 @@ bool check_extents(const Operator& op, std::span<const KelRtContextArg> argument
 bool check_overlaps(const Operator& op, std::span<const KelRtContextArg> arguments, const Job& job,
                     const Complain& complain);
 
+// Notes what a context writes.
+void note_writes(const Operator& op, std::span<const KelRtContextArg> arguments, Job& job);
+
 // The float at the start of an argument's operand; none where it is not known yet.
 using Index = std::function<std::optional<float>(const KelRtContextArg& argument)>;
 

@@ -20,6 +20,12 @@ struct Memory {
     bool on_cpu = false;  // a CPU buffer rather than accelerator memory
     npy::Array initial;
     bool written = false;  // by a context so far: its initial bytes are not what the next one finds
+    bool is_given = true;  // its initial bytes are somebody's, not just zeros
+    // Of a recorded memory, whose bytes are not here: how many it has, and whether the platform knew.
+    uint64_t elsewhere = 0;
+    uint32_t size_status = NNA_STATUS_OK;
+
+    uint64_t size() const { return initial.bytes.size() + elsewhere; }
 };
 
 struct Sram {
@@ -56,6 +62,7 @@ struct Job {
     std::vector<Context> contexts;
     std::vector<uint32_t> outputs;  // memory ids
     bool sram_is_output = false;
+    bool is_recorded = false;  // put together from records, which have no SRAM
 
     // Both say whether everything fits into the simulated accelerator.
     [[nodiscard]] bool add_memory(Memory memory);

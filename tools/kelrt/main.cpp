@@ -8,6 +8,7 @@
 #include <map>
 #include <new>
 
+#include "audit.h"
 #include "bad_input.h"
 #include "endings.h"
 #include "kelRt_platform.h"
@@ -166,6 +167,13 @@ int run(int argc, char** argv) {
     replay->add_option("FILE", record_files, "files of records, of the recorder")->required();
     add_replay_options(*replay, replay_options, replay_log);
 
+    std::string checked_file;
+    tool::Options check_options;
+    CLI::App* const check =
+        app.add_subcommand("check", "Say all that is wrong with a job or records, running nothing");
+    check->add_option("FILE", checked_file, "job file or file of records")->required();
+    add_report_options(*check, check_options);
+
     try {
         app.parse(argc, argv);
     } catch (const CLI::Success& help) {
@@ -177,10 +185,12 @@ int run(int argc, char** argv) {
     } catch (const CLI::ParseError& error) {
         if (app.get_subcommands().empty() && !app.remaining().empty())
             throw tool::BadInput(app.remaining().front() +
-                                 ": there is no such command; there are ops, run, op and replay");
+                                 ": there is no such command; there are ops, run, op, replay and check");
         throw tool::BadInput(error.what());
     }
     g_log_lvl = kLogLevels.at(replay->parsed() ? replay_log : log);
+    if (check->parsed())
+        return tool::check_file(checked_file, check_options.report);
     if (replay->parsed())
         return tool::replay(record_files, replay_options);
     if (ops->parsed())

@@ -47,7 +47,8 @@ class JobReader {
                 if (!on_cpu && kind->text() != "accelerator")
                     kind->fail("the kind of a memory is \"accelerator\" or \"cpu\"");
             }
-            if (!job_.add_memory({name, on_cpu, read_array(memory)}))
+            const bool is_given = memory.find("npy") || memory.find("values");
+            if (!job_.add_memory({name, on_cpu, read_array(memory), false, is_given}))
                 memory.fail(kTooMuch);
         }
     }

@@ -254,8 +254,10 @@ int run_job(const Job& job, const Options& options) {
         throw BadInput("--repeat " + std::to_string(options.repeat) + ": that often, " +
                        std::to_string(job.contexts.size()) + " contexts are more than " +
                        std::to_string(kMaxSamples) + " measurements");
-    for (const std::string& warning : warnings_of(job))
-        std::fprintf(stderr, "kelrt: warning: %s\n", readable(warning).c_str());
+    for (const Finding& warning : warnings_of(job)) {
+        const std::string context = name_of(job.contexts[warning.context], warning.context);
+        std::fprintf(stderr, "kelrt: warning: %s\n", readable(context + ": " + warning.what).c_str());
+    }
     return Run(job, options).run();
 }
 

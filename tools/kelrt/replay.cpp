@@ -71,6 +71,10 @@ class RecordReplay {
         std::string why;
         if (!record_.op || !reaches_kernel())
             return why;
+        for (size_t i = kFirstArgument; i < record_.arguments.size(); ++i) {
+            if (record_.fixed.status == NNA_STATUS_OK && lacks_bytes(i))
+                return std::string("the record lacks bytes of ") + record_.op->at(i).name;
+        }
         const auto complain = [&](size_t, const std::string& what) { why = what; };
         const auto own = context().own();
         if (!check_extents(*record_.op, own, recorded_.job, complain))
@@ -113,6 +117,22 @@ class RecordReplay {
     }
 
   private:
+    // Whether a call that went well had bytes that are not here: what it read, or what it left for others.
+    bool lacks_bytes(size_t position) const {
+        const size_t memory = record_.find_memory(record_.arguments[position].value);
+        if (!record_.op->at(position).is_memory() || memory == record_.memories.size())
+            return false;
+        const auto lacks = [&](record::When when, Range range) {
+            return range.length() > 0 && record_.bytes(memory, when, range).empty();
+        };
+        const auto is_table = [&](const Lookup& lookup) { return lookup.table == position; };
+        const bool looked_up = std::any_of(record_.op->lookups.begin(), record_.op->lookups.end(), is_table);
+        const record::Memory& row = record_.memories[memory];
+        const bool is_left = row.kind == record::kCpuBuffer || row.published;
+        return (!looked_up && lacks(record::kBefore, read_bytes(record_, position))) ||
+               (is_left && lacks(record::kAfter, written_bytes(record_, position)));
+    }
+
     // Whether the memories were all resolved, as far as the platform goes.
     bool reaches_kernel() const {
         return std::all_of(record_.memories.begin(), record_.memories.end(),

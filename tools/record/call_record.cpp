@@ -191,12 +191,15 @@ bool CallRecord::find_row(Part& part) const {
     return true;
 }
 
+// A row of another memory may have waited for the index in this one.
 void CallRecord::take(uint32_t memory, When when) {
     for (uint32_t i = 0; i < part_count_; ++i) {
         Part& part = parts_[i];
-        if (part.piece.memory != memory || part.piece.when != when || (part.lookup && !find_row(part)))
+        const uint8_t* const base = memories_[part.piece.memory].base;
+        const bool is_due = part.piece.memory == memory || (part.lookup && !part.taken && base);
+        if (!is_due || part.piece.when != when || (part.lookup && !find_row(part)))
             continue;
-        std::memcpy(part.bytes, memories_[memory].base + part.piece.begin, part.piece.length);
+        std::memcpy(part.bytes, base + part.piece.begin, part.piece.length);
         part.taken = true;
     }
 }

@@ -42,7 +42,8 @@ void run_random(const tool::Operator& op, contexts::Random& random) {
     nna_sim_set_sram(rig.sim, 4096, 4096);
     for (uint32_t i = 0; i < 4096; ++i)
         nna_sim_sram(rig.sim)[i] = static_cast<uint8_t>(i * 7);
-    nna_sim_set_sram_direction(rig.sim, tool::id_of(op) == 18 ? NNA_SIM_MEMORY_TO_SRAM : NNA_SIM_SRAM_TO_MEMORY);
+    nna_sim_set_sram_direction(rig.sim,
+                               tool::id_of(op) == 18 ? NNA_SIM_MEMORY_TO_SRAM : NNA_SIM_SRAM_TO_MEMORY);
     const std::vector<uint32_t> values = contexts::values(op, random);
     std::vector<KelRtContextArg> arguments;
     std::vector<std::pair<uint32_t, uint32_t>> memories;  // ids and sizes
@@ -87,7 +88,9 @@ struct Sum {
     uint32_t out = rig.memory(64), a = rig.memory_of(std::vector<float>(16, 1.5f)),
              b = rig.memory_of(std::vector<float>(16, 2.25f));
 
-    uint32_t run(uint32_t n = 16) { return rig.run(4, {rig::mem(out), rig::mem(a), rig::mem(b), rig::val(n)}); }
+    uint32_t run(uint32_t n = 16) {
+        return rig.run(4, {rig::mem(out), rig::mem(a), rig::mem(b), rig::val(n)});
+    }
 };
 
 void run_faults() {
@@ -105,7 +108,8 @@ void run_refused() {
     std::printf("null %u\n", kelRt_executeContext(&sum.rig.instance, nullptr));
     std::printf("null instance %u\n", kelRt_executeContext(nullptr, nullptr));
     const KelRtContext target = {nullptr, {}, 6, 0, 2}, few = {nullptr, {}, 2, 0, 1};
-    std::printf("target %u few %u\n", kelRt_executeContext(nullptr, &target), kelRt_executeContext(nullptr, &few));
+    std::printf("target %u few %u\n", kelRt_executeContext(nullptr, &target),
+                kelRt_executeContext(nullptr, &few));
     std::printf("operator %u\n", sum.rig.run(200, {rig::val(1)}));
     std::printf("count %u\n", sum.rig.run(4, {rig::val(1), rig::val(1), rig::val(1)}));
     std::printf("type %u\n", sum.rig.run(4, {rig::mem(0), rig::val(1), rig::mem(0), rig::val(1)}));

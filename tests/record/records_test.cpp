@@ -1,5 +1,5 @@
-// The reader of records believes nothing: a file cut anywhere, flipped anywhere or made up is refused by name,
-// and the whole records in it are there all the same.
+// The reader of records believes nothing: a file cut anywhere, flipped anywhere or made up is refused by
+// name, and the whole records in it are there all the same.
 #include "records.h"
 
 #include <gtest/gtest.h>
@@ -43,7 +43,8 @@ Bytes body_of_sum(uint32_t n = 1, uint32_t size = 4) {
     fixed.pieces = 3;
     Bytes body;
     put(body, fixed);
-    const record::Argument arguments[] = {{1, 0, 4}, {1, 0, 4}, {2, 0, 70}, {2, 0, 80}, {2, 0, 90}, {1, 0, n}};
+    const record::Argument arguments[] = {{1, 0, 4},  {1, 0, 4},  {2, 0, 70},
+                                          {2, 0, 80}, {2, 0, 90}, {1, 0, n}};
     put(body, arguments);
     for (const uint32_t id : {70u, 80u, 90u})
         put(body, record::Memory{id, record::kAccelerator, size, NNA_STATUS_OK, id == 70});
@@ -86,8 +87,9 @@ TEST_F(Records, SurviveACutAtEveryByte) {
         const bool whole = size > 0 && size % one.size() == 0;
         ASSERT_EQ(file.damages().size(), whole ? 0u : 1u);
         if (!whole && size > 0) {
-            EXPECT_TRUE(file.damages()[0].starts_with(
-                path_ + ": byte " + std::to_string(size / one.size() * one.size()) + ": the record is cut short"))
+            EXPECT_TRUE(file.damages()[0].starts_with(path_ + ": byte " +
+                                                      std::to_string(size / one.size() * one.size()) +
+                                                      ": the record is cut short"))
                 << file.damages()[0];
         }
     }
@@ -153,7 +155,8 @@ TEST_F(Records, AreNotBelievedForTheirChecksum) {
     }
 }
 
-// What would touch bytes that nobody recorded is not run, and no size makes the tool ask for more than it has.
+// What would touch bytes that nobody recorded is not run, and no size makes the tool ask for more than it
+// has.
 TEST_F(Records, RunOnlyWhereTheirBytesAre) {
     EXPECT_EQ(replayed(sealed(body_of_sum())), 0);
     for (const uint32_t n : {2u, 1u << 30, UINT32_MAX}) {
@@ -174,7 +177,8 @@ TEST_F(Records, OfGarbageAreReadAndReplayedWithoutHarm) {
         // Mostly in the counts and tables, where a number can do harm.
         for (uint32_t k = 0, end = random() % 4 + 1; k < end; ++k) {
             const size_t at = random() % (random() % 2 ? body.size() : sizeof(record::Fixed)) / 4 * 4;
-            const uint32_t values[] = {0, 1, 2, 3, 4, 15, 18, 64, 1u << 30, UINT32_MAX, static_cast<uint32_t>(random())};
+            const uint32_t values[] = {
+                0, 1, 2, 3, 4, 15, 18, 64, 1u << 30, UINT32_MAX, static_cast<uint32_t>(random())};
             std::memcpy(&body[at], &values[random() % std::size(values)], 4);
         }
         const int code = replayed(sealed(body));

@@ -71,8 +71,8 @@ inline std::vector<uint32_t> values(const tool::Operator& op, Random& random) {
 inline std::vector<uint8_t> operand(size_t size, uint32_t index, Random& random) {
     std::vector<uint8_t> bytes(size);
     for (size_t at = 0; at < size; at += 4) {
-        const float value =
-            at == 0 ? static_cast<float>(index) : static_cast<float>(static_cast<int>(below(random, 4001)) - 2000) / 1000;
+        const float value = at == 0 ? static_cast<float>(index)
+                                    : static_cast<float>(static_cast<int>(below(random, 4001)) - 2000) / 1000;
         std::memcpy(&bytes[at], &value, std::min<size_t>(4, size - at));
     }
     return bytes;

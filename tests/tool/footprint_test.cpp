@@ -27,8 +27,8 @@ class Footprints {
         instance_.device = sim_.get();
         instance_.cpu_buffers = instance_.cpu_buffer_lookup = table_;
         nna_sim_set_sram(sim_.get(), 4096, 4096);
-        nna_sim_set_sram_direction(sim_.get(), tool::id_of(op) == 18 ? NNA_SIM_MEMORY_TO_SRAM
-                                                                      : NNA_SIM_SRAM_TO_MEMORY);
+        nna_sim_set_sram_direction(sim_.get(),
+                                   tool::id_of(op) == 18 ? NNA_SIM_MEMORY_TO_SRAM : NNA_SIM_SRAM_TO_MEMORY);
         for (uint32_t i = tool::kFirstArgument; i < values_.size(); ++i) {
             if (op.at(i).is_memory())
                 add(i, wall);
@@ -40,8 +40,7 @@ class Footprints {
         for (uint32_t i = tool::kFirstArgument; i < values_.size(); ++i)
             arguments.push_back({op_.at(i).type, 0, op_.at(i).is_memory() ? i : values_[i]});
         const tool::Context context = tool::make_context("", tool::id_of(op_), arguments);
-        const KelRtContext record = {
-            context.args.data(), {}, context.num_args, 0, KEL_RT_TARGET_CPU};
+        const KelRtContext record = {context.args.data(), {}, context.num_args, 0, KEL_RT_TARGET_CPU};
         return kelRt_executeContext(&instance_, &record);
     }
 
@@ -78,7 +77,7 @@ class Footprints {
         Operand& operand = operands_[i];
         operand.written = argument.written_range(values_);
         const Range read = argument.read_range(values_);
-        operand.extent = read.length() == 0               ? operand.written
+        operand.extent = read.length() == 0              ? operand.written
                          : operand.written.length() == 0 ? read
                                                          : Range{std::min(read.begin, operand.written.begin),
                                                                  std::max(read.end, operand.written.end)};

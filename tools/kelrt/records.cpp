@@ -17,7 +17,7 @@ namespace {
 constexpr size_t kMaxDamages = 100;
 
 std::vector<uint8_t> read_file(const std::string& path) {
-    constexpr size_t kPiece = 1 << 20;
+    constexpr size_t kPiece = 1 << 16;
     std::vector<uint8_t> contents;
     try {
         npy::InputFile file(path);

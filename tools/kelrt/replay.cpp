@@ -69,7 +69,7 @@ class RecordReplay {
     // "" or why running it would touch bytes that nobody recorded.
     std::string unsafe() {
         std::string why;
-        if (!record_.op || !reaches_kernel())
+        if (!record_.op)
             return why;
         for (size_t i = kFirstArgument; i < record_.arguments.size(); ++i) {
             if (record_.fixed.status == NNA_STATUS_OK && lacks_bytes(i))
@@ -131,12 +131,6 @@ class RecordReplay {
         const bool is_left = row.kind == record::kCpuBuffer || row.published;
         return (!looked_up && lacks(record::kBefore, read_bytes(record_, position))) ||
                (is_left && lacks(record::kAfter, written_bytes(record_, position)));
-    }
-
-    // Whether the memories were all resolved, as far as the platform goes.
-    bool reaches_kernel() const {
-        return std::all_of(record_.memories.begin(), record_.memories.end(),
-                           [](const record::Memory& memory) { return memory.size_status == NNA_STATUS_OK; });
     }
 
     Difference compare_argument(size_t position) {

@@ -22,9 +22,9 @@ import unittest
 KELRT = []
 JOBS = pathlib.Path(__file__).resolve().parents[2] / "examples" / "jobs"
 # A sanitizer's verdict must not pass for a failed context.
-ENVIRONMENT = dict(os.environ, ASAN_OPTIONS="exitcode=99", UBSAN_OPTIONS="exitcode=99")
+ENVIRONMENT = dict(os.environ, TERM="xterm", ASAN_OPTIONS="exitcode=99", UBSAN_OPTIONS="exitcode=99")
 SANITIZED = os.environ.get("KELRT_SANITIZED") == "1"
-CODES = {"f4": "f", "i4": "i", "i2": "h", "i1": "b", "u1": "B"}
+CODES = {"f4": "f", "i4": "i", "i2": "h", "i1": "b", "u1": "B", "f8": "d"}
 
 
 def npy(dtype, shape, values):
@@ -148,6 +148,9 @@ class Refusals(KelrtTest):
             (with_memory({"npy": "cut.npy"}),
              "memories.w.npy: cut.npy: shape (2,) of f4 needs 8 bytes of elements and the file has 7"),
             (with_memory({"npy": "i4.npy", "dtype": "f4"}), "memories.w.dtype: the file i4.npy holds i4"),
+            (with_memory({"npy": "f8.npy", "dtype": "i4"}),
+             "memories.w.npy: f8.npy: elements of type '<f8' become f4, not i4"),
+            (with_memory({"npy": "f8.npy", "shape": [1]}), "memories.w.shape: the file f8.npy has shape (8,)"),
             (with_memory({"npy": "i4.npy", "shape": [3]}), "memories.w.shape: the file i4.npy has shape (2,)"),
             (with_memory({"npy": "i4.npy", "values": []}), "memories.w.values: a memory has either a file or values"),
             (add_job(sram=memory([17], "u1", base=2**32 - 16)), "sram: the SRAM reaches beyond 32-bit addresses"),
@@ -217,6 +220,7 @@ class Refusals(KelrtTest):
 
         (self.folder / "cut.npy").write_bytes(npy("f4", [2], [1, 2])[:-1])
         (self.folder / "i4.npy").write_bytes(npy("i4", [2], [1, 2]))
+        (self.folder / "f8.npy").write_bytes(npy("f8", [1], [1]))
         for job, sentence in refused:
             with self.subTest(sentence=sentence):
                 prefix = "" if sentence.startswith("...") else "job.json: "
@@ -298,9 +302,10 @@ class Runs(KelrtTest):
 
     def test_every_way_to_hold_the_memories(self):
         (self.folder / "x.npy").write_bytes(npy("f4", [4], [1, 2, 3, 4]))
+        (self.folder / "f8.npy").write_bytes(npy("f8", [4], [1, 2, 3, 4]))
         x, y, z = add_job()["memories"].values()
         for kind in ("accelerator", "cpu"):
-            for x_memory in (x, {"npy": "x.npy", "dtype": "f4", "shape": [4]}):
+            for x_memory in (x, {"npy": "x.npy", "dtype": "f4", "shape": [4]}, {"npy": "f8.npy", "dtype": "f4"}):
                 memories = {"x": dict(x_memory, kind=kind), "y": y, "z": dict(z, kind=kind)}
                 result = self.run_job(add_job(memories=memories))
                 self.assertEqual((result.returncode, result.stderr), (0, ""), result)
@@ -448,8 +453,10 @@ class Runs(KelrtTest):
             for kind in ("accelerator", "cpu"):
                 with self.subTest(contexts=contexts, kind=kind):
                     memories = dict(add_job()["memories"], m=memory([15], kind=kind))
-                    result = self.run_job({"memories": memories, "contexts": contexts})
+                    result = self.run_job({"memories": memories, "contexts": contexts}, "--report", "report.json")
                     of_kind = "is read" if kind == "cpu" else "publishes"
+                    report = json.loads((self.folder / "report.json").read_text())
+                    self.assertEqual(len(report["warnings"]), result.stderr.count("warning: "))
                     self.assertEqual(result.stderr.splitlines(), ["kelrt: warning: " + warning for warning in warnings
                                                                   if of_kind in warning or "overlap" in warning])
 
@@ -610,6 +617,17 @@ class Endings(KelrtTest):
         self.assertIn(result.returncode, (-signal.SIGSEGV, 99))
         self.assertTrue(result.stderr.startswith("kelrt: job.json: contexts[1]: cpu_ewop_add brought the tool down\n"))
         self.assertRegex(result.stdout, r"^  0  cpu_ewop_add +NNA_STATUS_OK \(1001\)  .* us\n")
+
+    def test_long_work_shows_a_bar_on_a_terminal(self):
+        (self.folder / "job.json").write_text(json.dumps(add_job(contexts=add_job()["contexts"] * 60)))
+        ours, theirs = pty.openpty()
+        process = self.start("run", "job.json", "--repeat", "1000000", stdout=subprocess.DEVNULL, stderr=theirs)
+        shown = b""
+        while b" of 60000000" not in shown:
+            shown += os.read(ours, 1000)
+        process.kill()
+        process.wait()
+        self.assertRegex(shown, rb"^\r\[#*\.+\] \d+ of 60000000")
 
     def test_errors_appear_once_on_a_terminal(self):
         ours, theirs = pty.openpty()

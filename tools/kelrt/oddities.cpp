@@ -25,10 +25,6 @@ bool negative(Values v) {
     return is_negative(v[position]);
 }
 
-bool copies_nothing(Values v) {
-    return v[3] == UINT32_MAX && v[7] == UINT32_MAX;
-}
-
 bool inner_dimensions_differ(Values v) {
     return v[v[9] ? 5 : 6] != v[v[10] ? 8 : 7];
 }
@@ -50,7 +46,6 @@ constexpr const char* kRowsMeet = "rows of SRAM overlap: the stride is smaller t
 constexpr const char* kNegative = "a negative dimension makes no work";
 
 constexpr Rule kRules[] = {
-    {2, false, 2, copies_nothing, "float to float copies nothing: the output stays as it was"},
     {2, false, 5, measures_integers, "an automatic scale reads integers as if they were floats"},
     {6, false, 4, [](Values v) { return v[4] % 8 != 0; },
      "elements after the last whole line of 8 are not converted"},
@@ -93,6 +88,9 @@ void check_oddities(const Operator& op, std::span<const KelRtContextArg> argumen
         const KelRtContextArg& given = arguments[i];
         if (!argument.is_memory() || given.value == KEL_RT_NO_MEMORY_ID)
             continue;
+        if (argument.use == Use::Output && argument.written_range(values).length() == 0 &&
+            argument.tensor(values).bytes() > 0)
+            complain(false, i, "float to float copies nothing: the output stays as it was");
         const uint64_t alignment = argument.alignment(values);
         if (moves_sram(id_of(op)) && given.offset != 0)
             complain(false, i, "an offset of the memory of SRAM rows is ignored");

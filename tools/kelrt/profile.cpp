@@ -108,4 +108,14 @@ std::string Profile::trace() const {
     return json.document();
 }
 
+void write_results(const Options& options, JsonWriter& report, Profile& profile) {
+    if (options.profile)
+        profile.write(report);
+    report.end();
+    if (!options.report.empty())
+        write_document("--report", options.report, report.document());
+    if (!options.trace.empty())
+        write_document("--trace", options.trace, profile.trace());
+}
+
 }  // namespace tool

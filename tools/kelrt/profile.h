@@ -10,6 +10,7 @@
 #include "job.h"
 #include "json_writer.h"
 #include "operators.h"
+#include "options.h"
 #include "times.h"
 
 namespace tool {
@@ -56,5 +57,9 @@ class Profile {
     std::vector<Call> calls_;
     double copy_speed_ = 0;
 };
+
+// Ends a report inside its outermost object, with the profile if that is asked for, and writes the files that
+// are.
+void write_results(const Options& options, JsonWriter& report, Profile& profile);
 
 }  // namespace tool

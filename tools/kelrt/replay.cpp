@@ -350,13 +350,7 @@ class Replay {
             .number(all.equal);
         report_.key("maths").number(all.by_maths).key("different").number(all.different);
         report_.key("not_run").number(all.not_run).end();
-        if (options_.profile)
-            profile_.write(report_);
-        report_.end();
-        if (!options_.report.empty())
-            write_document("--report", options_.report, report_.document());
-        if (!options_.trace.empty())
-            write_document("--trace", options_.trace, profile_.trace());
+        write_results(options_, report_, profile_);
     }
 
     const ReplayOptions& options_;

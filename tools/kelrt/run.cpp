@@ -91,7 +91,10 @@ class Run {
           times_(job.contexts.size()),
           profile_(!options.trace.empty()),
           progress_(job.contexts.size() * options.repeat) {
-        report_.begin('{').key("job").text(job.file).key("contexts").begin('[');
+        report_.begin('{').key("job").text(job.file).key("warnings").begin('[');
+        for (const Finding& warning : warnings_of(job))
+            show_warning(warning);
+        report_.end().key("contexts").begin('[');
     }
 
     int run() {
@@ -119,6 +122,13 @@ class Run {
     }
 
   private:
+    void show_warning(const Finding& warning) {
+        const std::string context = name_of(job_.contexts[warning.context], warning.context);
+        std::fprintf(stderr, "kelrt: warning: %s\n", readable(context + ": " + warning.what).c_str());
+        report_.begin('{').key("context").number(warning.context).key("argument").text(warning.argument);
+        report_.key("what").text(warning.what).end();
+    }
+
     Machine::Result execute(size_t index) {
         const Context& context = job_.contexts[index];
         if (context.op)
@@ -228,13 +238,7 @@ class Run {
     // Closes the report inside whatever list it is in.
     void finish() {
         report_.end();
-        if (options_.profile)
-            profile_.write(report_);
-        report_.end();
-        if (!options_.report.empty())
-            write_document("--report", options_.report, report_.document());
-        if (!options_.trace.empty())
-            write_document("--trace", options_.trace, profile_.trace());
+        write_results(options_, report_, profile_);
     }
 
     const Job& job_;
@@ -254,10 +258,6 @@ int run_job(const Job& job, const Options& options) {
         throw BadInput("--repeat " + std::to_string(options.repeat) + ": that often, " +
                        std::to_string(job.contexts.size()) + " contexts are more than " +
                        std::to_string(kMaxSamples) + " measurements");
-    for (const Finding& warning : warnings_of(job)) {
-        const std::string context = name_of(job.contexts[warning.context], warning.context);
-        std::fprintf(stderr, "kelrt: warning: %s\n", readable(context + ": " + warning.what).c_str());
-    }
     return Run(job, options).run();
 }
 

@@ -61,28 +61,26 @@ void set_up() {
         open_file();
 }
 
-// Writing beyond a file size limit raises a signal that would end the driver: it is held back and taken away.
+// Writing beyond a file size limit raises a signal that would end the driver: it is held back and taken away,
+// unless the driver itself holds it back.
 class NoFileSizeSignal {
   public:
     NoFileSizeSignal() {
         sigemptyset(&set_);
         sigaddset(&set_, SIGXFSZ);
-        sigset_t pending;
-        sigpending(&pending);
-        was_pending_ = sigismember(&pending, SIGXFSZ) == 1;
         pthread_sigmask(SIG_BLOCK, &set_, &before_);
     }
-    ~NoFileSizeSignal() {
-        const timespec now{};
-        if (!was_pending_)
-            sigtimedwait(&set_, nullptr, &now);
-        pthread_sigmask(SIG_SETMASK, &before_, nullptr);
-    }
+    ~NoFileSizeSignal() { pthread_sigmask(SIG_SETMASK, &before_, nullptr); }
     NoFileSizeSignal(const NoFileSizeSignal&) = delete;
+
+    void take_away() const {
+        const timespec now{};
+        if (!sigismember(&before_, SIGXFSZ))
+            sigtimedwait(&set_, nullptr, &now);
+    }
 
   private:
     sigset_t set_, before_;
-    bool was_pending_;
 };
 
 // 0, or the reason. One write does it, but where a signal or a full disk cuts it short.
@@ -94,7 +92,10 @@ int write_all(const uint8_t* data, size_t size) {
             data += count;
             size -= static_cast<size_t>(count);
         } else if (count == 0 || errno != EINTR) {
-            return count == 0 ? ENOSPC : errno;
+            const int reason = count == 0 ? ENOSPC : errno;
+            if (reason == EFBIG)
+                held.take_away();
+            return reason;
         }
     }
     return 0;

@@ -106,10 +106,11 @@ class Audit {
             if (op.arguments[i].use != Use::Input || own[i].value == KEL_RT_NO_MEMORY_ID ||
                 op.arguments[i].read_range(values).length() == 0)
                 continue;
-            const Memory& memory = job_.memories[own[i].value];
+            Memory& memory = job_.memories[own[i].value];
             if (!memory.is_given && !memory.written)
                 add(false, op.arguments[i].name,
                     "memory " + memory.name + " has no values, and no context before has written it");
+            memory.is_given = true;  // saying so once is enough
         }
     }
 

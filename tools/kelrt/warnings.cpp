@@ -71,9 +71,11 @@ class Warnings {
                 changed_[at.value].clear();
         });
         each_memory([&](const Argument& argument, const KelRtContextArg& at) {
-            if (is_left_changed(argument, values))
-                changed_[at.value].push_back(
-                    {current_, &argument, placed(at, argument.written_range(values))});
+            const Range bytes = placed(at, argument.written_range(values));
+            if (!is_left_changed(argument, values))
+                return;
+            forget(changed_[at.value], bytes);
+            changed_[at.value].push_back({current_, &argument, bytes});
         });
         each_memory([&](const Argument& argument, const KelRtContextArg& at) {
             if (argument.is_published())
@@ -102,9 +104,7 @@ class Warnings {
     void look_at_publishing(const Argument& argument, const KelRtContextArg& at, Range written) {
         std::vector<Changed>& changed = changed_[at.value];
         if (job_.memories[at.value].on_cpu) {
-            std::erase_if(changed, [&](const Changed& operand) {
-                return written.begin <= operand.bytes.begin && operand.bytes.end <= written.end;
-            });
+            forget(changed, written);
             return;
         }
         for (const Changed& operand : changed)
@@ -112,6 +112,13 @@ class Warnings {
                               job_.memories[at.value].name + ", " + described(operand) +
                               " as that left it included");
         changed.clear();
+    }
+
+    // What is overwritten as a whole is gone.
+    static void forget(std::vector<Changed>& changed, Range written) {
+        std::erase_if(changed, [&](const Changed& operand) {
+            return written.begin <= operand.bytes.begin && operand.bytes.end <= written.end;
+        });
     }
 
     std::string described(const Changed& operand) const {

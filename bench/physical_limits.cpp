@@ -28,7 +28,8 @@ typedef float Vector __attribute__((vector_size(kWidth)));
 typedef float Unaligned __attribute__((vector_size(kWidth), aligned(4), may_alias));
 constexpr size_t kLanes = kWidth / sizeof(float);
 
-constexpr size_t kSteps = 256;  // a call of work repeats its operation so often
+// A call of work repeats its operation so often: chains of successive calls overlap, so each is a long one.
+constexpr size_t kSteps = 4096;
 
 // Many vectors in flight, each in a register: f(v) for all of them, kSteps times.
 template <size_t... I, class F>

@@ -544,7 +544,8 @@ KEL_RT_API int32_t rounding_divide_by_pow2_c(int32_t x, int32_t exponent);
  * four elements (eight where an integer type is narrower than 32 bits) follow the four-lane rules above; the
  * up to three (seven) elements that remain are ordinary scalar arithmetic in the caller's floating-point
  * mode, without flushing, and use the C library's functions. The same input may therefore give other last
- * bits, or another special value, by where it lies in the array. n = 0 writes nothing unless said otherwise.
+ * bits, or another special value, by where it lies in the array. Blocks raise no exception that the caller
+ * has unmasked through the C library (feenableexcept). n = 0 writes nothing unless said otherwise.
  *
  * `out` may be the same array as an input of the same element type; other overlaps are not allowed.
  */

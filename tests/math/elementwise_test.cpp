@@ -280,12 +280,19 @@ TEST_P(Elementwise, SeesTheCallersModeInTailsOnly) {
 // Arrays beyond every cache, which may be stored past them.
 TEST_P(Elementwise, HugeArrays) {
     const Kernel& kernel = GetParam();
-    constexpr uint32_t kElements = (1 << 20) + 13, kPart = 4096;
+#if defined(__SSE2__)
+    constexpr uint32_t kElements = (4 << 20) + 13;
+#else
+    constexpr uint32_t kElements = (1 << 16) + 13;
+#endif
+    constexpr uint32_t kPart = 4096, kPattern = 65521;
     Random random(3);
     std::vector<Floats> operands(4, Floats(kElements + 3));
     for (Floats& operand : operands)
-        for (float& x : operand)
-            x = random.below(1000) ? random.plain() : random.wild();
+        for (uint32_t i = 0; i < operand.size(); ++i)
+            operand[i] = i >= kPattern         ? operand[i - kPattern]
+                         : random.below(10000) ? random.plain()
+                                               : random.wild();
     Floats whole(kElements + 3), parts(kElements + 3);
     const auto run = [&](Floats& out, uint32_t from, uint32_t count) {
         const auto advanced = [&](Floats& array, uint32_t bytes) {

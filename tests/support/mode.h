@@ -13,8 +13,12 @@ inline Word get() {
     asm volatile("stmxcsr %0" : "=m"(word) : : "memory");
     return word;
 }
+// What traps is written into the older unit's control word too, as the C library does.
 inline void set(Word word) {
-    asm volatile("ldmxcsr %0" : : "m"(word) : "memory");
+    uint16_t control;
+    asm volatile("fnstcw %0" : "=m"(control));
+    control = static_cast<uint16_t>((control & ~0x3F) | (word >> 7 & 0x3F));
+    asm volatile("fldcw %0\n\tldmxcsr %1" : : "m"(control), "m"(word) : "memory");
 }
 // The usual one, toward zero, up, flushing subnormals; and every exception trapping, for vector parts only.
 constexpr Word kScalar[] = {0x1F80, 0x7F80, 0x5F80, 0x9FC0}, kTraps = 0;

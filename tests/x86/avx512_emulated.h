@@ -12,9 +12,11 @@
 #define __AVX512VL__ 1
 #define __AVX512VBMI__ 1
 
+#include <algorithm>
 #include <cmath>
 #include <cstdint>
 #include <cstring>
+#include <limits>
 
 namespace {
 namespace emulated {
@@ -115,6 +117,27 @@ inline __m512i permutex2var_epi8(__m512i a, __m512i chosen, __m512i b) {
 inline __m512i permutexvar_epi8(__m512i chosen, __m512i a) {
     return permutex2var_epi8(a, chosen, a);
 }
+inline __m512i permutexvar_epi32(__m512i chosen, __m512i a) {
+    const Words from = as<Words>(chosen), words = as<Words>(a);
+    Words result;
+    for (int i = 0; i < 16; ++i)
+        result.v[i] = words.v[from.v[i] & 15];
+    return as<__m512i>(result);
+}
+// Saturated, and in each quarter first those of a, then those of b.
+template <class From, class To>
+__m512i packed(__m512i a, __m512i b) {
+    const Lanes<From> x = as<Lanes<From>>(a), y = as<Lanes<From>>(b);
+    constexpr int kEach = 16 / sizeof(From);  // of a quarter
+    Lanes<To> result;
+    for (int i = 0; i < Lanes<To>::kCount; ++i) {
+        const int quarter = i / (2 * kEach), at = i % (2 * kEach);
+        const From value = (at < kEach ? x : y).v[quarter * kEach + at % kEach];
+        result.v[i] = static_cast<To>(
+            std::clamp<From>(value, std::numeric_limits<To>::min(), std::numeric_limits<To>::max()));
+    }
+    return as<__m512i>(result);
+}
 inline __m512i loadu(const void* p) {
     Bytes x;
     std::memcpy(&x, p, sizeof x);
@@ -151,9 +174,13 @@ __m512i inserted(__m512i a, Part b) {
 #define _mm512_mask_storeu_epi32 emulated::mask_storeu_epi32
 #define _mm512_permutex2var_epi8 emulated::permutex2var_epi8
 #define _mm512_permutexvar_epi8 emulated::permutexvar_epi8
+#define _mm512_permutexvar_epi32 emulated::permutexvar_epi32
+#define _mm512_packs_epi32 emulated::packed<int32_t, int16_t>
+#define _mm512_packs_epi16 emulated::packed<int16_t, int8_t>
 #define _mm512_loadu_si512 emulated::loadu
 #define _mm512_load_si512 emulated::loadu
 #define _mm512_storeu_si512 emulated::storeu
+#define _mm512_stream_si512 emulated::storeu
 #define _mm512_castsi512_si128(a) (emulated::extracted<__m128i, 0>(a))
 #define _mm512_castsi512_si256(a) (emulated::extracted<__m256i, 0>(a))
 #define _mm512_castsi256_si512(a) (emulated::inserted<0>(__m512i{}, a))

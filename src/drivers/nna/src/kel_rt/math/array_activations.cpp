@@ -10,32 +10,29 @@
 namespace kelrt::KELRT_SET {
 
 uint32_t kelRt_tanhf(const float* in, float* out, uint32_t n) {
-    const uint32_t tail = for_blocks(
+    for_blocks(
         n, kNumbers, [](auto x) { return tanh(x, kExpTable); }, out, in);
     const f32* x = in;
     f32* y = out;
-    for (size_t i = tail; i < n; ++i)
-        y[i] = std::tanh(x[i]);
+    for_tail(n, [=](size_t i) { y[i] = std::tanh(x[i]); });
     return NNA_STATUS_OK;
 }
 
 uint32_t kelRt_expf(const float* in, float* out, uint32_t n) {
-    const uint32_t tail = for_blocks(
+    for_blocks(
         n, kOrdinaryExp, [](auto x) { return exp(x, kExpTable); }, out, in);
     const f32* x = in;
     f32* y = out;
-    for (size_t i = tail; i < n; ++i)
-        y[i] = std::exp(x[i]);
+    for_tail(n, [=](size_t i) { y[i] = std::exp(x[i]); });
     return NNA_STATUS_OK;
 }
 
 uint32_t kelRt_sigmoidf(const float* in, float* out, uint32_t n) {
-    const uint32_t tail = for_blocks(
+    for_blocks(
         n, kOrdinaryExp, [](auto x) { return sigmoid(x, kExpTable); }, out, in);
     const f32* x = in;
     f32* y = out;
-    for (size_t i = tail; i < n; ++i)
-        y[i] = 1.0f / (std::exp(-x[i]) + 1.0f);
+    for_tail(n, [=](size_t i) { y[i] = 1.0f / (std::exp(-x[i]) + 1.0f); });
     return NNA_STATUS_OK;
 }
 

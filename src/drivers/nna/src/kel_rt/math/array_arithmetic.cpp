@@ -8,62 +8,56 @@ namespace kelrt::KELRT_SET {
 
 uint32_t kelRt_scalef(const float* in, float* out, float scale, uint32_t n) {
     const auto scaled = [=](auto x) { return mul(x, decltype(x)::splat(scale)); };
-    const uint32_t tail = for_blocks(n, Watching{}, scaled, out, in);
+    for_blocks(n, Watching{}, scaled, out, in);
     const f32* x = in;
     f32* y = out;
-    for (size_t i = tail; i < n; ++i)
-        y[i] = x[i] * scale;
+    for_tail(n, [=](size_t i) { y[i] = x[i] * scale; });
     return NNA_STATUS_OK;
 }
 
 uint32_t kelRt_mulf(const float* a, const float* b, float* out, uint32_t n) {
-    const uint32_t tail = for_blocks(
+    for_blocks(
         n, Watching{}, [](auto x, auto z) { return mul(x, z); }, out, a, b);
     const f32 *x = a, *z = b;
     f32* y = out;
-    for (size_t i = tail; i < n; ++i)
-        y[i] = x[i] * z[i];
+    for_tail(n, [=](size_t i) { y[i] = x[i] * z[i]; });
     return NNA_STATUS_OK;
 }
 
 uint32_t kelRt_addf(const float* a, const float* b, float* out, uint32_t n) {
-    const uint32_t tail = for_blocks(
+    for_blocks(
         n, Watching{}, [](auto x, auto z) { return add(x, z); }, out, a, b);
     const f32 *x = a, *z = b;
     f32* y = out;
-    for (size_t i = tail; i < n; ++i)
-        y[i] = x[i] + z[i];
+    for_tail(n, [=](size_t i) { y[i] = x[i] + z[i]; });
     return NNA_STATUS_OK;
 }
 
 uint32_t kelRt_subf(const float* a, const float* b, float* out, uint32_t n) {
-    const uint32_t tail = for_blocks(
+    for_blocks(
         n, Watching{}, [](auto x, auto z) { return sub(x, z); }, out, a, b);
     const f32 *x = a, *z = b;
     f32* y = out;
-    for (size_t i = tail; i < n; ++i)
-        y[i] = x[i] - z[i];
+    for_tail(n, [=](size_t i) { y[i] = x[i] - z[i]; });
     return NNA_STATUS_OK;
 }
 
 uint32_t kelRt_complementf(const float* in, float* out, uint32_t n) {
     const auto complement = [](auto x) { return sub(decltype(x)::splat(1.0f), x); };
-    const uint32_t tail = for_blocks(n, kNumbers, complement, out, in);
+    for_blocks(n, kNumbers, complement, out, in);
     const f32* x = in;
     f32* y = out;
-    for (size_t i = tail; i < n; ++i)
-        y[i] = 1.0f - x[i];
+    for_tail(n, [=](size_t i) { y[i] = 1.0f - x[i]; });
     return NNA_STATUS_OK;
 }
 
 uint32_t kelRt_dotproductf(const float* a, const float* b, const float* c, const float* d, float* out,
                            uint32_t n) {
     const auto dot = [](auto p, auto q, auto r, auto s) { return mul_add(mul(p, r), q, s); };
-    const uint32_t tail = for_blocks(n, Watching{}, dot, out, a, b, c, d);
+    for_blocks(n, Watching{}, dot, out, a, b, c, d);
     const f32 *p = a, *q = b, *r = c, *s = d;
     f32* y = out;
-    for (size_t i = tail; i < n; ++i)
-        y[i] = p[i] * r[i] + q[i] * s[i];
+    for_tail(n, [=](size_t i) { y[i] = p[i] * r[i] + q[i] * s[i]; });
     return NNA_STATUS_OK;
 }
 
@@ -73,11 +67,10 @@ uint32_t kelRt_normf(const float* in, const float* gamma, const float* beta, flo
         using F = decltype(x);
         return mul_add(b, g, div(sub(x, F::splat(mean)), F::splat(divisor)));
     };
-    const uint32_t tail = for_blocks(n, Watching<true>{}, norm, out, in, gamma, beta);
+    for_blocks(n, Watching<true>{}, norm, out, in, gamma, beta);
     const f32 *x = in, *g = gamma, *b = beta;
     f32* y = out;
-    for (size_t i = tail; i < n; ++i)
-        y[i] = b[i] + ((x[i] - mean) / divisor) * g[i];
+    for_tail(n, [=](size_t i) { y[i] = b[i] + ((x[i] - mean) / divisor) * g[i]; });
     return NNA_STATUS_OK;
 }
 

@@ -28,28 +28,25 @@ static auto scaled_by(float scale) {
 }
 
 uint32_t kelRt_scaleI8toF(const int8_t* in, float* out, float scale, uint32_t n) {
-    const uint32_t tail = for_blocks<8>(n, integers_stay_ordinary(scale), scaled_by(scale), out, in);
+    for_blocks<8>(n, integers_stay_ordinary(scale), scaled_by(scale), out, in);
     f32* y = out;
-    for (size_t i = tail; i < n; ++i)
-        y[i] = static_cast<float>(in[i]) * scale;
+    for_tail<8>(n, [=](size_t i) { y[i] = static_cast<float>(in[i]) * scale; });
     return NNA_STATUS_OK;
 }
 
 uint32_t kelRt_scaleI16toF(const int16_t* in, float* out, float scale, uint32_t n) {
-    const uint32_t tail = for_blocks<8>(n, integers_stay_ordinary(scale), scaled_by(scale), out, in);
+    for_blocks<8>(n, integers_stay_ordinary(scale), scaled_by(scale), out, in);
     const i16* x = in;
     f32* y = out;
-    for (size_t i = tail; i < n; ++i)
-        y[i] = static_cast<float>(x[i]) * scale;
+    for_tail<8>(n, [=](size_t i) { y[i] = static_cast<float>(x[i]) * scale; });
     return NNA_STATUS_OK;
 }
 
 uint32_t kelRt_scaleI32toF(const int32_t* in, float* out, float scale, uint32_t n) {
-    const uint32_t tail = for_blocks(n, integers_stay_ordinary(scale), scaled_by(scale), out, in);
+    for_blocks(n, integers_stay_ordinary(scale), scaled_by(scale), out, in);
     const i32* x = in;
     f32* y = out;
-    for (size_t i = tail; i < n; ++i)
-        y[i] = static_cast<float>(x[i]) * scale;
+    for_tail(n, [=](size_t i) { y[i] = static_cast<float>(x[i]) * scale; });
     return NNA_STATUS_OK;
 }
 
@@ -58,13 +55,13 @@ uint32_t kelRt_scaleFtoI8(const float* in, int8_t* out, float scale, uint32_t n)
     const auto converted = [=](auto x) {
         return to_int_trunc(clamp(mul(x, decltype(x)::splat(scale)), -128.0f, 127.0f));
     };
-    const uint32_t tail = for_blocks<8>(n, ordinary(scale, 0x1p126f), converted, out, in);
+    for_blocks<8>(n, ordinary(scale, 0x1p126f), converted, out, in);
     const f32* x = in;
-    for (size_t i = tail; i < n; ++i) {
+    for_tail<8>(n, [=](size_t i) {
         const float v = x[i] * scale;
         const float clamped = v < -128.0f ? -128.0f : v > 127.0f ? 127.0f : v;
         out[i] = v != v ? int8_t{0} : static_cast<int8_t>(clamped);
-    }
+    });
     return NNA_STATUS_OK;
 }
 

@@ -1,7 +1,6 @@
 // Array kernels: reductions. The order of accumulation decides the result and is fixed: four lane
 // accumulators over the whole blocks, these in lane order, then the tail in ascending order. Only the vector
 // part flushes.
-#include "element.h"
 #include "instruction_sets.h"
 #include "math/lane_extremes.h"
 #include "math/lane_sums.h"
@@ -10,41 +9,14 @@
 namespace kelrt::KELRT_SET {
 
 uint32_t kelRt_sumf(const float* in, float* out, uint32_t n) {
-    const f32* x = in;
     f32* total = out;
-    const uint32_t whole = n - n % 4;
-    *total = 0.0f;
-    LaneSums sums;
-    if (whole > 0)
-        vector_part([=, &sums] {
-            sums.add_blocks(in, whole);
-            sums.finish();
-        });
-    *total = sums.total();
-    for (size_t i = whole; i < n; ++i)
-        *total += x[i];
+    *total = sums_of<1>({in}, n)[0];
     return NNA_STATUS_OK;
 }
 
 uint32_t kelRt_variancef(const float* in, float mean, float* out, uint32_t n) {
-    const f32* x = in;
     f32* total = out;
-    const uint32_t whole = n - n % 4;
-    *total = 0.0f;
-    LaneSums sums;
-    if (whole > 0)
-        vector_part([=, &sums] {
-            sums.add_squares(in, mean, whole);
-            sums.finish();
-        });
-    *total = sums.total();
-    for (size_t i = whole; i < n; ++i) {
-        const float d = x[i] - mean;
-        // Double precision here and not in the blocks is deliberate.
-        *total =
-            static_cast<float>(static_cast<double>(*total) + static_cast<double>(d) * static_cast<double>(d));
-    }
-    *total /= static_cast<float>(n);
+    *total = variances_of<1>({in}, {mean}, n)[0];
     return NNA_STATUS_OK;
 }
 

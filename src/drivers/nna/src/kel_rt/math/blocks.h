@@ -124,9 +124,16 @@ namespace kelrt {
 namespace {
 
 template <uint32_t block = 4, class When, class Function, class Out, class... In>
-uint32_t for_blocks(uint32_t n, When when, Function f, Out* out, const In*... in) {
-    return for_blocks_then<block>(
-        n, when, f, [](size_t, size_t) {}, out, in...);
+void for_blocks(uint32_t n, When when, Function f, Out* out, const In*... in) {
+    for_blocks_then<block>(n, when, f, NothingFollows{}, out, in...);
+}
+
+// one(i) for the elements that whole blocks leave. So few that no compiler makes vectors of them, whose code
+// every call would have to pass.
+template <uint32_t block = 4, class One>
+void for_tail(uint32_t n, One one) {
+    for (uint32_t left = n % block; left > 0; --left)
+        one(size_t{n - left});
 }
 
 }  // namespace

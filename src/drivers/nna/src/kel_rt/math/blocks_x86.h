@@ -8,14 +8,24 @@
 
 #include "math/blocks.h"
 #include "math/lanes_plain.h"
+#include "operators/wide.h"
 
 namespace kelrt {
 namespace {
 
 // Rounding to nearest and trapping nothing, as the lanes need it. Whether subnormals are flushed is no matter
-// where there are none.
+// where there are none. Reading the mode word would tell, in 7 ns, longer than 16 elements take. So rounding
+// is tried on two sums that only the nearest rounds away from zero both times; and traps are looked for in
+// the older unit's control word, into which the C library writes them too (feenableexcept).
 inline bool caller_has_our_mode() {
-    return (_mm_getcsr() & 0x7F80) == 0x1F80;
+    constexpr uint16_t kNoTraps = 0x3F;
+    uint16_t traps;
+    asm volatile("fnstcw %0" : "=m"(traps));
+    if (__builtin_expect((traps & kNoTraps) != kNoTraps, 0))
+        return false;
+    float one = 1.0f, more_than_half = 0x1.8p-24f;
+    asm volatile("" : "+x"(one), "+x"(more_than_half));  // no compiler knows the sums
+    return one + more_than_half > one && -one - more_than_half < -one;
 }
 
 // Up to this many elements a watch over subnormals costs less than switching them off.
@@ -53,14 +63,27 @@ template <class F, class T, size_t... k>
 auto operands(std::index_sequence<k...>, const T* p) {
     return Many<decltype(operand<F>(p)), sizeof...(k)>{{operand<F>(p + k * F::kLanes)...}};
 }
-template <class F, size_t count, class Out, size_t... k>
-void store_all(std::index_sequence<k...>, Out* p, const Many<F, count>& a) {
-    (store_block(p + k * F::kLanes, a.v[k]), ...);
+// Past the caches, to where whole vectors lie.
+struct Streamed {
+    float* p;
+    Streamed operator+(size_t i) const { return {p + i}; }
+};
+template <class Result>
+void store_block(Streamed to, Result r) {
+    stream_bytes(reinterpret_cast<uint8_t*>(to.p), reinterpret_cast<Bytes<sizeof r.v>>(r.v));
+}
+template <class F, size_t count, class To, size_t... k>
+void store_all(std::index_sequence<k...>, To to, const Many<F, count>& a) {
+    (store_block(to + k * F::kLanes, a.v[k]), ...);
+}
+template <class F>
+void store_all(std::make_index_sequence<4>, int8_t* to, const Many<F, 4>& a) {
+    store_int8(to, a.v[0], a.v[1], a.v[2], a.v[3]);
 }
 
 // One group of blocks, count * n elements; false, with nothing stored, if it needs the exact lanes.
-template <int n, size_t count, class Function, class Out, class... In>
-[[gnu::always_inline]] inline bool plain_group(Below when, Function f, Out* out, const In*... in) {
+template <int n, size_t count, class Function, class To, class... In>
+[[gnu::always_inline]] inline bool plain_group(Below when, Function f, To out, const In*... in) {
     constexpr auto each = std::make_index_sequence<count>();
     Watch<n> watch;
     const auto look = [&]<class F>(const Many<F, count>& x) {
@@ -73,8 +96,8 @@ template <int n, size_t count, class Function, class Out, class... In>
     store_all(each, out, f(operands<Plain<n>>(each, in)...));
     return true;
 }
-template <int n, size_t count, class Function, class Out, class... In>
-[[gnu::always_inline]] inline bool plain_group(If when, Function f, Out* out, const In*... in) {
+template <int n, size_t count, class Function, class To, class... In>
+[[gnu::always_inline]] inline bool plain_group(If when, Function f, To out, const In*... in) {
     if (__builtin_expect(!when.holds, 0))
         return false;
     constexpr auto each = std::make_index_sequence<count>();
@@ -83,9 +106,8 @@ template <int n, size_t count, class Function, class Out, class... In>
 }
 template <bool flushing>
 struct WatchingIn {};
-template <int n, size_t count, bool flushing, class Function, class... In>
-[[gnu::always_inline]] inline bool plain_group(WatchingIn<flushing>, Function f, float* out,
-                                               const In*... in) {
+template <int n, size_t count, bool flushing, class Function, class To, class... In>
+[[gnu::always_inline]] inline bool plain_group(WatchingIn<flushing>, Function f, To out, const In*... in) {
     constexpr auto each = std::make_index_sequence<count>();
     using F = Watched<n, flushing>;
     Watch<n> watch;
@@ -103,9 +125,9 @@ template <int n, size_t count, bool flushing, class Function, class... In>
 
 // Groups of `count` vectors of n lanes from element i on, as long as they fit and are ordinary. Returns where
 // it stopped.
-template <int n, size_t count, class When, class Function, class Then, class Out, class... In>
+template <int n, size_t count, class When, class Function, class Then, class To, class... In>
 [[gnu::always_inline]] inline size_t plain_groups(size_t i, size_t tail, When when, Function f, Then then,
-                                                  Out* out, const In*... in) {
+                                                  To out, const In*... in) {
     constexpr size_t kGroup = count * n;
     for (; i + kGroup <= tail && plain_group<n, count>(when, f, out + i, in + i...); i += kGroup)
         then(i, kGroup);
@@ -118,21 +140,54 @@ template <int n, size_t count, class When, class Function, class Then, class Out
 template <class When>
 constexpr size_t kInFlight = std::is_same_v<When, Below> ? (kWidest == 16 ? 8 : 6) : 4;
 
+// What follows a stretch where nothing does.
+struct NothingFollows {
+    void operator()(size_t, size_t) const {}
+};
+
+// Whether the output is beyond all caches and goes past them: 8 million sums take three quarters of the time.
+// Not where the caches have it anyway, as an operand or for what follows, and not for long chains, which are
+// no faster, and slower if compilers get them twice.
+template <class When, class Then, class Out, class... In>
+bool goes_past_caches(size_t n, const Out* out, const In*... in) {
+    return std::is_same_v<Out, float> && std::is_same_v<Then, NothingFollows> &&
+           !std::is_same_v<When, Below> && __builtin_expect(n * sizeof(Out) >= kStreamed, 0) &&
+           ((static_cast<const void*>(in) != out) && ...) &&
+           reinterpret_cast<uintptr_t>(out) % (4 * sizeof(float)) == 0;
+}
+template <class When, class Function, class Then, class... In>
+[[gnu::always_inline]] inline size_t streamed_groups(size_t i, size_t tail, When when, Function f, Then then,
+                                                     float* out, const In*... in) {
+    constexpr size_t kVector = kWidest * sizeof(float);
+    const size_t head = i + -reinterpret_cast<uintptr_t>(out + i) % kVector / sizeof(float);
+    i = plain_groups<4, 1>(i, head, when, f, then, out, in...);
+    if (i == head)
+        i = plain_groups<kWidest, kInFlight<When>>(i, tail, when, f, then, Streamed{out}, in...);
+    return i;
+}
+
 // All whole blocks, in groups, then vector by vector, then by four; `exactly(from, to)` does those again that
 // need it. `then` follows what is done.
 template <class When, class Exactly, class Function, class Then, class Out, class... In>
 [[gnu::always_inline]] inline void mixed_blocks(size_t tail, When when, Exactly exactly, Function f,
                                                 Then then, Out* out, const In*... in) {
+    const bool past_caches = goes_past_caches<When, Then>(tail, out, in...);
     size_t i = 0;
     while (true) {
+        if constexpr (std::is_same_v<Out, float> && !std::is_same_v<When, Below>)
+            if (past_caches)
+                i = streamed_groups(i, tail, when, f, then, out, in...);
         i = plain_groups<kWidest, kInFlight<When>>(i, tail, when, f, then, out, in...);
         if (i + kInFlight<When> * kWidest > tail) {
             i = plain_groups<kWidest, 1>(i, tail, when, f, then, out, in...);
             if (i + kWidest > tail)
                 i = plain_groups<4, 1>(i, tail, when, f, then, out, in...);
         }
-        if (i == tail)
+        if (i == tail) {
+            if (past_caches)
+                _mm_sfence();
             return;
+        }
         const size_t to = std::min(tail, i + kRedone);
         exactly(i, to);
         i = to;

@@ -13,69 +13,90 @@ namespace {
 
 #if defined(__SSE4_1__) && !defined(KELRT_LANES_PORTABLE)
 
-// As integers whose order is that of the unit's minimum and maximum: -0 below +0, NaN outside of the
-// infinities. What is subnormal is flushed at the end, which comes to the same since flushing keeps the
-// order. It takes five operations a vector, where the floating-point minimum of lanes_x86.h takes 30.
+// By their words, with three integer operations a vector where the floating-point minimum of lanes_x86.h
+// takes
+// 30. As integers without sign, numbers below zero are the largest words, the lower the larger; as integers
+// with one, what is not below zero has the order of its words. So whichever signs there are, both extremes
+// are among these three; -0 is below +0 and NaN outside of the infinities, as the unit has it. What is
+// subnormal is flushed at the end, which comes to the same since flushing keeps the order.
 template <int n>
 struct Extremes {
-    IntVector<n> low, high;
+    WordVector<n> least_word, largest_word;
+    IntVector<n> largest;
 
-    static IntVector<n> ordered(const float* p) {
-        const IntVector<n> word = PlainInts<n>::load(p).v;
-        return word ^ ((word >> 31) & 0x7FFFFFFF);
+    static WordVector<n> word(const float* p) {
+        return reinterpret_cast<WordVector<n>>(PlainInts<n>::load(p).v);
     }
-    explicit Extremes(const float* p) : low(ordered(p)), high(low) {}
-    Extremes(IntVector<n> lower, IntVector<n> higher) : low(lower), high(higher) {}
+    explicit Extremes(const float* p)
+        : least_word(word(p)), largest_word(word(p)), largest(PlainInts<n>::load(p).v) {}
+    Extremes(WordVector<n> least, WordVector<n> most, IntVector<n> most_signed)
+        : least_word(least), largest_word(most), largest(most_signed) {}
 
-    void look(const float* p) { take(ordered(p), ordered(p)); }
-    void take(IntVector<n> lower, IntVector<n> higher) {
-        low = lower < low ? lower : low;
-        high = higher > high ? higher : high;
+    void look(const float* p) { take(Extremes(p)); }
+    void take(const Extremes& other) {
+        least_word = smaller<n>(other.least_word, least_word);
+        largest_word = larger<n>(other.largest_word, largest_word);
+        largest = other.largest > largest ? other.largest : largest;
     }
     // Folded to four columns.
     Extremes<4> columns() const {
         if constexpr (n == 4) {
             return *this;
         } else {
-            IntVector<n / 2> parts[4];
-            std::memcpy(parts, &low, sizeof low);
-            std::memcpy(parts + 2, &high, sizeof high);
-            Extremes<n / 2> half(parts[0], parts[2]);
-            half.take(parts[1], parts[3]);
+            Extremes<n / 2> half(half_of<0>(least_word), half_of<0>(largest_word), half_of<0>(largest));
+            half.take({half_of<1>(least_word), half_of<1>(largest_word), half_of<1>(largest)});
             return half.columns();
         }
     }
+    template <int which, class V>
+    static auto half_of(V v) {
+        return [=]<int... e>(std::integer_sequence<int, e...>) {
+            return __builtin_shufflevector(v, v, (which * n / 2 + e)...);
+        }
+        (std::make_integer_sequence<int, n / 2>());
+    }
+
     // Back to floats: one NaN makes its column one.
-    static float value(int32_t key, bool nan) {
-        const uint32_t word = static_cast<uint32_t>(key ^ ((key >> 31) & 0x7FFFFFFF));
-        return portable::from_word(nan ? 0x7FC00000u : (word & 0x7F800000u) == 0 ? word & 0x80000000u : word);
+    WordVector<n> floats(WordVector<n> word) const {
+        const WordVector<n> flushed = (word & 0x7F800000u) == 0 ? word & 0x80000000u : word;
+        return largest > 0x7F800000 || largest_word > 0xFF800000u ? WordVector<n>{} + 0x7FC00000u : flushed;
     }
     void store(float* lows, float* highs) const {
-        for (int k = 0; k < 4; ++k) {
-            const bool nan = high[k] > 0x7F800000 || low[k] < static_cast<int32_t>(0x807FFFFF);
-            lows[k] = value(low[k], nan);
-            highs[k] = value(high[k], nan);
-        }
+        const WordVector<n> low = floats(largest_word >= 0x80000000u ? largest_word : least_word);
+        const WordVector<n> high =
+            floats(largest >= 0 ? reinterpret_cast<WordVector<n>>(largest) : least_word);
+        std::memcpy(lows, &low, sizeof low);
+        std::memcpy(highs, &high, sizeof high);
     }
 };
 
-// Over a whole number of blocks, two or more.
-inline void extremes_of_columns(const float* x, size_t count, float* lows, float* highs) {
-    Extremes<4> columns(x);
-    size_t i = 0;
-    constexpr size_t kInFlight = 4, kGroup = kInFlight * kWidest;
-    if (count >= kGroup) {
-        using Wide = Extremes<kWidest>;
-        Wide wide[kInFlight] = {Wide(x), Wide(x + kWidest), Wide(x + 2 * kWidest), Wide(x + 3 * kWidest)};
-        for (i = kGroup; i + kGroup <= count; i += kGroup)
-            for (size_t k = 0; k < kInFlight; ++k)
-                wide[k].look(x + i + k * kWidest);
-        for (size_t k = 1; k < kInFlight; ++k)
-            wide[0].take(wide[k].low, wide[k].high);
-        columns = wide[0].columns();
+// Of n elements or more. Four vectors at a time; the last one together with some that are done, which change
+// nothing.
+template <int n>
+Extremes<4> extremes(const float* x, size_t count) {
+    Extremes<n> found(x);
+    size_t i = n;
+    if (count >= 8 * n) {
+        Extremes<n> second(x + n), third(x + 2 * n), fourth(x + 3 * n);
+        for (i = 4 * n; i + 4 * n <= count; i += 4 * n) {
+            found.look(x + i);
+            second.look(x + i + n);
+            third.look(x + i + 2 * n);
+            fourth.look(x + i + 3 * n);
+        }
+        second.take(fourth);
+        found.take(third);
+        found.take(second);
     }
-    for (; i < count; i += 4)
-        columns.look(x + i);
+    for (; i + n <= count; i += n)
+        found.look(x + i);
+    found.look(x + count - n);
+    return found.columns();
+}
+
+// Over a whole number of blocks.
+inline void extremes_of_columns(const float* x, size_t count, float* lows, float* highs) {
+    const Extremes<4> columns = count < kWidest ? extremes<4>(x, count) : extremes<kWidest>(x, count);
     columns.store(lows, highs);
 }
 

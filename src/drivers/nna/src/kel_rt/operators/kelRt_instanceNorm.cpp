@@ -1,4 +1,5 @@
 // Instance normalisation of one channel: zero mean and unit deviation, then one scale and one bias.
+#include <algorithm>
 #include <bit>
 #include <cmath>
 
@@ -40,8 +41,8 @@ void add_squares(float& sum, const float* x, uint32_t n, float mean) {
 // Both roundings make a chain of ten cycles an element. While the sum stays within one power of two 2^e, a
 // single addition does the same: to sum + 1.5 * 2^(e+29), whose last bit in double is that of the sum in
 // single. kRun elements are summed so, and then every step is checked by the two roundings themselves, all at
-// once; false if one differs (the sum reached the next power of two, or came to lie between two doubles). 1.6
-// times as fast, except where doubles are checked one by one.
+// once. Returns how many steps hold; the next one does not if the sum reached the next power of two, or came
+// to lie between two doubles. 1.6 times as fast, except where doubles are checked one by one.
 constexpr uint32_t kRun = 32;
 #if defined(KELRT_SCALARS)
 constexpr bool kRuns = false;
@@ -49,10 +50,10 @@ constexpr bool kRuns = false;
 constexpr bool kRuns = true;
 #endif
 
-bool add_squares_of_run(float& sum, const f32* x, float mean) {
+uint32_t add_squares_of_run(float& sum, const f32* x, float mean) {
     const uint32_t exponent = std::bit_cast<uint32_t>(sum) >> 23;  // of a sum of squares, which has no sign
     if (exponent < 1 || exponent > 254)
-        return false;
+        return 0;
     const double shift = std::bit_cast<double>((exponent + (1023 - 127) + 29ull) << 52) * 1.5;
     double squares[kRun], sums[kRun + 1];
     for (uint32_t i = 0; i < kRun; ++i)
@@ -61,23 +62,30 @@ bool add_squares_of_run(float& sum, const f32* x, float mean) {
     sums[0] = shifted;
     for (uint32_t i = 0; i < kRun; ++i)
         sums[i + 1] = shifted += squares[i];
-    uint64_t differs = 0;
+    uint64_t differences[kRun], any = 0;
     for (uint32_t i = 0; i < kRun; ++i) {
         const double literally = static_cast<double>(static_cast<float>((sums[i] - shift) + squares[i]));
-        differs |= std::bit_cast<uint64_t>(literally) ^ std::bit_cast<uint64_t>(sums[i + 1] - shift);
+        differences[i] = std::bit_cast<uint64_t>(literally) ^ std::bit_cast<uint64_t>(sums[i + 1] - shift);
+        any |= differences[i];
     }
-    if (differs)
-        return false;
-    sum = static_cast<float>(shifted - shift);
-    return true;
+    uint32_t held = kRun;
+    if (any)
+        for (held = 0; !differences[held];)
+            ++held;
+    sum = static_cast<float>(sums[held] - shift);
+    return held;
 }
 
 float variance_of(const float* x, uint32_t n, float mean) {
     float sum = 0.0f;
-    uint32_t i = 0;
-    for (; kRuns && n - i >= kRun; i += kRun)
-        if (!add_squares_of_run(sum, x + i, mean))
-            add_squares(sum, x + i, kRun, mean);
+    uint32_t i = std::min(n, kRun);  // at first the sum passes one power of two after the other
+    add_squares(sum, x, i, mean);
+    while (kRuns && n - i >= kRun) {
+        const uint32_t held = add_squares_of_run(sum, x + i, mean);
+        const uint32_t literally = held == kRun ? 0 : held == 0 ? kRun : 1;
+        add_squares(sum, x + i + held, literally, mean);
+        i += held + literally;
+    }
     add_squares(sum, x + i, n - i, mean);
     return sum / static_cast<float>(n);
 }

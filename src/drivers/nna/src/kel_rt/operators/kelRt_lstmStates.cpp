@@ -5,10 +5,12 @@
 //
 // The gate buffer is scratch: activations and a coupled input gate are written back into it, so that no
 // kernel here needs memory of its own.
+#include <array>
 #include <cmath>
 
 #include "instruction_sets.h"
 #include "log.h"
+#include "math/lane_sums.h"
 
 namespace kelrt::KELRT_SET {
 
@@ -75,16 +77,36 @@ uint32_t kelRt_lstmStatesActivationCifg(float* output, float* cellState, float* 
     return kelRt_lstmStatesHelper(output, cellState, gates, n, true, true);
 }
 
+namespace {
+
+struct LayerNorm {
+    float* dst;
+    const float *src, *gamma, *beta;
+};
+
+// Layer normalisations of n elements each; no one's results are another's operands.
+template <size_t count>
+void layer_norms(const std::array<LayerNorm, count>& layers, uint32_t n, float epsilon) {
+    Arrays<count> sources;
+    for (size_t k = 0; k < count; ++k)
+        sources[k] = layers[k].src;
+    std::array<float, count> means = sums_of<count>(sources, n);
+    for (float& mean : means)
+        mean /= static_cast<float>(n);
+    const std::array<float, count> variances = variances_of<count>(sources, means, n);
+    for (size_t k = 0; k < count; ++k) {
+        const float sd = std::sqrt(variances[k] + epsilon);
+        KEL_LOG_DEBUG("sd=%0.3f, ", static_cast<double>(sd));
+        KEL_LOG_DEBUG("mean=%0.3f, ", static_cast<double>(means[k]));
+        kelRt_normf(layers[k].src, layers[k].gamma, layers[k].beta, means[k], sd, layers[k].dst, n);
+    }
+}
+
+}  // namespace
+
 uint32_t kelRt_lstmLayerNorm(float* dst, const float* src, uint32_t n, const float* gamma, const float* beta,
                              float epsilon) {
-    float sum = 0.0f, variance = 0.0f;
-    kelRt_sumf(src, &sum, n);
-    const float mean = sum / static_cast<float>(n);
-    kelRt_variancef(src, mean, &variance, n);
-    const float sd = std::sqrt(variance + epsilon);
-    KEL_LOG_DEBUG("sd=%0.3f, ", static_cast<double>(sd));
-    KEL_LOG_DEBUG("mean=%0.3f, ", static_cast<double>(mean));
-    kelRt_normf(src, gamma, beta, mean, sd, dst, n);
+    layer_norms<1>({{{dst, src, gamma, beta}}}, n, epsilon);
     return NNA_STATUS_OK;
 }
 
@@ -98,21 +120,20 @@ const float* parameters_of_block(const float* vector, size_t k, size_t n) {
 
 void normalise_gates(const Gates& gates, uint32_t n, bool cifg, bool per_gate, const float* gamma,
                      const float* beta, float epsilon) {
-    const auto normalise = [&](float* values, uint32_t count, size_t first_block) {
-        kelRt_lstmLayerNorm(values, values, count, parameters_of_block(gamma, first_block, n),
-                            parameters_of_block(beta, first_block, n), epsilon);
+    const auto layer = [&](float* values, size_t first_block) {
+        return LayerNorm{values, values, parameters_of_block(gamma, first_block, n),
+                         parameters_of_block(beta, first_block, n)};
     };
-    if (per_gate) {
-        if (!cifg)
-            normalise(gates.input, n, 0);
-        normalise(gates.forget, n, 1);
-        normalise(gates.output, n, 2);
-        normalise(gates.candidate, n, 3);
-    } else if (cifg) {
-        normalise(gates.forget, 3 * n, 1);
-    } else {
-        normalise(gates.input, 4 * n, 0);
-    }
+    const LayerNorm forget = layer(gates.forget, 1), output = layer(gates.output, 2),
+                    candidate = layer(gates.candidate, 3);
+    if (per_gate && cifg)
+        layer_norms<3>({forget, output, candidate}, n, epsilon);
+    else if (per_gate)
+        layer_norms<4>({layer(gates.input, 0), forget, output, candidate}, n, epsilon);
+    else if (cifg)
+        layer_norms<1>({forget}, 3 * n, epsilon);
+    else
+        layer_norms<1>({layer(gates.input, 0)}, 4 * n, epsilon);
 }
 
 }  // namespace

@@ -1,7 +1,7 @@
 // Ordinary single-precision arithmetic on arrays, in the caller's mode and without flushing: what operators
-// compute outside of lanes. Elsewhere compilers make vectors of these loops; on 32-bit Arm, whose vector unit
-// flushes, they must not, and a float that may lie at any address would go to the floating-point unit and
-// back by way of a core register. So there eight floats are loaded and stored as vectors, whose lanes are the
+// compute outside of lanes. Vectors do so too on x86 and 64-bit Arm. On 32-bit Arm, whose vector unit
+// flushes, they do not, and a float that may lie at any address would go to the floating-point unit and back
+// by way of a core register. So there eight floats are loaded and stored as vectors, whose lanes are the
 // unit's registers.
 #pragma once
 
@@ -9,6 +9,8 @@
 #include <cstdint>
 
 #include "element.h"
+#include "math/vectors.h"
+#include "wide.h"
 #if defined(__arm__) && defined(__ARM_NEON)
 #include <arm_neon.h>
 #define KELRT_SCALARS
@@ -81,6 +83,29 @@ inline float element(const f32* p) {
     return *p;
 }
 
+#if defined(__SSE2__)
+
+// An output beyond all caches that is no operand, stored past them: 8 million floats take 0.7 of the time.
+template <class Function, class... In>
+[[gnu::noinline]] void for_elements_past_caches(uint32_t n, Function f, float* out, const In*... in) {
+    using Memory = typename Vectors<kWidest>::MemoryF;
+    const size_t ahead = -reinterpret_cast<uintptr_t>(out) % sizeof(Memory);  // of the first whole vector
+    f32* y = out;
+    uint32_t i = 0;
+    for (; i < ahead / sizeof(float); ++i)
+        y[i] = f(element(in + i)...);
+    if (ahead % sizeof(float) == 0)
+        for (; n - i >= kWidest; i += kWidest) {
+            const FloatVector<kWidest> result = f(*reinterpret_cast<const Memory*>(in + i)...);
+            stream_bytes(reinterpret_cast<uint8_t*>(out + i), reinterpret_cast<Bytes<sizeof result>>(result));
+        }
+    _mm_sfence();
+    for (; i < n; ++i)
+        y[i] = f(element(in + i)...);
+}
+
+#endif
+
 // out[i] = f(in[i]...), in ascending order.
 template <class Function, class... In>
 inline void for_elements(uint32_t n, Function f, float* out, const In*... in) {
@@ -89,6 +114,9 @@ inline void for_elements(uint32_t n, Function f, float* out, const In*... in) {
     if ((reads_first(out, in) && ...))
         for (const uint32_t groups = n - n % Scalars::kCount; i < groups; i += Scalars::kCount)
             f(Scalars::load(in + i)...).store(out + i);
+#elif defined(__SSE2__)
+    if (__builtin_expect(n >= kStreamed / sizeof(float), 0) && ((out != in) && ...))
+        return for_elements_past_caches(n, f, out, in...);
 #endif
     f32* y = out;
     for (; i < n; ++i)

@@ -233,20 +233,40 @@ void CallRecord::made_visible(uint32_t memory_id) {
 void CallRecord::finish(const Fixed& measured) {
     if (op_ && !room_)
         return;  // said so already
+    take_results();
+    if (!room_ && !make_room())
+        return;
+    uint8_t* at = put_head(measured);
+    for (uint32_t i = 0; i < part_count_; ++i) {
+        if (parts_[i].taken) {
+            std::memmove(at, parts_[i].bytes, parts_[i].piece.length);
+            at += parts_[i].piece.length;
+        }
+    }
+    const auto size = static_cast<size_t>(at - room_);
+    Prefix prefix;
+    prefix.length = size;
+    prefix.body_checksum = checksum(room_ + sizeof prefix, size - sizeof prefix);
+    prefix.checksum = checksum(&prefix, offsetof(Prefix, checksum));
+    put(room_, &prefix, sizeof prefix);
+    append(room_, size);
+}
+
+// Of accelerator memory only what is published is an effect of the call, or rows of SRAM.
+void CallRecord::take_results() {
     const bool sees_all = op_ && tool::moves_sram(tool::id_of(*op_));
     for (uint32_t memory = 0; memory < memory_count_; ++memory) {
         const State& state = memories_[memory];
-        // Of accelerator memory only what is published is an effect of the call, or rows of SRAM.
         if (state.base && (state.row.kind == kCpuBuffer || state.row.published || sees_all))
             take(memory, kAfter);
     }
-    if (!room_ && !make_room())
-        return;
+}
 
+// All that stands before the bytes of the pieces, but the prefix; returns where they go.
+uint8_t* CallRecord::put_head(const Fixed& measured) {
     Fixed fixed = measured;
     fixed.arguments = argument_count_;
     fixed.memories = memory_count_;
-    fixed.pieces = 0;
     fixed.faults = fault_count_;
     uint8_t* at = room_ + sizeof(Prefix) + sizeof(Fixed);
     at = put(at, arguments_, argument_count_ * sizeof(Argument));
@@ -259,21 +279,8 @@ void CallRecord::finish(const Fixed& measured) {
         }
     }
     at = put(at, faults_, fault_count_ * sizeof(Fault));
-    for (uint32_t i = 0; i < part_count_; ++i) {
-        if (parts_[i].taken) {
-            std::memmove(at, parts_[i].bytes, parts_[i].piece.length);
-            at += parts_[i].piece.length;
-        }
-    }
-
-    Prefix prefix;
-    put(room_ + sizeof prefix, &fixed, sizeof fixed);
-    prefix.length = static_cast<uint64_t>(at - room_);
-    prefix.body_checksum =
-        checksum(room_ + sizeof prefix, static_cast<size_t>(prefix.length - sizeof prefix));
-    prefix.checksum = checksum(&prefix, offsetof(Prefix, checksum));
-    put(room_, &prefix, sizeof prefix);
-    append(room_, static_cast<size_t>(prefix.length));
+    put(room_ + sizeof(Prefix), &fixed, sizeof fixed);
+    return at;
 }
 
 }  // namespace record

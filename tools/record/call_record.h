@@ -18,8 +18,8 @@ namespace record {
 
 class CallRecord {
   public:
-    // Neither may be null, but the context may be what the library refuses: then as much of it is recorded as
-    // the library reads. Asks the platform for the sizes of the memories.
+    // Reads as much of the context as the library does, which may be null or refused, and then nothing of the
+    // instance. Else asks the platform for the sizes of the memories.
     CallRecord(KelRtInstance* instance, const KelRtContext* context);
     ~CallRecord();
     CallRecord(const CallRecord&) = delete;
@@ -56,6 +56,8 @@ class CallRecord {
     void add_part(uint32_t memory, When when, tool::Range range, uint8_t lookup = 0);
     bool make_room();
     void take(uint32_t memory, When when);
+    void take_results();
+    uint8_t* put_head(const Fixed& measured);
     bool find_row(Part& part) const;
     uint32_t index_of(uint32_t memory_id) const;
 

@@ -48,6 +48,19 @@ bool is_wanted(const KelRtContext* context) {
     return limits.every == 1 || candidates++ % limits.every == 0;
 }
 
+// A platform's function, with this call's record told of it; what the platform calls of its own meanwhile is
+// none of the library's calls.
+template <auto* function, typename... Arguments>
+uint32_t pass_on(const char* name, Arguments... arguments) {
+    CallRecord* const call = current;
+    current = nullptr;
+    const uint32_t status = next<function>(name)(arguments...);
+    current = call;
+    if (call)
+        call->platform_called(status);
+    return status;
+}
+
 constexpr record::Machine kMachine =
 #if defined(__x86_64__)
     record::kX86_64;
@@ -109,38 +122,25 @@ uint32_t kelRt_executeContext(KelRtInstance* instance, const KelRtContext* conte
 }
 
 uint32_t tivNnaMemoryPtr(void* device, uint32_t memid, void** out) {
-    const uint32_t status = next<&tivNnaMemoryPtr>("tivNnaMemoryPtr")(device, memid, out);
-    if (current) {
-        current->platform_called(status);
-        if (status == NNA_STATUS_OK)
-            current->resolved(memid, *out);
-    }
+    const uint32_t status = pass_on<&tivNnaMemoryPtr>("tivNnaMemoryPtr", device, memid, out);
+    if (current && status == NNA_STATUS_OK)
+        current->resolved(memid, *out);
     return status;
 }
 
 uint32_t tivNnaMemorySize(void* device, uint32_t memid, uint32_t* out) {
-    const uint32_t status = next<&tivNnaMemorySize>("tivNnaMemorySize")(device, memid, out);
-    if (current)
-        current->platform_called(status);
-    return status;
+    return pass_on<&tivNnaMemorySize>("tivNnaMemorySize", device, memid, out);
 }
 
 uint32_t tivNnaMemorySyncCache(void* device, uint32_t memid, uint32_t direction, uint32_t reserved,
                                uint32_t size) {
     const uint32_t status =
-        next<&tivNnaMemorySyncCache>("tivNnaMemorySyncCache")(device, memid, direction, reserved, size);
-    if (current) {
-        current->platform_called(status);
-        if (status == NNA_STATUS_OK && direction == 0)
-            current->made_visible(memid);
-    }
+        pass_on<&tivNnaMemorySyncCache>("tivNnaMemorySyncCache", device, memid, direction, reserved, size);
+    if (current && status == NNA_STATUS_OK && direction == 0)
+        current->made_visible(memid);
     return status;
 }
 
 uint32_t tivNnaUdrv_dumpSram(void* device, uint32_t sram_address, uint32_t size, void* memory) {
-    const uint32_t status =
-        next<&tivNnaUdrv_dumpSram>("tivNnaUdrv_dumpSram")(device, sram_address, size, memory);
-    if (current)
-        current->platform_called(status);
-    return status;
+    return pass_on<&tivNnaUdrv_dumpSram>("tivNnaUdrv_dumpSram", device, sram_address, size, memory);
 }

@@ -268,9 +268,10 @@ class Replays(RecorderTest):
 
     def test_options_that_make_no_sense(self):
         for words, sentence in [
-            (["none"], "none: cannot open the file (No such file or directory)"),
+            (["none", self.file, "--quiet"], "none: cannot open the file (No such file or directory)"),
             ([self.file, "--only", "x"], "--only x: there is no such operator (see kelrt ops)"),
             ([self.file, "--index", "38"], f"--index 38: {self.file} has 38 records, numbered from 0"),
+            (["none"], "none: cannot open the file (No such file or directory)"),
             ([self.file, "--index", "x"], "--index: 'x' is not the number of a record"),
             ([self.file, "--dump", ""], "--dump: the name of a folder is wanted"),
         ]:

@@ -97,9 +97,9 @@ std::string job_text(const Job& job, const std::string& number, const std::strin
 }  // namespace
 
 void dump(const std::string& folder, const std::string& file, const Record& record) {
-    RecordJob recorded = job_of(record);
     const std::string number = std::to_string(record.index);
     try {
+        const RecordJob recorded = job_of(record);
         npy::OutputFiles files(folder);
         for (size_t i = 0; i < recorded.job.memories.size(); ++i) {
             npy::Array array = recorded.job.memories[i].initial;
@@ -121,6 +121,8 @@ void dump(const std::string& folder, const std::string& file, const Record& reco
         files.commit();
     } catch (const npy::Error& wrong) {
         throw BadInput(std::string("--dump ") + wrong.what());
+    } catch (const BadInput& wrong) {
+        throw BadInput("--dump " + file + ": record " + number + ": " + wrong.what());
     }
 }
 

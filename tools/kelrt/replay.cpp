@@ -172,8 +172,11 @@ struct Row {
 
 class Replay {
   public:
-    Replay(const ReplayOptions& options, size_t records)
-        : options_(options), profile_(!options.trace.empty()), progress_(records * options.repeat) {
+    // With what was wrong with files that could not even be read.
+    Replay(const ReplayOptions& options, size_t records, std::vector<std::string> damages)
+        : options_(options),
+          damages_(std::move(damages)),
+          profile_(!options.trace.empty()), progress_(records * options.repeat) {
         report_.begin('{').key("records").begin('[');
     }
 
@@ -211,27 +214,32 @@ class Replay {
         double microseconds = 0;
         try {
             RecordReplay replay(file, record);
-            outcome.not_run = replay.unsafe();
-            for (uint32_t turn = 0; turn < options_.repeat && outcome.not_run.empty(); ++turn) {
-                const Machine::Result result = replay.run();
-                microseconds += result.microseconds;
-                if (options_.profile || !options_.trace.empty())
-                    profile_.add(replay.context(), record.index, result.microseconds);
-                if (outcome.deviations.empty())
-                    outcome.deviations = replay.deviations(result);
-                progress_.step();
-            }
-            if (!options_.dump.empty())
-                dump(options_.dump, file, record);
+            microseconds = run(replay, record, outcome);
         } catch (const BadInput& wrong) {
-            if (!options_.dump.empty())
-                throw;
             outcome.not_run = wrong.what();
         }
+        if (!options_.dump.empty())
+            dump(options_.dump, file, record);
         count(rows_[record.op ? id_of(*record.op) : KEL_RT_NUM_OPS], record, outcome, microseconds);
         count(rows_.back(), record, outcome, microseconds);
         show(file, record, outcome);
         write(file, record, outcome, microseconds);
+    }
+
+    // The time of all turns.
+    double run(RecordReplay& replay, const Record& record, Outcome& outcome) {
+        double microseconds = 0;
+        outcome.not_run = replay.unsafe();
+        for (uint32_t turn = 0; turn < options_.repeat && outcome.not_run.empty(); ++turn) {
+            const Machine::Result result = replay.run();
+            microseconds += result.microseconds;
+            if (options_.profile || !options_.trace.empty())
+                profile_.add(replay.context(), record.index, result.microseconds);
+            if (outcome.deviations.empty())
+                outcome.deviations = replay.deviations(result);
+            progress_.step();
+        }
+        return microseconds;
     }
 
     void count(Row& row, const Record& record, const Outcome& outcome, double microseconds) const {
@@ -368,16 +376,22 @@ int replay(const std::vector<std::string>& files, const ReplayOptions& options) 
     if (!options.only.empty() && !find_operator(options.only))
         throw BadInput("--only " + options.only + ": there is no such operator (see kelrt ops)");
     std::vector<std::unique_ptr<RecordFile>> read;
+    std::vector<std::string> damages;
     size_t records = 0;
     for (const std::string& file : files) {
-        read.push_back(std::make_unique<RecordFile>(file));
-        records += read.back()->records().size();
-        if (options.index && *options.index >= read.back()->records().size() &&
-            read.back()->damages().empty())
-            throw BadInput("--index " + std::to_string(*options.index) + ": " + file + " has " +
-                           std::to_string(read.back()->records().size()) + " records, numbered from 0");
+        try {
+            read.push_back(std::make_unique<RecordFile>(file));
+            records += read.back()->records().size();
+        } catch (const BadInput& wrong) {
+            damages.emplace_back(wrong.what());
+        }
     }
-    Replay replay(options, records);
+    for (const auto& file : read) {
+        if (options.index && *options.index >= file->records().size() && file->damages().empty())
+            throw BadInput("--index " + std::to_string(*options.index) + ": " + file->path() + " has " +
+                           std::to_string(file->records().size()) + " records, numbered from 0");
+    }
+    Replay replay(options, records, std::move(damages));
     for (const auto& file : read)
         replay.add(*file);
     return replay.finish();

@@ -134,6 +134,25 @@ int list_operators(const std::string& name) {
     return 0;
 }
 
+// The exit code of what ends with being asked for: --help, --version.
+std::optional<int> parse(CLI::App& app, int argc, char** argv) {
+    try {
+        app.parse(argc, argv);
+    } catch (const CLI::Success& help) {
+        return app.exit(help);
+    } catch (const CLI::ArgumentMismatch& error) {
+        const std::string what = error.what();
+        const bool of_flag = what.find("flag override") != what.npos;
+        throw tool::BadInput(of_flag ? "--" + what.substr(0, what.find(' ')) + " takes no value" : what);
+    } catch (const CLI::ParseError& error) {
+        if (app.get_subcommands().empty() && !app.remaining().empty())
+            throw tool::BadInput(app.remaining().front() +
+                                 ": there is no such command; there are ops, run, op, replay and check");
+        throw tool::BadInput(error.what());
+    }
+    return std::nullopt;
+}
+
 int run(int argc, char** argv) {
     CLI::App app("Runs operator contexts on the simulated accelerator.", "kelrt");
     app.require_subcommand(1);
@@ -174,20 +193,8 @@ int run(int argc, char** argv) {
     check->add_option("FILE", checked_file, "job file or file of records")->required();
     add_report_options(*check, check_options);
 
-    try {
-        app.parse(argc, argv);
-    } catch (const CLI::Success& help) {
-        return app.exit(help);
-    } catch (const CLI::ArgumentMismatch& error) {
-        const std::string what = error.what();
-        const bool of_flag = what.find("flag override") != what.npos;
-        throw tool::BadInput(of_flag ? "--" + what.substr(0, what.find(' ')) + " takes no value" : what);
-    } catch (const CLI::ParseError& error) {
-        if (app.get_subcommands().empty() && !app.remaining().empty())
-            throw tool::BadInput(app.remaining().front() +
-                                 ": there is no such command; there are ops, run, op, replay and check");
-        throw tool::BadInput(error.what());
-    }
+    if (const auto code = parse(app, argc, argv))
+        return *code;
     g_log_lvl = kLogLevels.at(replay->parsed() ? replay_log : log);
     if (check->parsed())
         return tool::check_file(checked_file, check_options.report);

@@ -176,7 +176,8 @@ class Replay {
     Replay(const ReplayOptions& options, size_t records, std::vector<std::string> damages)
         : options_(options),
           damages_(std::move(damages)),
-          profile_(!options.trace.empty()), progress_(records * options.repeat) {
+          profile_(!options.trace.empty()),
+          progress_(records * options.repeat) {
         report_.begin('{').key("records").begin('[');
     }
 

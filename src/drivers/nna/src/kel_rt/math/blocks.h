@@ -35,6 +35,11 @@ struct Watching {
     static constexpr bool divides = with_division;
 };
 
+// What follows a stretch where nothing does.
+struct NothingFollows {
+    void operator()(size_t, size_t) const {}
+};
+
 // `count` vectors of the backend's lanes, from consecutive elements. Narrow integers come and go eight at a
 // time.
 template <size_t count>

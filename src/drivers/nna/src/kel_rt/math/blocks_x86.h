@@ -140,11 +140,6 @@ template <int n, size_t count, class When, class Function, class Then, class To,
 template <class When>
 constexpr size_t kInFlight = std::is_same_v<When, Below> ? (kWidest == 16 ? 8 : 6) : 4;
 
-// What follows a stretch where nothing does.
-struct NothingFollows {
-    void operator()(size_t, size_t) const {}
-};
-
 // Whether the output is beyond all caches and goes past them: 8 million sums take three quarters of the time.
 // Not where the caches have it anyway, as an operand or for what follows, and not for long chains, which are
 // no faster, and slower if compilers get them twice.

@@ -28,6 +28,7 @@ struct sigaction before[64];  // by signal: who handled it before us
 // The context that runs; null titles mean none.
 const char* volatile site_file;
 const char* volatile site_title;
+const char* volatile site_label;
 volatile size_t site_index;
 
 void say(const char* text) {
@@ -63,6 +64,11 @@ void on_crash(int signal, siginfo_t* info, void*) {
             say("]: ");
         }
         say(title);
+        if (*site_label) {
+            say(" (");
+            say(site_label);
+            say(")");
+        }
         say(" brought the tool down\n");
     }
     npy::remove_unfinished_files();
@@ -111,7 +117,9 @@ void end_out_of_memory() {
     ::_exit(2);
 }
 
-CrashSite::CrashSite(const std::string& file, size_t index, const std::string& title) {
+CrashSite::CrashSite(const std::string& file, size_t index, const std::string& title,
+                     const std::string& label) {
+    site_label = label.c_str();
     site_file = file.c_str();
     site_index = index;
     site_title = title.c_str();

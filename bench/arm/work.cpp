@@ -27,10 +27,10 @@ struct Buffers {
     }
 };
 
-// The product of 8 x n / 8 / columns and n / 8 / columns x columns.
-void matmul(Buffers& x, uint32_t n, uint32_t columns) {
-    const auto inner = static_cast<int32_t>(n / 8 / columns), cols = static_cast<int32_t>(columns);
-    kelRt_matmul(x.a.data(), x.b.data(), x.out.data(), 8, inner, inner, cols, 0, 0);
+// The product of `rows` rows and `columns` columns, in n multiply-adds.
+void matmul(Buffers& x, uint32_t n, int32_t rows, int32_t columns) {
+    const int32_t inner = static_cast<int32_t>(n) / rows / columns;
+    kelRt_matmul(x.a.data(), x.b.data(), x.out.data(), rows, inner, inner, columns, 0, 0);
 }
 
 // "cpu_ewop_add" of four floats in CPU buffers, n times.
@@ -89,10 +89,11 @@ const Row kRows[] = {
     {"instance norm", "element", ON_BUFFERS(kelRt_instanceNorm(OUT, A, n, 0.7f, 0.3f, nullptr))},
     {"feature norm", "element", ON_BUFFERS(kelRt_featurenorm(A, n, B, C, 64, OUT))},
     {"add", "element", ON_BUFFERS(kelRt_ewopAdd(OUT, A, B, n, nullptr))},
-    {"matmul, 16 columns", "multiply-add", ON_BUFFERS(matmul(x, n, 16))},
-    {"matmul, 8 columns", "multiply-add", ON_BUFFERS(matmul(x, n, 8))},
-    {"matmul, 4 columns", "multiply-add", ON_BUFFERS(matmul(x, n, 4))},
-    {"matmul, 1 column", "multiply-add", ON_BUFFERS(matmul(x, n, 1))},
+    {"matmul, 16 columns", "multiply-add", ON_BUFFERS(matmul(x, n, 8, 16))},
+    {"matmul, 8 columns", "multiply-add", ON_BUFFERS(matmul(x, n, 8, 8))},
+    {"matmul, 4 columns", "multiply-add", ON_BUFFERS(matmul(x, n, 8, 4))},
+    {"matmul, 1 column", "multiply-add", ON_BUFFERS(matmul(x, n, 8, 1))},
+    {"matmul, 1 row", "multiply-add", ON_BUFFERS(matmul(x, n, 1, 64))},
     {"transposition, 32 columns", "element", ON_BUFFERS(transpose(A, 32, static_cast<int32_t>(n / 32)))},
     {"hw32 to linear, lines of 64", "element",
      ON_BUFFERS(kelRt_hw32FmtConvParam(reinterpret_cast<uint8_t*>(OUT), reinterpret_cast<uint8_t*>(A), n, 0,

@@ -110,7 +110,7 @@ Bytes convert_lines(Bytes area, size_t dst, size_t src, uint32_t size, uint32_t 
 TEST(Hw32Kernel, ConvertsWholeLinesAndLeavesTheRest) {
     // In place, more lines than are converted at once, and lines longer than that.
     std::vector<std::pair<uint32_t, uint32_t>> cases = {
-        {3, 5000}, {64, 130 * 64 + 7}, {1000, 9003}, {5000, 10001}};
+        {1, 500}, {3, 5000}, {64, 130 * 64 + 7}, {1000, 9003}, {5000, 10001}};
     for (uint32_t L = 0; L <= 64; ++L)
         for (const uint32_t size : {0u, 1u, L - (L > 0), L, L + 1, 2 * L, 3 * L + L / 2, 7 * L, 15 * L + 5})
             cases.emplace_back(L, size);

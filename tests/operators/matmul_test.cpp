@@ -146,6 +146,41 @@ TEST(Matmul, EqualsTheOrderedSum) {
     }
 }
 
+// Where a unit that flushes subnormals, rounds to nearest and makes one NaN would differ, and right beside.
+TEST(Matmul, NextToWhatVectorUnitsMayDo) {
+    const float inf = INFINITY, most = 0x1.FFFFFEp127f, subnormal = 0x1p-149f;
+    const struct {
+        float a[2], b[2];  // along k, over and over
+    } rows[] = {
+        {{0x1p-51f, 0x1p-51f}, {0x1.000002p-52f, -0x1p-52f}},  // products of 2^-103 that leave 2^-126
+        {{0x1p-52f, 0x1p-52f}, {0x1.000002p-52f, -0x1p-52f}},  // and half of that
+        {{0x1.000002p-100f, 0x1.000002p-100f}, {0x1p-4f, -0x1p-4f}},
+        {{1, -1}, {0x1.000002p-126f, 0x1p-126f}},
+        {{0x1p-126f, 0x1p-126f}, {0x1.000002p23f, -0x1p23f}},
+        {{subnormal, 0}, {0x1p100f, 0x1p30f}},
+        {{1, 0}, {0x1p-23f, -subnormal}},
+        {{inf, inf}, {subnormal, 1}},
+        {{-inf, 0}, {1, 3}},
+        {{0, -0.0f}, {-1, 1}},
+        {{0, 0}, {subnormal, inf}},
+        {{most, 1}, {2, 1}},
+        {{most, most}, {1, 0x1p-24f}},  // half of the last bit beyond
+        {{most, -most}, {2, 2}},
+        {{1, floats::from_bits(0x7FC12345)}, {1, 1}},
+        {{1, 0x1.8p-24f}, {1, 1}},  // rounded up to nearest and upward, not toward zero
+    };
+    for (const auto& row : rows)
+        for (const Shape& s : {Shape{5, 2, 6}, Shape{9, 7, 13}, Shape{1, 6, 9}, Shape{6, 6, 1}}) {
+            Floats a(s.m * s.k), b(s.k * s.n);
+            for (size_t i = 0; i < a.size(); ++i)
+                a[i] = row.a[i % s.k % 2];
+            for (size_t i = 0; i < b.size(); ++i)
+                b[i] = row.b[i / s.n % 2];
+            for (const mode::Word callers : mode::kScalar)
+                expect_product(s, a, b, s.k % 8, callers);
+        }
+}
+
 TEST(Matmul, SpecialElementsAmongOrdinaryOnes) {
     floats::Random random(1);
     for (const Shape& s : {Shape{14, 70, 36}, Shape{3, 300, 20}, Shape{1, 130, 70}}) {

@@ -149,6 +149,25 @@ TEST(InstanceNorm, RoundsLongSumsAfterEveryElement) {
     expect_instance_norm(Floats(70000, 0.1f));
 }
 
+// That rounding to double before rounding to single makes no difference to them relies on this. A square is
+// as one of these integers is; it is added to a sum whose last bit is 2^j, and to double rounds at 2^(j -
+// 29).
+TEST(InstanceNorm, NoSquareLiesNextToTheMiddleOfTwoSums) {
+    for (uint64_t significand = 1 << 23; significand < 1 << 24; ++significand) {
+        const uint64_t square = significand * significand;
+        uint64_t same =
+            ~(square ^ square >> 1);  // bits equal to the next, then 2, 4, 8, 16, 27 of them in a row
+        for (const int further : {1, 2, 4, 8, 11})
+            same &= same >> further;
+        if (same == 0)
+            continue;
+        for (int j = 30; j < 50; ++j) {
+            const int64_t beyond = static_cast<int64_t>(square % (1ull << j)) - (1ll << (j - 1));
+            EXPECT_TRUE(beyond == 0 || std::abs(beyond) > 1ll << (j - 30)) << significand << ' ' << j;
+        }
+    }
+}
+
 TEST(InstanceNorm, OfNextToNoDeviation) {
     Floats one = {123.5f};
     EXPECT_EQ(kelRt_instanceNorm(one.data(), one.data(), 1, 3, 0.25f, nullptr), NNA_STATUS_OK);

@@ -6,7 +6,9 @@
 #include <algorithm>
 #include <cstdarg>
 #include <cstring>
+#include <latch>
 #include <sstream>
+#include <thread>
 
 #include "support/probe.h"
 #include "support/rig.h"
@@ -353,6 +355,37 @@ TEST_P(Operators, GiveWhatTheKernelGivesFromEitherKindOfMemory) {
                               direct.memories[memid].size()),
                   0)
             << "buffer " << memid;
+}
+
+// Each thread on memories of its own, all operators in another order: the library keeps nothing that one call
+// could leave for another.
+TEST(AllOperators, GiveTheSameSideBySide) {
+    constexpr size_t kThreads = 8, kRounds = 20;
+    const auto results = [](const Operator& op) {
+        Bench bench(op);
+        std::vector<Bytes> views;
+        if (bench.run(op.id, op.args) == NNA_STATUS_OK)
+            for (uint32_t memid = 0; memid < op.bytes.size(); ++memid)
+                views.push_back(bench.view(memid));
+        return views;
+    };
+    std::vector<std::vector<Bytes>> alone;
+    for (const Operator& op : kOperators)
+        alone.push_back(results(op));
+    std::vector<size_t> equal(kThreads);
+    std::latch start(kThreads);
+    std::vector<std::thread> threads;
+    for (size_t t = 0; t < kThreads; ++t)
+        threads.emplace_back([&, t] {
+            start.arrive_and_wait();
+            for (size_t i = 0; i < kRounds * std::size(kOperators); ++i) {
+                const size_t row = (i * (t + 1) + t) % std::size(kOperators);
+                equal[t] += !alone[row].empty() && results(kOperators[row]) == alone[row];
+            }
+        });
+    for (std::thread& thread : threads)
+        thread.join();
+    EXPECT_EQ(equal, std::vector<size_t>(kThreads, kRounds * std::size(kOperators)));
 }
 
 TEST_P(Operators, SurviveEveryFailingCall) {

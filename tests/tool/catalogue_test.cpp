@@ -103,6 +103,8 @@ const char* const kExamples[] = {
     "cpu_lstm_states_cpu_activation_cifg out:12 cell:12 gates:48 n=3",
     "cpu_copy_fmt_conv out:20 out_tot_bits=0xFFFFFFFF out_frac_bits=0 out_scale=1 in:10 inp_tot_bits=16 "
     "inp_frac_bits=0 inp_scale=1 count=5",
+    "cpu_copy_fmt_conv out:20 out_tot_bits=0xFFFFFFFF out_frac_bits=0 out_scale=1 in:20 inp_tot_bits=32 "
+    "inp_frac_bits=0 inp_scale=1 count=5",
     "cpu_copy_fmt_conv out:5 out_tot_bits=8 out_frac_bits=0 out_scale=1 in:20 inp_tot_bits=0xFFFFFFFF "
     "inp_frac_bits=0 "
     "inp_scale=1 count=5",
@@ -132,6 +134,8 @@ const char* const kExamples[] = {
     "cpu_matmul a:24 b:60 c:40 aRows=3 aCols=2 bRows=5 bCols=3 transA=1 transB=1",
     "cpu_matmul a:24 b:324 c:72 aRows=2 aCols=3 bRows=9 bCols=9 transA=0 transB=1",
     "cpu_matmul a:24 b:0 c:0 aRows=3 aCols=2 bRows=3 bCols=0 transA=1 transB=0",
+    "cpu_matmul a:0 b:0 c:0 aRows=2 aCols=3 bRows=3 bCols=0 transA=0 transB=0",
+    "cpu_matmul a:0 b:0 c:0 aRows=0 aCols=3 bRows=3 bCols=5 transA=0 transB=0",
     "cpu_matmul a:0 b:60 c:0 aRows=0xFFFFFFFF aCols=3 bRows=5 bCols=3 transA=0 transB=1",
     "cpu_matmul a:12 b:12 c:36 aRows=1 aCols=3 bRows=3 bCols=1 transA=1 transB=1",
     "cpu_featurenorm in:36 total=11 mean:12 var:12 featureLen=3 out:36",
@@ -152,6 +156,7 @@ std::string lstm_norm(int parameters, int cell, const std::string& flags) {
 std::vector<std::string> examples() {
     std::vector<std::string> all(std::begin(kExamples), std::end(kExamples));
     all.push_back(lstm_norm(0, 0, "cifg=1 cpuActivation=0 gateNorm=0 perGateNorm=1 cellNorm=0"));
+    all.push_back(lstm_norm(0, 0, "cifg=0 cpuActivation=0 gateNorm=1 perGateNorm=0 cellNorm=0"));
     all.push_back(lstm_norm(0, 16, "cifg=0 cpuActivation=0 gateNorm=0 perGateNorm=0 cellNorm=1"));
     all.push_back(lstm_norm(28, 0, "cifg=0 cpuActivation=1 gateNorm=1 perGateNorm=1 cellNorm=0"));
     all.push_back(lstm_norm(28, 0, "cifg=1 cpuActivation=1 gateNorm=1 perGateNorm=1 cellNorm=0"));

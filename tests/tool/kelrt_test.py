@@ -22,9 +22,10 @@ import unittest
 KELRT = []
 JOBS = pathlib.Path(__file__).resolve().parents[2] / "examples" / "jobs"
 # A sanitizer's verdict must not pass for a failed context.
-ENVIRONMENT = dict(os.environ, ASAN_OPTIONS="exitcode=99", UBSAN_OPTIONS="exitcode=99")
+ENVIRONMENT = dict(os.environ, TERM="xterm", ASAN_OPTIONS="exitcode=99", UBSAN_OPTIONS="exitcode=99",
+                   TSAN_OPTIONS="exitcode=99")
 SANITIZED = os.environ.get("KELRT_SANITIZED") == "1"
-CODES = {"f4": "f", "i4": "i", "i2": "h", "i1": "b", "u1": "B"}
+CODES = {"f4": "f", "i4": "i", "i2": "h", "i1": "b", "u1": "B", "f8": "d"}
 
 
 def npy(dtype, shape, values):
@@ -87,6 +88,10 @@ def with_args(*args, op="cpu_ewop_add"):
     return add_job(contexts=[{"op": op, "args": list(args)}])
 
 
+def with_names(label=None, op="cpu_ewop_add", **args):
+    return add_job(contexts=[dict({"op": op, "args": args}, **({"label": label} if label else {}))])
+
+
 def with_memory(description):
     return add_job(memories=dict(add_job()["memories"], w=description))
 
@@ -127,6 +132,7 @@ class Refusals(KelrtTest):
             (with_memory(memory([2**31, 2**31, 2**31])), "...memories.w.shape: a memory of shape (2147483648, "),
             (with_memory(memory([1] * 33)), "memories.w.shape: a shape has at most 32 dimensions"),
             (with_memory(memory([2**29 - 48], "u1")) | {"contexts": 1}, "contexts: a list is wanted here"),
+            (add_job(memories={"w": memory([2**29], "u1")}, contexts=1), "contexts: a list is wanted here"),
             (with_memory(memory([2**29 - 47], "u1")), "memories.w: the memories take more than 512 MiB together"),
             (with_memory(memory([2**29 - 48], "u1")) | {"sram": memory([1], "u1")},
              "sram: the memories take more than 512 MiB together"),
@@ -137,18 +143,20 @@ class Refusals(KelrtTest):
                                    ("i2", "0x10000"), ("i1", 128), ("i1", -129), ("u1", 256), ("u1", -1),
                                    ("u1", "0x100"))),
             (with_memory(memory([1], "f4", values=[None])), "...memories.w.values[0]: " + VALUE),
-            *((add_job(memories={name: memory()}), f"...{shown}: a memory's name is made of letters")
-              for name, shown in (("../w", "../w"), ("sram", "sram"), ("-w", "-w"), ("w\0\n", "w??"), ("", "memories."),
-                                  ("w" * 101, "w" * 101), ("w" * 3000000, "w"))),
+            (add_job(memories={"sram": memory()}, sram=memory()), "sram: a memory has the name sram too"),
             (with_memory({"npy": "i4.npy\0"}), "memories.w.npy: a file's name has no NUL in it"),
             (with_memory({"npy": "none.npy"}),
              "memories.w.npy: none.npy: cannot open the file (No such file or directory)"),
             (with_memory({"npy": "cut.npy"}),
              "memories.w.npy: cut.npy: shape (2,) of f4 needs 8 bytes of elements and the file has 7"),
             (with_memory({"npy": "i4.npy", "dtype": "f4"}), "memories.w.dtype: the file i4.npy holds i4"),
+            (with_memory({"npy": "f8.npy", "dtype": "i4"}),
+             "memories.w.npy: f8.npy: elements of type '<f8' become f4, not i4"),
+            (with_memory({"npy": "f8.npy", "shape": [1]}), "memories.w.shape: the file f8.npy has shape (8,)"),
             (with_memory({"npy": "i4.npy", "shape": [3]}), "memories.w.shape: the file i4.npy has shape (2,)"),
             (with_memory({"npy": "i4.npy", "values": []}), "memories.w.values: a memory has either a file or values"),
             (add_job(sram=memory([17], "u1", base=2**32 - 16)), "sram: the SRAM reaches beyond 32-bit addresses"),
+            (add_job(sram=memory([16], "u1", base=2**32 - 16), contexts=1), "contexts: a list is wanted here"),
             # operators and arguments
             (with_args(Z, X, Y, 4, op="cpu_add"), "contexts[0].op: there is no operator cpu_add (see kelrt ops)"),
             (with_args(Z, X, Y, 4, op=19), "contexts[0].op: there is no operator 19 (see kelrt ops)"),
@@ -164,6 +172,7 @@ class Refusals(KelrtTest):
             (with_args(Z, X, Y, 4.0), "contexts[0].args[3]: " + U32),
             (with_args(Z, X, Y, 2**32), "contexts[0].args[3]: " + U32),
             (with_args(Z, X, Y, "0x100000000"), "contexts[0].args[3]: " + U32),
+            (with_args(Z, X, Y, "0x000000004"), "contexts[0].args[3]: " + U32),
             (with_args(Z, X, Y, "4"), "contexts[0].args[3]: " + U32),
             (with_args(*one_hot[:3], {"flt": 1e39}, {"flt": 0}, op=3), "contexts[0].args[3].flt: " + FLOAT),
             (with_args(*one_hot[:3], {"flt": "1"}, {"flt": 0}, op=3), "contexts[0].args[3].flt: " + FLOAT),
@@ -183,8 +192,8 @@ class Refusals(KelrtTest):
             (with_args(Z, X, {"mem": "z", "offset": 4}, 3),
              "contexts[0].args[2]: b and out of cpu_ewop_add both touch bytes 4 to 11 of memory z; they may begin at "
              "the same byte, or lie apart"),
-            (with_args(X, {"mem": "x", "offset": 4}, 5, op="cpu_split"),
-             "contexts[0].args[1]: out and in of cpu_split both touch bytes 4 to 4 of memory x; they must lie apart"),
+            (with_args({"mem": "x", "offset": 8}, {"mem": "x", "offset": 11}, 4, op="cpu_split"),
+             "contexts[0].args[1]: out and in of cpu_split both touch bytes 11 to 11 of memory x; they must lie apart"),
             (with_args(Z, {"mem": "y", "offset": 12}, X, 4, op="cpu_embedding"),
              "contexts[0].args[1]: index of cpu_embedding is 40 and memory x has 1 row"),
             (dict(with_args(0, 0, 1, 17, Z, op=17), sram=memory([16], "u1")),
@@ -192,6 +201,15 @@ class Refusals(KelrtTest):
             (with_args(0, 4, 4, 1, Z, op="nna_sram_get"), 'contexts[0].op: nna_sram_get needs the job to have "sram"'),
             (dict(with_args(0, 4, 4, 1, {"mem": None}, op=17), sram=memory([16], "u1")),
              "contexts[0].args[4]: mem of nna_sram_get must be a memory"),
+            # arguments by name, labels
+            (with_names(a=X, b=Y, n=4), "contexts[0].args: the argument out of cpu_ewop_add is missing"),
+            (with_names(out=Z, a=X, b=Y, n=4, m=5),
+             "contexts[0].args.m: cpu_ewop_add has no such argument; it has out, a, b, n"),
+            (with_names(out=Z, a=X, b=Y, n=5),
+             "contexts[0].args.out: out of cpu_ewop_add needs 20 bytes from offset 0 and memory z has 16"),
+            (with_names("sum", out=Z, a=X, b=Y, n=-1), "contexts[0] (sum).args.n: " + U32),
+            (add_job(contexts=[{"op": 4, "args": [], "label": 7}]), "...contexts[0].args: cpu_ewop_add takes 4"),
+            (add_job(contexts=[dict(add_job()["contexts"][0], label=7)]), "contexts[0].label: a text is wanted here"),
             # outputs
             (add_job(outputs=["v"]), "outputs[0]: there is no memory v"),
             (add_job(outputs=["sram"]), "outputs[0]: there is no memory sram"),
@@ -206,6 +224,7 @@ class Refusals(KelrtTest):
 
         (self.folder / "cut.npy").write_bytes(npy("f4", [2], [1, 2])[:-1])
         (self.folder / "i4.npy").write_bytes(npy("i4", [2], [1, 2]))
+        (self.folder / "f8.npy").write_bytes(npy("f8", [1], [1]))
         for job, sentence in refused:
             with self.subTest(sentence=sentence):
                 prefix = "" if sentence.startswith("...") else "job.json: "
@@ -217,9 +236,10 @@ class Refusals(KelrtTest):
         (self.folder / "many.json").write_text(json.dumps(add_job(contexts=add_job()["contexts"] * 67)))
         os.mkfifo(self.folder / "pipe")
         repeat = "is not a whole number from 1 to 1000000"
+        wide_kernel = "rows=1 cols=3 channels=1 kernelHeight=1 kernelWidth=5 filters=1 rowStride=0 colStride=0x7FFFFFFF"
         lookup = lambda index: ["op", "cpu_embedding", f"index=f4[1]:{index}", "table=f4[9]", "w=4"]
         for words, sentence in [
-            (["walk" * 30000], "...walk: there is no such command; there are ops, run and op"),
+            (["walk" * 30000], "...walk: there is no such command; there are ops, run, op, replay and check"),
             (["run", "pipe"], "pipe: nobody writes into this pipe"),
             (["run", "/dev/zero"], "/dev/zero: this is not JSON: there is a NUL in it"),
             (["op", "cpu_split", "in=pipe", "nbytes=1"], "in=pipe: pipe: nobody writes into this pipe"),
@@ -233,8 +253,10 @@ class Refusals(KelrtTest):
             (lookup(2), "index=f4[1]:2: index of cpu_embedding is 2 and memory table has 2 rows"),
             (lookup("1e9"), "index=f4[1]:1e9: index of cpu_embedding is 1e+09 and memory table has 2 rows"),
             (lookup("0x7FC00000"), "index=f4[1]:0x7FC00000: index of cpu_embedding is nan and memory table has 2 rows"),
+            (["op", "cpu_im2col", "in=u1[3]", *wide_kernel.split()],
+             "in=u1[3]: in of cpu_im2col needs 4294967299 bytes from offset 0 and memory in has 3"),
             ([], "A subcommand is required"),
-            (["walk"], "walk: there is no such command; there are ops, run and op"),
+            (["walk"], "walk: there is no such command; there are ops, run, op, replay and check"),
             (["run"], "JOB is required"),
             (["run", "none.json"], "none.json: cannot open the file (No such file or directory)"),
             (["run", "."], ".: cannot read the file (Is a directory)"),
@@ -264,6 +286,11 @@ class Refusals(KelrtTest):
              "a=none.npy: none.npy: cannot open the file (No such file or directory)"),
             (["op", "cpu_ewop_add", "a=f4[1]", "b=f4[1]", "n=0xFFFFFFFF"],
              "out: the operator needs more than 512 MiB for it"),
+            (["op", "cpu_split", "in=u1[1]", "nbytes=1", f"out.offset={2**29}"],
+             "out: the operator needs more than 512 MiB for it"),
+            (["op", "cpu_split", "in=u1[1]", "nbytes=1", f"out.offset={2**29 - 1}"],
+             "cpu_split: the memories take more than 512 MiB together"),
+            (["op", "cpu_split", "in=u1[1" + ",1" * 32 + "]", "nbytes=1"], "...]: the memory is too large"),
             (["op", "nna_sram_get", "sram_address=0", "row_size=1", "sram_stride=1", "rows=1"],
              "nna_sram_get: the SRAM is missing; it is given as sram=FILE.npy or sram=u1[64]"),
         ]:
@@ -280,6 +307,9 @@ class Refusals(KelrtTest):
             self.assertEqual(result.stderr, "kelrt: job.json: contexts[1].args[1]: index of cpu_embedding is 11 and "
                                             "memory x has 4 rows\n")
             self.assertFalse(self.out.exists())
+        job["memories"]["z"]["values"] = [9] * 4
+        job["contexts"][0] = {"op": "cpu_split", "args": [X, Z, 4]}
+        self.assertEqual(self.run_job(job).returncode, 0)
 
 
 class Runs(KelrtTest):
@@ -287,9 +317,10 @@ class Runs(KelrtTest):
 
     def test_every_way_to_hold_the_memories(self):
         (self.folder / "x.npy").write_bytes(npy("f4", [4], [1, 2, 3, 4]))
+        (self.folder / "f8.npy").write_bytes(npy("f8", [4], [1, 2, 3, 4]))
         x, y, z = add_job()["memories"].values()
         for kind in ("accelerator", "cpu"):
-            for x_memory in (x, {"npy": "x.npy", "dtype": "f4", "shape": [4]}):
+            for x_memory in (x, {"npy": "x.npy", "dtype": "f4", "shape": [4]}, {"npy": "f8.npy", "dtype": "f4"}):
                 memories = {"x": dict(x_memory, kind=kind), "y": y, "z": dict(z, kind=kind)}
                 result = self.run_job(add_job(memories=memories))
                 self.assertEqual((result.returncode, result.stderr), (0, ""), result)
@@ -315,6 +346,48 @@ class Runs(KelrtTest):
         for dtype, (layout, _, expected) in values.items():
             packed = struct.pack("<" + layout, *expected)
             self.assertEqual(self.written()[dtype * 50 + ".npy"][-len(packed):], packed)
+
+    def test_names_of_every_kind(self):
+        """Any memory name, which becomes a file name by one rule; labels and arguments by name; the report."""
+        names = {"": "%", "conv 1/weights:0": "conv 1%2Fweights%3A0", "../w": "%2E.%2Fw", "-w": "%2Dw", "w\0": "w%00",
+                 "\u00e9": "%C3%A9", "w%": "w%25", "sram": "sram", "w" * 200: "", "w" * 201: ""}
+        job = {"memories": {name: memory([1], values=[i]) for i, name in enumerate(names)}, "outputs": list(names),
+               "contexts": [{"op": 4, "label": "sum\n\u00e9", "args": {
+                   "n": 1, "out": {"mem": "w\0"}, "a": {"mem": ""}, "b": {"mem": "-w"}}}]}
+        result = self.run_job(job, "--report", "report.json")
+        self.assertEqual((result.returncode, result.stderr), (0, ""))
+        self.assertRegex(result.stdout, "us  \\(sum\\?\u00e9\\)\n")
+        report = json.loads((self.folder / "report.json").read_text())
+        self.assertEqual([(context["op"], context["label"], context["status"]) for context in report["contexts"]],
+                         [("cpu_ewop_add", "sum\n\u00e9", 1001)])
+        self.assertEqual([(output["memory"], output["values"]) for output in report["outputs"]],
+                         [(name, [3 if name == "w\0" else i]) for i, name in enumerate(names)])
+        files = self.written()
+        self.assertEqual(len(files), len(names))
+        self.assertLessEqual({name + ".npy" for name in names.values() if name}, set(files))
+        quiet = self.run_job(job, "--quiet")
+        self.assertEqual((quiet.returncode, quiet.stdout, quiet.stderr), (0, "", ""))
+
+    def test_a_report_tells_what_failed_and_how_long_it_took(self):
+        job = with_args(Z, {"mem": None}, Y, 4)
+        job["contexts"] = add_job()["contexts"] * 3 + job["contexts"]
+        result = self.run_job(job, "--quiet", "--log", "off", "--report", "r.json", "--profile", "--trace", "t.json")
+        self.assertEqual(result.returncode, 1)
+        self.assertRegex(result.stdout, r"\A  3  cpu_ewop_add .*\nstopped: context 3 failed, no outputs\n\Z")
+        report, trace = (json.loads((self.folder / name).read_text()) for name in ("r.json", "t.json"))
+        self.assertEqual([context["status"] for context in report["contexts"]], [1001] * 3 + [1056])
+        row, = report["profile"]["operators"]
+        self.assertEqual((row["op"], row["calls"], row["bytes"]), ("cpu_ewop_add", 4, 4 * 48))
+        self.assertLessEqual(row["least_us"], row["median_us"])
+        self.assertLessEqual(row["median_us"], row["p99_us"])
+        self.assertLessEqual(row["p99_us"], row["most_us"])
+        self.assertAlmostEqual(row["mean_us"] * 4, row["total_us"], 3)
+        self.assertEqual([(event["ph"], event["name"], event["args"]["context"]) for event in trace["traceEvents"]],
+                         [("X", "cpu_ewop_add", i) for i in range(4)])
+        begins = [event["ts"] for event in trace["traceEvents"]]
+        self.assertEqual(begins, sorted(begins))
+        text = self.run_job(add_job(), "--profile").stdout
+        self.assertRegex(text, r"\ncpu_ewop_add +1 .* 100\.0 %\na memory copy on this machine, .* GB/s\n")
 
     def test_a_failing_context_ends_the_run(self):
         job = with_args(Z, {"mem": None}, Y, 4)
@@ -362,6 +435,7 @@ class Runs(KelrtTest):
                 result = self.kelrt("op", *words.split())
                 self.assertEqual((result.returncode, result.stderr), (0, ""), result)
                 self.assertIn(shown, result.stdout)
+                self.assertEqual("\nsram  " in result.stdout, "nna_sram_set" in words)
         self.kelrt("op", "cpu_ewop_add", "a=x.npy", "b=x.npy", "n=4", "--out", self.out)
         self.assertEqual(self.written(), {"out.npy": npy("f4", [4], [2, 4, 6, 8])})
         result = self.kelrt("op", "cpu_ewop_add", "a=none", "b=f4[4]", "n=4")
@@ -377,7 +451,8 @@ class Runs(KelrtTest):
         add = lambda out, a: {"op": "cpu_ewop_add", "args": [out, a, X, 4]}
         lstm = {"op": "cpu_lstm_states", "args": [at(48), Y, m, 3]}
         overlap = "context 0: a and b overlap in memory m, so that both are read as the transposition leaves them"
-        publishes = "publishing %s publishes all of memory m, operand %s as context 0 left it included"
+        publishes = "publishing %s publishes all of memory m, operand %s of context 0 as that left it included"
+        reads = "context 1: a is read from memory m, where operand b of context 0 lies as that left it"
         for contexts, warnings in [
             ([matmul(m, m, Z, 0, 1)], [overlap]),
             ([matmul(m, at(12), Z, 1, 0)], [overlap]),
@@ -387,15 +462,19 @@ class Runs(KelrtTest):
             ([matmul(m, X, at(16), 1, 0)], ["context 0: " + publishes % ("c", "a")]),
             ([matmul(X, m, at(16), 1, 0)], []),
             ([matmul(X, m, Z, 0, 1), add(at(16), Y)], ["context 1: " + publishes % ("out", "b")]),
-            ([matmul(X, m, Z, 0, 1), add(at(16), m), add(at(16), Y)], []),  # fetched anew in between
+            ([matmul(X, m, Z, 0, 1), add(at(16), m), add(at(16), Y)], [reads]),  # or fetched anew in between
+            ([matmul(X, m, Z, 0, 1), add(m, Y), add(Z, m)], ["context 1: " + publishes % ("out", "b")]),  # or overwritten
             ([lstm], ["context 0: " + publishes % ("out", "gates")]),
         ]:
             for kind in ("accelerator", "cpu"):
                 with self.subTest(contexts=contexts, kind=kind):
                     memories = dict(add_job()["memories"], m=memory([15], kind=kind))
-                    result = self.run_job({"memories": memories, "contexts": contexts})
+                    result = self.run_job({"memories": memories, "contexts": contexts}, "--report", "report.json")
+                    of_kind = "is read" if kind == "cpu" else "publishes"
+                    report = json.loads((self.folder / "report.json").read_text())
+                    self.assertEqual(len(report["warnings"]), result.stderr.count("warning: "))
                     self.assertEqual(result.stderr.splitlines(), ["kelrt: warning: " + warning for warning in warnings
-                                                                  if kind == "accelerator" or "overlap" in warning])
+                                                                  if of_kind in warning or "overlap" in warning])
 
         for op, seen in (("get", "memory mem does not show the rows"),
                          ("set", "the rows are not those of memory mem but what a stale view holds")):
@@ -438,6 +517,7 @@ class Runs(KelrtTest):
             (raw(a0=[2, 0, 4]), 1, "| Context Argument[0] Type Mismatch expected init_to_val actual init_to_mem_idx"),
             (raw(a3=["0xFFFFFF09", 0, 0]), 1, "| Unknown Context Argument[3] Type 9"),
             (raw(a2=[2, 0, 77]), 1, "NNA_SIM_STATUS_UNKNOWN_MEMORY (2001)"),
+            (raw(a2=[2, 0, 2**20 - 1]), 1, "NNA_SIM_STATUS_UNKNOWN_MEMORY (2001)"),
             (raw(a3=[2, 0, "0xFFFFFFFF"]), 1, "| Bad Address Input 0 (nil)"),
             # Fewer records than the operator reads; what is missing is of type "init_none".
             ({"raw": good[:4]}, 1, "| Context Argument[4] Type Mismatch expected init_to_mem_idx actual init_none"),
@@ -448,7 +528,7 @@ class Runs(KelrtTest):
             ({"raw": [[1, 0, -1]]}, 2, "contexts[0].raw[0][2]: " + U32),
             ({"raw": [[2, 0, 2**20]]}, 2, "contexts[0].raw[0][2]: the driver's buffer table ends at memory id 0xFFFFF"),
             ({"raw": [], "op": 4}, 2, "contexts[0].op: a raw context has records only"),
-            ({"null": True, "target": 1}, 2, "contexts[0].target: unknown key; known are null"),
+            ({"null": True, "target": 1}, 2, "contexts[0].target: unknown key; known are null, label"),
             ({"null": 1}, 2, "contexts[0].null: true or false is wanted here"),
         ]:
             with self.subTest(context=context):
@@ -510,22 +590,31 @@ class Endings(KelrtTest):
         memories = {f"m{i}": memory([64], values=[1.23456789e-30] * 64) for i in range(99)}
         (self.folder / "job.json").write_text(
             json.dumps({"memories": memories, "contexts": [], "outputs": list(memories)}))
-        for number in (signal.SIGINT, signal.SIGTERM, signal.SIGHUP, signal.SIGPIPE):
+        def start(number, reaction):  # whatever this process has been told, by nohup say
+            process = self.start("run", "job.json", "--out", self.out, stdout=subprocess.PIPE,
+                                 preexec_fn=lambda: signal.signal(number, reaction))
+            while not (self.out.exists() and any(self.out.iterdir())):
+                time.sleep(0.1)
+            return process
+
+        for number in (signal.SIGINT, signal.SIGTERM, signal.SIGHUP, signal.SIGPIPE, signal.SIGALRM, signal.SIGUSR1):
             with self.subTest(signal=number):
-                process = self.start("run", "job.json", "--out", self.out, stdout=subprocess.PIPE)
-                while not (self.out.exists() and any(self.out.iterdir())):
-                    time.sleep(0.1)
+                process = start(number, signal.SIG_DFL)
                 if number == signal.SIGPIPE:
                     process.stdout.close()
                 else:
                     process.send_signal(number)
                 self.assertEqual(process.wait(60), -number)
                 self.assertFalse(self.out.exists())
+        process = start(signal.SIGHUP, signal.SIG_IGN)
+        process.send_signal(signal.SIGHUP)
+        process.communicate()
+        self.assertEqual((process.returncode, len(self.written())), (0, 99))
 
     def test_sets_of_outputs_do_not_mix(self):
         self.out.mkdir()
         ours = os.open(self.out, os.O_RDONLY)
-        fcntl.flock(ours, fcntl.LOCK_EX)  # as another run does
+        fcntl.flock(ours, fcntl.LOCK_SH)  # another run would not even share
         (self.folder / "job.json").write_text(json.dumps(add_job()))
         process = self.start("run", "job.json", "--out", self.out, stdout=subprocess.DEVNULL)
         time.sleep(1)
@@ -554,6 +643,17 @@ class Endings(KelrtTest):
         self.assertIn(result.returncode, (-signal.SIGSEGV, 99))
         self.assertTrue(result.stderr.startswith("kelrt: job.json: contexts[1]: cpu_ewop_add brought the tool down\n"))
         self.assertRegex(result.stdout, r"^  0  cpu_ewop_add +NNA_STATUS_OK \(1001\)  .* us\n")
+
+    def test_long_work_shows_a_bar_on_a_terminal(self):
+        (self.folder / "job.json").write_text(json.dumps(add_job(contexts=add_job()["contexts"] * 60)))
+        ours, theirs = pty.openpty()
+        process = self.start("run", "job.json", "--repeat", "1000000", stdout=subprocess.DEVNULL, stderr=theirs)
+        shown = b""
+        while b" of 60000000" not in shown:
+            shown += os.read(ours, 1000)
+        process.kill()
+        process.wait()
+        self.assertRegex(shown, rb"^\r\[#*\.+\] \d+ of 60000000")
 
     def test_errors_appear_once_on_a_terminal(self):
         ours, theirs = pty.openpty()

@@ -40,7 +40,7 @@ class Operands {
             return "";
         }
         const Memory& memory = job_.memories[given_[i].value];
-        const size_t size = memory.initial.bytes.size();
+        const uint64_t size = memory.size();
         if (!fits(argument.element, memory.initial.type))
             return who(i) + " holds " + (argument.element == Element::Float ? "f4" : "i1 or u1") +
                    " and memory " + memory.name + " is " + npy::name_of(memory.initial.type);
@@ -63,12 +63,12 @@ class Operands {
         const Range clash =
             std::max({common(a_writes, placed(j, b.read_range(values_))),
                       common(b_writes, placed(i, a.read_range(values_))), common(a_writes, b_writes)},
-                     [](Range x, Range y) { return length(x) < length(y); });
+                     [](Range x, Range y) { return x.length() < y.length(); });
         const auto may = [&](Overlap::Kind kind) {
             return op_.may_overlap(i + kFirstArgument, j + kFirstArgument, kind, values_);
         };
         const bool as_same = may(Overlap::AsSame);
-        if (length(clash) == 0 || may(Overlap::Anyhow) || (as_same && offset(i) == offset(j)))
+        if (clash.length() == 0 || may(Overlap::Anyhow) || (as_same && offset(i) == offset(j)))
             return "";
         return std::string(b.name) + " and " + a.name + " of " + op_.name + " both touch bytes " +
                std::to_string(clash.begin) + " to " + std::to_string(clash.end - 1) + " of memory " +
@@ -76,16 +76,10 @@ class Operands {
                (as_same ? "; they may begin at the same byte, or lie apart" : "; they must lie apart");
     }
 
-    void note_write(size_t i, Job& job) const {
-        const Range writes = op_.arguments[i].written_range(values_);
-        if (given_[i].value != KEL_RT_NO_MEMORY_ID && length(writes) > 0)
-            job.memories[given_[i].value].written = true;
-    }
-
     // Each row is a call of its own, rows of nothing too; of those a job could ask for 2^32.
     std::string check_rows() const {
         const uint32_t rows = values_[5], memory = values_[6];
-        const size_t size = memory == KEL_RT_NO_MEMORY_ID ? 0 : job_.memories[memory].initial.bytes.size();
+        const uint64_t size = memory == KEL_RT_NO_MEMORY_ID ? 0 : job_.memories[memory].size();
         if (rows <= size || values_[3] != 0)
             return "";
         return std::to_string(rows) + " rows of no bytes are more than the memory has bytes";
@@ -97,16 +91,14 @@ class Operands {
     // The SRAM operators ignore their memory's offset.
     uint32_t offset(size_t i) const { return moves_sram(id_of(op_)) ? 0 : given_[i].offset; }
 
-    static uint64_t length(Range range) { return range.end > range.begin ? range.end - range.begin : 0; }
-
     // Bytes of the memory rather than of the operand.
     Range placed(size_t i, Range range) const {
-        return length(range) == 0 ? Range{} : Range{range.begin + offset(i), range.end + offset(i)};
+        return range.length() == 0 ? Range{} : Range{range.begin + offset(i), range.end + offset(i)};
     }
 
     static Range common(Range a, Range b) {
         const Range both = {std::max(a.begin, b.begin), std::min(a.end, b.end)};
-        return length(both) == 0 ? Range{} : both;
+        return both.length() == 0 ? Range{} : both;
     }
 
     const Operator& op_;
@@ -117,50 +109,87 @@ class Operands {
 
 }  // namespace
 
-void check_arguments(const Operator& op, std::span<const KelRtContextArg> arguments, Job& job,
-                     const Complain& complain) {
-    bool good = true;
-    const auto complain_of = [&](size_t i, const std::string& wrong) {
+namespace {
+
+// Passes complaints on, and knows whether there were any.
+class Verdict {
+  public:
+    explicit Verdict(const Complain& complain) : complain_(complain) {}
+
+    void add(size_t argument, const std::string& wrong) {
         if (wrong.empty())
             return;
-        good = false;
-        complain(i, wrong);
-    };
+        good_ = false;
+        complain_(argument, wrong);
+    }
+    bool good() const { return good_; }
+
+  private:
+    const Complain& complain_;
+    bool good_ = true;
+};
+
+}  // namespace
+
+void note_writes(const Operator& op, std::span<const KelRtContextArg> arguments, Job& job) {
+    const std::vector<uint32_t> values = values_of(arguments);
+    for (size_t i = 0; i < arguments.size(); ++i) {
+        const bool is_memory = op.arguments[i].is_memory() && arguments[i].value != KEL_RT_NO_MEMORY_ID;
+        if (is_memory && op.arguments[i].written_range(values).length() > 0)
+            job.memories[arguments[i].value].written = true;
+    }
+}
+
+bool check_types(const Operator& op, std::span<const KelRtContextArg> arguments, const Complain& complain) {
+    Verdict verdict(complain);
     for (size_t i = 0; i < arguments.size(); ++i) {
         const Argument& argument = op.arguments[i];
         if (arguments[i].type != argument.type)
-            complain_of(i, std::string(argument.name) + " of " + op.name + " is " +
+            verdict.add(i, std::string(argument.name) + " of " + op.name + " is " +
                                with_article(argument.type) + " and " + with_article(arguments[i].type) +
                                " is given");
     }
-    if (!good)
-        return;
+    return verdict.good();
+}
+
+bool check_extents(const Operator& op, std::span<const KelRtContextArg> arguments, const Job& job,
+                   const Complain& complain) {
+    Verdict verdict(complain);
     const Operands operands(op, arguments, job);
     if (moves_sram(id_of(op)))
-        complain_of(3, operands.check_rows());
-    std::vector<size_t> memories;
+        verdict.add(3, operands.check_rows());
     for (size_t i = 0; i < arguments.size(); ++i) {
-        if (!op.arguments[i].is_memory())
-            continue;
-        complain_of(i, operands.check_memory(i));
-        memories.push_back(i);
+        if (op.arguments[i].is_memory())
+            verdict.add(i, operands.check_memory(i));
     }
-    if (!good)
-        return;
-    for (const size_t j : memories) {
-        for (const size_t i : memories) {
-            if (i < j)
-                complain_of(j, operands.check_overlap(i, j));
+    return verdict.good();
+}
+
+bool check_overlaps(const Operator& op, std::span<const KelRtContextArg> arguments, const Job& job,
+                    const Complain& complain) {
+    Verdict verdict(complain);
+    const Operands operands(op, arguments, job);
+    for (size_t j = 0; j < arguments.size(); ++j) {
+        for (size_t i = 0; i < j; ++i) {
+            if (op.arguments[i].is_memory() && op.arguments[j].is_memory())
+                verdict.add(j, operands.check_overlap(i, j));
         }
     }
+    return verdict.good();
+}
+
+void check_arguments(const Operator& op, std::span<const KelRtContextArg> arguments, Job& job,
+                     const Complain& complain) {
+    if (!check_types(op, arguments, complain) || !check_extents(op, arguments, job, complain))
+        return;
+    check_overlaps(op, arguments, job, complain);
     check_lookups(op, arguments, job, complain, [&](const KelRtContextArg& argument) -> std::optional<float> {
         const Memory& memory = job.memories[argument.value];
         float index;
         std::memcpy(&index, memory.initial.bytes.data() + argument.offset, sizeof index);
         return memory.written ? std::nullopt : std::optional(index);
     });
-    for (const size_t i : memories)
-        operands.note_write(i, job);
+    note_writes(op, arguments, job);
 }
 
 void check_lookups(const Operator& op, std::span<const KelRtContextArg> arguments, const Job& job,
@@ -173,7 +202,7 @@ void check_lookups(const Operator& op, std::span<const KelRtContextArg> argument
         if (arguments[i].value == KEL_RT_NO_MEMORY_ID || table.value == KEL_RT_NO_MEMORY_ID || row_bytes == 0)
             continue;
         const Memory& memory = job.memories[table.value];
-        const uint64_t rows = (memory.initial.bytes.size() - table.offset) / row_bytes;
+        const uint64_t rows = (memory.size() - table.offset) / row_bytes;
         const std::optional<float> at = index(arguments[i]);
         if (!at || row_of(*at) < rows)
             continue;

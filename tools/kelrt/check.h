@@ -20,6 +20,17 @@ using Complain = std::function<void(size_t argument, const std::string& what)>;
 void check_arguments(const Operator& op, std::span<const KelRtContextArg> arguments, Job& job,
                      const Complain& complain);
 
+// The parts of it: types alone; then, of arguments whose types are right, whether each operand has the bytes
+// that will be touched; and whether any lies over another that must not. True: nothing was wrong.
+bool check_types(const Operator& op, std::span<const KelRtContextArg> arguments, const Complain& complain);
+bool check_extents(const Operator& op, std::span<const KelRtContextArg> arguments, const Job& job,
+                   const Complain& complain);
+bool check_overlaps(const Operator& op, std::span<const KelRtContextArg> arguments, const Job& job,
+                    const Complain& complain);
+
+// Notes what a context writes.
+void note_writes(const Operator& op, std::span<const KelRtContextArg> arguments, Job& job);
+
 // The float at the start of an argument's operand; none where it is not known yet.
 using Index = std::function<std::optional<float>(const KelRtContextArg& argument)>;
 

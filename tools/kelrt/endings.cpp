@@ -4,6 +4,7 @@
 
 #include <unistd.h>
 
+#include <cerrno>
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
@@ -16,14 +17,18 @@
 namespace tool {
 namespace {
 
-constexpr int kCrashes[] = {SIGSEGV, SIGBUS, SIGFPE, SIGILL, SIGABRT};
-constexpr int kRequests[] = {SIGINT, SIGTERM, SIGHUP, SIGQUIT, SIGPIPE};
+constexpr int kCrashes[] = {SIGSEGV, SIGBUS, SIGFPE, SIGILL, SIGABRT, SIGTRAP, SIGSYS};
+// Whatever else ends a program that knows nothing of it: the user, a lost terminal or reader, a limit, a
+// timer.
+constexpr int kRequests[] = {SIGINT,  SIGTERM, SIGHUP,  SIGQUIT,   SIGPIPE, SIGXCPU,
+                             SIGALRM, SIGUSR1, SIGUSR2, SIGVTALRM, SIGPROF, SIGIO};
 
 struct sigaction before[64];  // by signal: who handled it before us
 
 // The context that runs; null titles mean none.
 const char* volatile site_file;
 const char* volatile site_title;
+const char* volatile site_label;
 volatile size_t site_index;
 
 void say(const char* text) {
@@ -42,9 +47,11 @@ void say(size_t number) {
 }
 
 void on_request(int signal) {
+    const int error = errno;  // of the interrupted code, should whoever comes next go on
     npy::remove_unfinished_files();
     ::sigaction(signal, &before[signal], nullptr);
     ::raise(signal);  // and end as if nobody had interfered
+    errno = error;
 }
 
 void on_crash(int signal, siginfo_t* info, void*) {
@@ -57,6 +64,11 @@ void on_crash(int signal, siginfo_t* info, void*) {
             say("]: ");
         }
         say(title);
+        if (*site_label) {
+            say(" (");
+            say(site_label);
+            say(")");
+        }
         say(" brought the tool down\n");
     }
     npy::remove_unfinished_files();
@@ -105,7 +117,9 @@ void end_out_of_memory() {
     ::_exit(2);
 }
 
-CrashSite::CrashSite(const std::string& file, size_t index, const std::string& title) {
+CrashSite::CrashSite(const std::string& file, size_t index, const std::string& title,
+                     const std::string& label) {
+    site_label = label.c_str();
     site_file = file.c_str();
     site_index = index;
     site_title = title.c_str();

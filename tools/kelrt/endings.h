@@ -17,11 +17,11 @@ void finish_report();
 // anything.
 [[noreturn]] void end_out_of_memory();
 
-// While it lives, a crash is said to be that of context `index` of `file` (empty: of the command line). Both
-// texts must outlive it.
+// While it lives, a crash is said to be that of context `index` of `file` (empty: of the command line), which
+// has a title and, unless that is empty, a label. All texts must outlive it.
 class CrashSite {
   public:
-    CrashSite(const std::string& file, size_t index, const std::string& title);
+    CrashSite(const std::string& file, size_t index, const std::string& title, const std::string& label);
     ~CrashSite();
     CrashSite(const CrashSite&) = delete;
     CrashSite& operator=(const CrashSite&) = delete;

@@ -20,6 +20,12 @@ struct Memory {
     bool on_cpu = false;  // a CPU buffer rather than accelerator memory
     npy::Array initial;
     bool written = false;  // by a context so far: its initial bytes are not what the next one finds
+    bool is_given = true;  // its initial bytes are somebody's, not just zeros
+    // Of a recorded memory, whose bytes are not here: how many it has, and whether the platform knew.
+    uint64_t elsewhere = 0;
+    uint32_t size_status = NNA_STATUS_OK;
+
+    uint64_t size() const { return initial.bytes.size() + elsewhere; }
 };
 
 struct Sram {
@@ -28,8 +34,10 @@ struct Sram {
 };
 
 struct Context {
-    std::string title;  // the operator's name, or what stands for it
-    bool null = false;  // replays a call without a context
+    std::string title;     // the operator's name, or what stands for it
+    std::string label;     // the user's own name for it, if any
+    bool by_name = false;  // its arguments are given by name
+    bool null = false;     // replays a call without a context
     std::vector<KelRtContextArg> args;
     int32_t num_args = 0;
     uint32_t target = KEL_RT_TARGET_CPU;
@@ -38,6 +46,12 @@ struct Context {
     // The operator's own arguments.
     std::span<const KelRtContextArg> own() const { return std::span(args).subspan(kFirstArgument); }
 };
+
+// "context 3", or "context 3 (label)".
+std::string name_of(const Context& context, size_t index);
+
+// The operator that the library runs for a context; null if it refuses the records.
+const Operator* operator_of(const Context& context);
 
 struct Job {
     std::string file;              // empty: from the shell
@@ -48,6 +62,7 @@ struct Job {
     std::vector<Context> contexts;
     std::vector<uint32_t> outputs;  // memory ids
     bool sram_is_output = false;
+    bool is_recorded = false;  // put together from records, which have no SRAM
 
     // Both say whether everything fits into the simulated accelerator.
     [[nodiscard]] bool add_memory(Memory memory);
@@ -55,8 +70,13 @@ struct Job {
     std::optional<uint32_t> find_memory(const std::string& name) const;
 };
 
-// What "sram" is called among the outputs; no memory may have that name.
+// What the SRAM of a job is called among the outputs; no memory of a job that has one may have that name.
 inline constexpr const char* kSramName = "sram";
+
+// The name of a memory's file, without ".npy": letters, digits, '_', '-', '.' and ' ' stand for themselves,
+// but not '.' and '-' at the beginning; other bytes are written %XX, and the end of a long name is a number
+// made of all of it.
+std::string file_name_of(const std::string& memory);
 
 // Bytes of all memories together; the simulated accelerator's capacity.
 inline constexpr uint64_t kMaxBytes = uint64_t{512} << 20;

@@ -256,12 +256,19 @@ std::string Document::path_of(size_t node) const {
     std::string path;
     for (auto way = ways.rbegin(); way != ways.rend(); ++way) {
         const Node& around = nodes_[nodes_[*way].parent];
-        if (around.kind == Kind::List)
+        if (around.kind == Kind::List) {
             append_index(path, *way - around.part.first);
-        else
+            if (const auto label = Json(*this, *way).label())
+                path.append(" (").append(*label).append(")");
+        } else
             append_key(path, text_of(nodes_[*way - 1]));
     }
     return path;
+}
+
+std::optional<std::string_view> Json::label() const {
+    const auto label = is_object() ? find("label") : std::nullopt;
+    return label && label->is_text() ? std::optional(document_->text_of(label->node())) : std::nullopt;
 }
 
 void Json::fail(const std::string& what) const {

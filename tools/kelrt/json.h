@@ -88,6 +88,10 @@ class Json {
     bool truth() const;
 
   private:
+    friend class Document;
+
+    // What an object in a list calls itself, if it does: complaints name it beside its number.
+    std::optional<std::string_view> label() const;
     const Document::Node& node() const { return document_->nodes_[node_]; }
     // Nodes inside an object or list.
     size_t begin() const { return node().part.first; }

@@ -21,6 +21,13 @@ class Machine {
     // into the CPU's view of accelerator memory, which is the library's to make coherent.
     void reset();
 
+    // The same for the CPU's view: what a record holds is what the CPU saw.
+    void show_memories();
+    uint8_t* view(uint32_t memory_id) { return nna_sim_cpu_view(sim_.get(), memory_id); }
+    // The k-th platform call of the next context fails.
+    void fail_call(uint32_t k, uint32_t status) { nna_sim_fail_call(sim_.get(), k, status); }
+    void set_out_shift(uint8_t shift) { instance_.out_shift = shift; }
+
     struct Result {
         uint32_t status;
         double microseconds;  // of the library alone

@@ -1,5 +1,5 @@
 // kelrt: runs operator contexts on the simulated accelerator, from a job file or straight from the shell.
-// Exit codes: 0 all well, 1 a context failed, 2 bad input.
+// Exit codes: 0 all well, 1 a context failed or differs, 2 bad input.
 #include <fcntl.h>
 #include <unistd.h>
 
@@ -8,11 +8,13 @@
 #include <map>
 #include <new>
 
+#include "audit.h"
 #include "bad_input.h"
 #include "endings.h"
 #include "kelRt_platform.h"
 #include "number.h"
 #include "operators.h"
+#include "replay.h"
 #include "run.h"
 #include "shell.h"
 
@@ -25,7 +27,8 @@ A job is a JSON object (all numbers may be bit patterns, "0x3F000000"; negative 
   "memories": {NAME: {"npy": FILE} or {"dtype": "f4", "shape": [2, 3], "values": [...]},
                and "kind": "accelerator" or "cpu"}     ids are 0, 1, ... in this order
   "sram":     {"base": ADDRESS, and "npy" or "dtype" and "shape" as for a memory}
-  "contexts": [{"op": NAME or ID, "args": [{"mem": NAME, "offset": 0}, {"mem": null}, 4, {"flt": 0.5}]}]
+  "contexts": [{"op": NAME or ID, "args": [{"mem": NAME, "offset": 0}, {"mem": null}, 4, {"flt": 0.5}],
+                and "label": any text}]     args may also be an object of arguments by name
   "outputs":  [NAME, ...]
 With --unchecked nothing is compared with the catalogue, and a context may also have
   "raw": [[TYPE, OFFSET, VALUE], ...] instead of op and args: all records, arguments 0 and 1 included; VALUE
@@ -54,17 +57,24 @@ std::optional<uint32_t> read_repetitions(const std::string& text) {
     return static_cast<uint32_t>(*integer);
 }
 
-void add_run_options(CLI::App& command, tool::RunOptions& options, std::string& log) {
+void add_report_options(CLI::App& command, tool::Options& options) {
     const auto not_empty = [](const std::string& text) {
-        return text.empty() ? "the name of a folder is wanted" : "";
+        return text.empty() ? "the name of a file is wanted" : "";
     };
-    command
-        .add_option("--out", options.out,
-                    "folder for the outputs, as NAME.npy; without it they are only shown")
+    command.add_option("--report", options.report, "JSON file for everything that the text shows")
         ->check(not_empty);
-    command.add_option("--log", log, "the library's log: debug, warn, err or off")
-        ->check(CLI::IsMember({"debug", "warn", "err", "off"}))
-        ->capture_default_str();
+}
+
+// What a run and a replay have in common.
+void add_measuring_options(CLI::App& command, tool::Options& options) {
+    add_report_options(command, options);
+    command.add_flag("--quiet", options.quiet, "show what failed, and nothing else")->disable_flag_override();
+    command
+        .add_flag("--profile", options.profile,
+                  "show by operator how often, how long, how many bytes; in the report too")
+        ->disable_flag_override();
+    command.add_option("--trace", options.trace, "file for the calls one by one, as trace viewers read them")
+        ->check([](const std::string& text) { return text.empty() ? "the name of a file is wanted" : ""; });
     const auto repetitions = [](const std::string& text) {
         return read_repetitions(text) ? "" : "'" + text + "' is not a whole number from 1 to 1000000";
     };
@@ -74,6 +84,42 @@ void add_run_options(CLI::App& command, tool::RunOptions& options, std::string& 
             "how often, from the same start; shows least and median times")
         ->check(repetitions)
         ->default_str("1");
+}
+
+void add_log_option(CLI::App& command, std::string& log) {
+    command.add_option("--log", log, "the library's log: debug, warn, err or off")
+        ->check(CLI::IsMember({"debug", "warn", "err", "off"}))
+        ->capture_default_str();
+}
+
+void add_run_options(CLI::App& command, tool::Options& options, std::string& log) {
+    const auto not_empty = [](const std::string& text) {
+        return text.empty() ? "the name of a folder is wanted" : "";
+    };
+    command
+        .add_option("--out", options.out,
+                    "folder for the outputs, as NAME.npy; without it they are only shown")
+        ->check(not_empty);
+    add_log_option(command, log);
+    add_measuring_options(command, options);
+}
+
+void add_replay_options(CLI::App& command, tool::ReplayOptions& options, std::string& log) {
+    add_measuring_options(command, options);
+    add_log_option(command, log);
+    command.add_option("--only", options.only, "only records of this operator, by name or id");
+    command.add_option("--dump", options.dump, "folder for the records as jobs and .npy files")
+        ->check([](const std::string& text) { return text.empty() ? "the name of a folder is wanted" : ""; });
+    const auto index = [](const std::string& text) {
+        const auto number = tool::read_number(text);
+        return number && tool::to_u32(*number) ? "" : "'" + text + "' is not the number of a record";
+    };
+    command
+        .add_option_function<std::string>(
+            "--index",
+            [&](const std::string& text) { options.index = *tool::to_u32(*tool::read_number(text)); },
+            "only the record of this number in its file, from 0")
+        ->check(index);
 }
 
 int list_operators(const std::string& name) {
@@ -88,6 +134,25 @@ int list_operators(const std::string& name) {
     return 0;
 }
 
+// The exit code of what ends with being asked for: --help, --version.
+std::optional<int> parse(CLI::App& app, int argc, char** argv) {
+    try {
+        app.parse(argc, argv);
+    } catch (const CLI::Success& help) {
+        return app.exit(help);
+    } catch (const CLI::ArgumentMismatch& error) {
+        const std::string what = error.what();
+        const bool of_flag = what.find("flag override") != what.npos;
+        throw tool::BadInput(of_flag ? "--" + what.substr(0, what.find(' ')) + " takes no value" : what);
+    } catch (const CLI::ParseError& error) {
+        if (app.get_subcommands().empty() && !app.remaining().empty())
+            throw tool::BadInput(app.remaining().front() +
+                                 ": there is no such command; there are ops, run, op, replay and check");
+        throw tool::BadInput(error.what());
+    }
+    return std::nullopt;
+}
+
 int run(int argc, char** argv) {
     CLI::App app("Runs operator contexts on the simulated accelerator.", "kelrt");
     app.require_subcommand(1);
@@ -95,7 +160,7 @@ int run(int argc, char** argv) {
 
     std::string operator_name, job_file, log = "warn";
     std::vector<std::string> words;
-    tool::RunOptions options;
+    tool::Options options;
     bool unchecked = false;
 
     CLI::App* const ops = app.add_subcommand("ops", "List the operators, or show the arguments of one");
@@ -114,21 +179,27 @@ int run(int argc, char** argv) {
     add_run_options(*op, options, log);
     op->footer(kOpHelp);
 
-    try {
-        app.parse(argc, argv);
-    } catch (const CLI::Success& help) {
-        return app.exit(help);
-    } catch (const CLI::ArgumentMismatch& error) {
-        const std::string what = error.what();
-        const bool of_flag = what.find("flag override") != what.npos;
-        throw tool::BadInput(of_flag ? "--unchecked takes no value" : what);
-    } catch (const CLI::ParseError& error) {
-        if (app.get_subcommands().empty() && !app.remaining().empty())
-            throw tool::BadInput(app.remaining().front() +
-                                 ": there is no such command; there are ops, run and op");
-        throw tool::BadInput(error.what());
-    }
-    g_log_lvl = kLogLevels.at(log);
+    std::vector<std::string> record_files;
+    tool::ReplayOptions replay_options;
+    std::string replay_log = "off";
+    CLI::App* const replay = app.add_subcommand("replay", "Run recorded calls again and compare the results");
+    replay->add_option("FILE", record_files, "files of records, of the recorder")->required();
+    add_replay_options(*replay, replay_options, replay_log);
+
+    std::string checked_file;
+    tool::Options check_options;
+    CLI::App* const check =
+        app.add_subcommand("check", "Say all that is wrong with a job or records, running nothing");
+    check->add_option("FILE", checked_file, "job file or file of records")->required();
+    add_report_options(*check, check_options);
+
+    if (const auto code = parse(app, argc, argv))
+        return *code;
+    g_log_lvl = kLogLevels.at(replay->parsed() ? replay_log : log);
+    if (check->parsed())
+        return tool::check_file(checked_file, check_options.report);
+    if (replay->parsed())
+        return tool::replay(record_files, replay_options);
     if (ops->parsed())
         return list_operators(operator_name);
     return tool::run_job(

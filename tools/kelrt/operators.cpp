@@ -57,17 +57,35 @@ uint64_t format_size(uint32_t total_bits) {
 }
 
 // Float to float copies nothing, but an output it has all the same.
+bool copies_nothing(Values v) {
+    return v[3] == kFloatBits && v[7] == kFloatBits;
+}
+
 Tensor converted(Values v) {
     const bool is_float = v[3] == kFloatBits;
     return is_float ? vector_of(Tensor::Type::Float, v[10])
                     : vector_of(Tensor::Type::Int8, format_size(v[3]) * v[10]);
 }
 
+Range copy_output(Values v) {
+    return {0, copies_nothing(v) ? 0 : converted(v).bytes()};
+}
+
 // The automatic scale looks at the input as floats, whatever its format, four of them at least.
 Range copy_input(Values v) {
-    const uint64_t converts = format_size(v[7]) * v[10];
+    const uint64_t converts = copies_nothing(v) ? 0 : format_size(v[7]) * v[10];
     const uint64_t measures = chooses_scale(2, v) ? uint64_t{4} * std::max(v[10], 4u) : 0;
     return {0, std::max(converts, measures)};
+}
+
+template <int position>
+uint64_t format_bytes(Values v) {
+    return std::max<uint64_t>(format_size(v[position]), 1);
+}
+
+// Lines of 32-bit elements, in either layout.
+uint64_t word(Values) {
+    return 4;
 }
 
 bool copies_in_place(Values v) {
@@ -188,6 +206,23 @@ Tensor sram_tensor(Values v) {
     return matrix_of(Tensor::Type::Like, v[5], v[3], 0);
 }
 
+// ---- results that hang on the maths library ----
+
+// The values of every gate, and of the states, that come last.
+bool in_tail(Values v, uint64_t element) {
+    return v[5] != 0 && element % v[5] >= v[5] - v[5] % 4;
+}
+
+// Through the sum each exponential of the tail is in every element.
+bool through_sum(Values v, uint64_t) {
+    return v[4] % 4 != 0;
+}
+
+// Normalising the cell state spreads its tail likewise.
+bool in_tail_or_normalised(Values v, uint64_t element) {
+    return v[15] ? v[5] % 4 != 0 : in_tail(v, element);
+}
+
 // ---- the arguments ----
 
 using Touch = Range (*)(Values);
@@ -208,6 +243,14 @@ constexpr Argument out(const char* name, Tensor (*tensor)(Values), const char* m
 
 constexpr Argument inout(const char* name, Touch touches, const char* meaning) {
     return {name, KEL_RT_ARG_MEM, Use::InOut, Element::Float, meaning, touches, touches};
+}
+
+// The same with elements of another size than floats and bytes.
+constexpr Argument with_elements(Argument argument, uint64_t (*element_bytes)(Values),
+                                 Touch writes = nullptr) {
+    argument.element_bytes = element_bytes;
+    argument.writes = writes;
+    return argument;
 }
 
 constexpr Argument val(const char* name, const char* meaning) {
@@ -235,11 +278,11 @@ constexpr Argument kLstm[] = {
 };
 
 constexpr Argument kCopyFormat[] = {
-    out("out", converted, "the converted values", Element::Any),
+    with_elements(out("out", converted, "the converted values", Element::Any), format_bytes<3>, copy_output),
     val("out_tot_bits", "8 for fixed point, 0xFFFFFFFF for float"),
     val("out_frac_bits", "fraction bits of the output"),
     val("out_scale", "integer scale of the output; 0 chooses one from the data's range"),
-    in("in", copy_input, "the values to convert", Element::Any),
+    with_elements(in("in", copy_input, "the values to convert", Element::Any), format_bytes<7>),
     val("inp_tot_bits", "8, 16 or 32 for fixed point, 0xFFFFFFFF for float"),
     val("inp_frac_bits", "fraction bits of the input"),
     val("inp_scale", "integer scale of the input"),
@@ -268,15 +311,15 @@ constexpr Argument kSoftmax[] = {
 };
 
 constexpr Argument kHw32[] = {
-    out("out", hw32<hw32_fixed>, "the converted elements", Element::Any),
-    in("in", hw32_fixed, "the elements to convert", Element::Any),
+    with_elements(out("out", hw32<hw32_fixed>, "the converted elements", Element::Any), word),
+    with_elements(in("in", hw32_fixed, "the elements to convert", Element::Any), word),
     val("size", "number of 32-bit elements"),
     val("dir", "0: hw32 to linear; otherwise linear to hw32"),
 };
 
 constexpr Argument kHw32Param[] = {
-    out("out", hw32<hw32_param>, "the converted elements", Element::Any),
-    in("in", hw32_param, "the elements to convert", Element::Any),
+    with_elements(out("out", hw32<hw32_param>, "the converted elements", Element::Any), word),
+    with_elements(in("in", hw32_param, "the elements to convert", Element::Any), word),
     val("size", "number of 32-bit elements"),
     val("dir", "0: hw32 to linear; otherwise linear to hw32"),
     val("nna_out_line_sz", "elements of one hw32 line"),
@@ -377,26 +420,31 @@ constexpr Overlap kProduct[] = {{Overlap::Anyhow, 2, 3}, {Overlap::Anyhow, 2, 4}
 constexpr Overlap kNormalisesInPlace[] = {{Overlap::AsSame, 2, 7}};
 constexpr Lookup kRows[] = {{3, 4, row_bytes}};
 
+constexpr Operator lstm(const char* name, const char* summary, std::span<const Argument> arguments,
+                        bool (*by_maths)(Values, uint64_t) = in_tail) {
+    return {name, summary, arguments, {}, {}, by_maths, true};
+}
+
 constexpr Operator kCatalogue[KEL_RT_NUM_OPS] = {
     {"cpu_onnx_inst_norm", "normalises one channel to zero mean and unit deviation", kInstanceNorm, kOutIsIn},
-    {"cpu_lstm_states", "LSTM state update, gates already activated", kLstm},
+    lstm("cpu_lstm_states", "LSTM state update, gates already activated", kLstm),
     {"cpu_copy_fmt_conv", "copies values from one number format to another", kCopyFormat, kConvertsInPlace},
     {"cpu_onnx_onehot", "sets one element on and the others off", kOneHot},
     {"cpu_ewop_add", "adds two vectors element by element", kAdd, kOutIsAOrB},
-    {"cpu_softmax", "exponentials divided by their sum", kSoftmax, kOutIsIn},
+    {"cpu_softmax", "exponentials divided by their sum", kSoftmax, kOutIsIn, {}, through_sum},
     {"cpu_hw32_fmt_conv", "converts between hw32 lines of 8 elements and linear layout", kHw32, kOutIsIn},
     {"cpu_embedding", "copies one row of a table", kEmbedding, {}, kRows},
-    {"cpu_lstm_states_cpu_activation", "LSTM state update that activates the gates", kLstm},
+    lstm("cpu_lstm_states_cpu_activation", "LSTM state update that activates the gates", kLstm),
     {"cpu_im2col", "lays convolution patches out one after another", kIm2col, kPatches},
     {"cpu_matmul", "multiplies two matrices, either of which may be transposed", kMatmul, kProduct},
     {"cpu_featurenorm", "subtracts a mean from and divides every frame of features", kFeatureNorm,
      kNormalisesInPlace},
     {"cpu_split", "copies bytes", kSplit},
-    {"cpu_lstm_states_cifg", "LSTM state update with coupled gates, already activated", kLstm},
-    {"cpu_lstm_states_cpu_activation_cifg", "LSTM state update with coupled gates that activates them",
-     kLstm},
-    {"cpu_lstm_states_norm_cifg_cpuactv", "LSTM state update that normalises gates and cell state",
-     kLstmNorm},
+    lstm("cpu_lstm_states_cifg", "LSTM state update with coupled gates, already activated", kLstm),
+    lstm("cpu_lstm_states_cpu_activation_cifg", "LSTM state update with coupled gates that activates them",
+         kLstm),
+    lstm("cpu_lstm_states_norm_cifg_cpuactv", "LSTM state update that normalises gates and cell state",
+         kLstmNorm, in_tail_or_normalised),
     {"cpu_hw32_fmt_conv_param", "converts between hw32 lines of any length and linear layout", kHw32Param,
      kOutIsIn},
     {"nna_sram_get", "copies rows from SRAM to a memory", kSramGet},
@@ -412,7 +460,11 @@ uint64_t Tensor::bytes() const {
 }
 
 Range Argument::written_range(Values values) const {
-    return tensor ? Range{0, tensor(values).bytes()} : writes ? writes(values) : Range{};
+    return writes ? writes(values) : tensor ? Range{0, tensor(values).bytes()} : Range{};
+}
+
+uint64_t Argument::alignment(Values values) const {
+    return element_bytes ? element_bytes(values) : element == Element::Float ? 4 : 1;
 }
 
 bool Operator::may_overlap(size_t a, size_t b, Overlap::Kind kind, Values values) const {
@@ -420,6 +472,12 @@ bool Operator::may_overlap(size_t a, size_t b, Overlap::Kind kind, Values values
         const bool meant = (overlap.a == a && overlap.b == b) || (overlap.a == b && overlap.b == a);
         return meant && overlap.kind == kind && (!overlap.holds || overlap.holds(values));
     });
+}
+
+Range Lookup::row(float index_value, Values values) const {
+    const uint64_t size = row_bytes(values);
+    const auto begin = static_cast<uint32_t>(row_of(index_value) * size);  // as the kernel wraps it
+    return {begin, begin + size};
 }
 
 bool chooses_scale(uint32_t operator_id, Values values) {
@@ -439,6 +497,32 @@ const Operator* find_operator(std::string_view name_or_id) {
     const char* const end = name_or_id.data() + name_or_id.size();
     const auto [stop, error] = std::from_chars(name_or_id.data(), end, id);
     return error == std::errc() && stop == end && id < KEL_RT_NUM_OPS ? &kOperators[id] : nullptr;
+}
+
+// Of types the library compares the low byte, and an operator's id is a byte too.
+const Operator* accepted(std::span<const KelRtContextArg> records) {
+    const auto has_type = [&](size_t i, KelRtArgType type) { return (records[i].type & 0xFF) == type; };
+    if (records.size() < kFirstArgument || !has_type(0, KEL_RT_ARG_VAL) || !has_type(1, KEL_RT_ARG_VAL))
+        return nullptr;
+    const uint32_t id = records[1].value & 0xFF;
+    if (id >= KEL_RT_NUM_OPS)
+        return nullptr;
+    const Operator& op = kOperators[id];
+    const size_t count = op.arguments.size();
+    if (records[0].value != count || records.size() < kFirstArgument + count)
+        return nullptr;
+    for (size_t i = 0; i < count; ++i) {
+        if (!has_type(i + kFirstArgument, op.arguments[i].type))
+            return nullptr;
+    }
+    return &op;
+}
+
+uint64_t touched_bytes(const Operator& op, Values values) {
+    uint64_t bytes = 0;
+    for (const Argument& argument : op.arguments)
+        bytes += argument.read_range(values).length() + argument.written_range(values).length();
+    return bytes;
 }
 
 const char* name_of(KelRtArgType type) {

@@ -25,6 +25,8 @@ inline constexpr size_t kFirstArgument = 2;
 // Bytes of an operand, counted from its start.
 struct Range {
     uint64_t begin = 0, end = 0;
+
+    uint64_t length() const { return end > begin ? end - begin : 0; }
 };
 
 // What an output holds: its shape, and its type. Where the operator moves elements without knowing their
@@ -49,11 +51,15 @@ struct Argument {
     Range (*reads)(Values values) = nullptr;
     Range (*writes)(Values values) = nullptr;
     Tensor (*tensor)(Values values) = nullptr;  // of outputs
+    // Bytes of one element where it is not plain floats or bytes. Kernels take operands at any byte; one that
+    // cuts its elements' grid is slow, though, and seldom meant.
+    uint64_t (*element_bytes)(Values values) = nullptr;
 
     bool is_memory() const { return type == KEL_RT_ARG_MEM; }
     bool is_published() const { return use == Use::Output || use == Use::InOut; }
     Range read_range(Values values) const { return reads ? reads(values) : Range{}; }
     Range written_range(Values values) const;
+    uint64_t alignment(Values values) const;
 };
 
 // Two operands may lie over each other although one of them is written: anyhow, or as the same array from the
@@ -69,6 +75,9 @@ struct Overlap {
 struct Lookup {
     uint8_t index, table;
     uint64_t (*row_bytes)(Values values);
+
+    // Bytes of the table that are read for this index, which a row count of 32 bits may wrap.
+    Range row(float index_value, Values values) const;
 };
 
 struct Operator {
@@ -77,6 +86,12 @@ struct Operator {
     std::span<const Argument> arguments;  // without arguments 0 and 1
     std::span<const Overlap> overlaps = {};
     std::span<const Lookup> lookups = {};
+
+    // Whether an element of a result hangs on the C maths library, whose roundings differ from machine to
+    // machine: it serves the elements that do not fill a block of four. Null: none does.
+    bool (*by_maths)(Values values, uint64_t element) = nullptr;
+    // Whether the memories of all arguments are fetched from the accelerator, those only written too.
+    bool fetches_outputs = false;
 
     const Argument& at(size_t position) const { return arguments[position - kFirstArgument]; }
     // Whether two of its arguments, one of which is written, may lie over each other.
@@ -88,6 +103,13 @@ extern const std::span<const Operator, KEL_RT_NUM_OPS> kOperators;
 
 // By name, or by id in decimal; null when there is none.
 const Operator* find_operator(std::string_view name_or_id);
+
+// The operator that the library runs for these records, which begin with arguments 0 and 1; null if it
+// refuses them for their number, types or operator id.
+const Operator* accepted(std::span<const KelRtContextArg> records);
+
+// Bytes that are read and bytes that are written, of all operands.
+uint64_t touched_bytes(const Operator& op, Values values);
 
 inline uint32_t id_of(const Operator& op) {
     return static_cast<uint32_t>(&op - kOperators.data());

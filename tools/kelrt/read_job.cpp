@@ -1,6 +1,5 @@
 // The JSON form of a job. README.md describes it; everything that it does not describe is refused.
 #include <algorithm>
-#include <cctype>
 #include <filesystem>
 #include <set>
 
@@ -10,13 +9,6 @@
 
 namespace tool {
 namespace {
-
-// Names become file names.
-bool is_name(const std::string& text) {
-    const auto good = [](unsigned char c) { return std::isalnum(c) || c == '_' || c == '-' || c == '.'; };
-    return !text.empty() && text.size() <= 100 && text.front() != '.' && text.front() != '-' &&
-           std::all_of(text.begin(), text.end(), good);
-}
 
 class JobReader {
   public:
@@ -28,8 +20,11 @@ class JobReader {
         root.allow_only({"memories", "sram", "contexts", "outputs"});
         if (const auto memories = root.find("memories"))
             read_memories(*memories);
-        if (const auto sram = root.find("sram"))
+        if (const auto sram = root.find("sram")) {
+            if (job_.find_memory(kSramName))
+                sram->fail("a memory has the name sram too");
             read_sram(*sram);
+        }
         const std::vector<Json> contexts = root.at("contexts").elements();
         job_.contexts.reserve(contexts.size());
         for (const Json& context : contexts)
@@ -45,10 +40,6 @@ class JobReader {
     void read_memories(const Json& memories) {
         for (const auto& [key, memory] : memories.members()) {
             const std::string name(key);
-            if (!is_name(name) || name == kSramName)
-                memory.fail(
-                    "a memory's name is made of letters, digits, '_', '-' and '.', begins with none of the "
-                    "last two, and is not \"sram\"");
             memory.allow_only({"npy", "dtype", "shape", "values", "kind"});
             bool on_cpu = false;
             if (const auto kind = memory.find("kind")) {
@@ -56,7 +47,8 @@ class JobReader {
                 if (!on_cpu && kind->text() != "accelerator")
                     kind->fail("the kind of a memory is \"accelerator\" or \"cpu\"");
             }
-            if (!job_.add_memory({name, on_cpu, read_array(memory)}))
+            const bool is_given = memory.find("npy") || memory.find("values");
+            if (!job_.add_memory({name, on_cpu, read_array(memory), false, is_given}))
                 memory.fail(kTooMuch);
         }
     }
@@ -84,7 +76,7 @@ class JobReader {
         }
         if (const auto values = memory.find("values"))
             values->fail("a memory has either a file or values");
-        npy::Array array = load(*file);
+        npy::Array array = load(*file, dtype ? std::optional(read_dtype(*dtype)) : std::nullopt);
         if (dtype && read_dtype(*dtype) != array.type)
             dtype->fail("the file " + file->text() + " holds " + npy::name_of(array.type));
         if (shape && read_shape(*shape) != array.shape)
@@ -92,12 +84,13 @@ class JobReader {
         return array;
     }
 
-    npy::Array load(const Json& file) const {
+    npy::Array load(const Json& file, std::optional<npy::Type> wanted) const {
         const std::string name = file.text();
         if (name.find('\0') != std::string::npos)
             file.fail("a file's name has no NUL in it");
         try {
-            return npy::load((std::filesystem::path(job_.file).parent_path() / name).string(), kMaxBytes);
+            return npy::load((std::filesystem::path(job_.file).parent_path() / name).string(), kMaxBytes,
+                             wanted);
         } catch (const npy::Error& error) {
             file.fail(error.what());
         }
@@ -145,7 +138,7 @@ class JobReader {
     // ---- contexts ----
 
     Context read_context(const Json& json) {
-        json.allow_only({"op", "args", "raw", "target", "num_args", "null"});
+        json.allow_only({"op", "args", "label", "raw", "target", "num_args", "null"});
         if (!unchecked_) {
             for (const char* key : {"raw", "target", "num_args", "null"}) {
                 if (const auto member = json.find(key))
@@ -153,12 +146,17 @@ class JobReader {
             }
         }
         if (const auto null = json.find("null"); null && null->truth()) {
-            json.allow_only({"null"});
-            return {"(null context)", true, {}, 0, KEL_RT_TARGET_CPU};
+            json.allow_only({"null", "label"});
+            Context context;
+            context.title = "(null context)";
+            context.null = true;
+            return context;
         }
 
         const auto raw = json.find("raw");
         Context context = raw ? read_raw(json, *raw) : read_operator(json);
+        if (const auto label = json.find("label"))
+            context.label = label->text();
         if (const auto target = json.find("target"))
             context.target = target->u32();
         if (const auto num_args = json.find("num_args"))
@@ -169,29 +167,56 @@ class JobReader {
     Context read_operator(const Json& json) {
         const Json op_json = json.at("op"), args_json = json.at("args");
         const auto [title, id] = read_operator_id(op_json);
+        const bool by_name = args_json.is_object();
+        const std::vector<Json> elements =
+            by_name ? in_order(args_json, find_operator(title)) : args_json.elements();
         std::vector<KelRtContextArg> arguments;
-        const std::vector<Json> elements = args_json.elements();
+        arguments.reserve(elements.size());
         for (const Json& element : elements)
             arguments.push_back(read_argument(element));
         if (unchecked_)
             return make_context(title, id, arguments);
 
         const Operator& op = kOperators[id];
-        if (arguments.size() != op.arguments.size()) {
-            std::string names;
-            for (const Argument& argument : op.arguments)
-                names += std::string(names.empty() ? "" : ", ") + argument.name;
+        if (arguments.size() != op.arguments.size())
             args_json.fail(std::string(op.name) + " takes " + std::to_string(op.arguments.size()) +
-                           " arguments (" + names + ") and " + std::to_string(arguments.size()) +
+                           " arguments (" + names_of(op) + ") and " + std::to_string(arguments.size()) +
                            " are given");
-        }
         check_arguments(op, arguments, job_,
                         [&](size_t i, const std::string& what) { elements[i].fail(what); });
         if (moves_sram(id) && !job_.sram)
             op_json.fail(std::string(op.name) + " needs the job to have \"sram\"");
         Context context = make_context(title, id, arguments);
         context.op = &op;
+        context.by_name = by_name;
         return context;
+    }
+
+    static std::string names_of(const Operator& op) {
+        std::string names;
+        for (const Argument& argument : op.arguments)
+            names += std::string(names.empty() ? "" : ", ") + argument.name;
+        return names;
+    }
+
+    // Arguments given by name, in the operator's order.
+    static std::vector<Json> in_order(const Json& args, const Operator* op) {
+        if (!op)
+            args.fail("the arguments of an operator without a name have none either");
+        std::vector<Json> elements;
+        elements.reserve(op->arguments.size());
+        for (const Argument& argument : op->arguments) {
+            const auto element = args.find(argument.name);
+            if (!element)
+                args.fail("the argument " + std::string(argument.name) + " of " + op->name + " is missing");
+            elements.push_back(*element);
+        }
+        for (const auto& [name, member] : args.members()) {
+            const auto is_called = [&](const Argument& argument) { return name == argument.name; };
+            if (std::none_of(op->arguments.begin(), op->arguments.end(), is_called))
+                member.fail(std::string(op->name) + " has no such argument; it has " + names_of(*op));
+        }
+        return elements;
     }
 
     // A name of the catalogue or an id; unchecked, an id of any size.

@@ -7,6 +7,7 @@
 #include <limits>
 #include <optional>
 
+#include "foreign.h"
 #include "input_file.h"
 
 namespace npy {
@@ -30,14 +31,22 @@ const TypeRow& row(Type type) {
 }
 
 constexpr std::string_view kMagic = "\x93NUMPY";
+constexpr const char* kSupported =
+    ", only <f4, <i4, <i2, |i1 and |u1, and to be converted <i8, <u2, <u4, <f8, |b1 and <f2";
 constexpr size_t kMaxRank = 32;
 constexpr size_t kHeaderAlignment = 64;
 // What version 1 can hold; version 2 was made for records.
 constexpr size_t kMaxHeader = 65535;
 
+// What a file holds. Of a foreign type `type` is that of its raw bytes.
 struct Header {
-    Type type;
+    Type type = Type::u1;
+    const Foreign* foreign = nullptr;
     Shape shape;
+    bool fortran_order = false;
+
+    size_t element_size() const { return foreign ? foreign->size : size_of(type); }
+    const char* type_name() const { return foreign ? foreign->descr : name_of(type); }
 };
 
 // Reads the header's dictionary: exactly the keys descr, fortran_order and shape, each once, in any order.
@@ -46,9 +55,8 @@ class HeaderParser {
     explicit HeaderParser(std::string_view text) : rest_(text) {}
 
     Header parse() {
-        std::optional<Type> type;
-        std::optional<Shape> shape;
-        bool order_seen = false;
+        Header header;
+        bool type_seen = false, order_seen = false, shape_seen = false;
         const auto once = [](bool seen, const char* key) {
             if (seen)
                 throw Error(std::string("the header has the key ") + key + " twice");
@@ -59,15 +67,17 @@ class HeaderParser {
             const std::string_view key = quoted();
             expect(':');
             if (key == "descr") {
-                once(type.has_value(), "descr");
-                type = descr();
+                once(type_seen, "descr");
+                descr(header);
+                type_seen = true;
             } else if (key == "fortran_order") {
                 once(order_seen, "fortran_order");
-                c_order();
+                header.fortran_order = truth();
                 order_seen = true;
             } else if (key == "shape") {
-                once(shape.has_value(), "shape");
-                shape = tuple();
+                once(shape_seen, "shape");
+                header.shape = tuple();
+                shape_seen = true;
             } else {
                 throw Error("the header has the unknown key '" + std::string(key) + "'");
             }
@@ -80,13 +90,13 @@ class HeaderParser {
         skip_blanks();
         if (rest_ != "\n")
             throw Error("the header does not end in blanks and a line break");
-        if (!type)
+        if (!type_seen)
             throw Error("the header has no key descr");
         if (!order_seen)
             throw Error("the header has no key fortran_order");
-        if (!shape)
+        if (!shape_seen)
             throw Error("the header has no key shape");
-        return {*type, *shape};
+        return header;
     }
 
   private:
@@ -129,23 +139,27 @@ class HeaderParser {
         return text;
     }
 
-    Type descr() {
+    void descr(Header& header) {
         if (skip_blanks(); rest_.starts_with('['))
-            throw Error("records are not supported, only <f4, <i4, <i2, |i1 and |u1");
+            throw Error(std::string("records are not supported") + kSupported);
         const std::string_view text = quoted();
         for (const Type type : kTypes) {
-            if (text == row(type).descr)
-                return type;
+            if (text == row(type).descr) {
+                header.type = type;
+                return;
+            }
         }
-        throw Error("element type '" + std::string(text) +
-                    "' is not supported, only <f4, <i4, <i2, |i1 and |u1");
+        header.foreign = find_foreign(text);
+        if (!header.foreign)
+            throw Error("element type '" + std::string(text) + "' is not supported" + kSupported);
     }
 
-    void c_order() {
+    bool truth() {
         if (accept_word("True"))
-            throw Error("Fortran order is not supported, only C order");
+            return true;
         if (!accept_word("False"))
             throw Error("fortran_order is neither True nor False");
+        return false;
     }
 
     Shape tuple() {
@@ -197,9 +211,11 @@ size_t size_of(Type type) {
     return row(type).size;
 }
 
-size_t byte_size(Type type, const Shape& shape) {
+namespace {
+
+size_t byte_size(size_t element_size, const Shape& shape) {
     // An axis of length 0 does not excuse the others.
-    size_t bytes = size_of(type);
+    size_t bytes = element_size;
     bool empty = false;
     for (const size_t dimension : shape) {
         if (dimension == 0) {
@@ -211,6 +227,12 @@ size_t byte_size(Type type, const Shape& shape) {
         }
     }
     return empty ? 0 : bytes;
+}
+
+}  // namespace
+
+size_t byte_size(Type type, const Shape& shape) {
+    return byte_size(size_of(type), shape);
 }
 
 std::string to_string(const Shape& shape) {
@@ -274,21 +296,31 @@ std::vector<uint8_t> read_elements(const Read& from, size_t size, const std::str
 
 }  // namespace
 
-Array read(const Read& from, size_t max_bytes) {
+Array read(const Read& from, size_t max_bytes, std::optional<Type> wanted) {
     Header header = read_header(from);
-    const size_t size = byte_size(header.type, header.shape);
-    const std::string what = "shape " + to_string(header.shape) + " of " + name_of(header.type);
-    if (size > max_bytes)
+    const size_t size = byte_size(header.element_size(), header.shape);
+    const std::string what = "shape " + to_string(header.shape) + " of " + header.type_name();
+    const bool converts = header.foreign && wanted;
+    if (size > max_bytes || (converts && byte_size(*wanted, header.shape) > max_bytes))
         throw Error(what + " takes more than " + std::to_string(max_bytes) + " bytes");
     auto bytes = read_elements(
         from, size, what + " needs " + std::to_string(size) + " bytes of elements and the file has ");
+    if (header.fortran_order)
+        bytes = from_fortran_order(bytes, header.shape, header.element_size());
+    if (converts)
+        return {*wanted, std::move(header.shape), convert(*header.foreign, *wanted, bytes)};
+    if (header.foreign) {
+        if (header.shape.empty())
+            header.shape.push_back(1);
+        header.shape.back() *= header.element_size();
+    }
     return {header.type, std::move(header.shape), std::move(bytes)};
 }
 
-Array load(const std::string& path, size_t max_bytes) {
+Array load(const std::string& path, size_t max_bytes, std::optional<Type> wanted) {
     try {
         InputFile file(path);
-        return read([&](void* to, size_t size) { return file.read(to, size); }, max_bytes);
+        return read([&](void* to, size_t size) { return file.read(to, size); }, max_bytes, wanted);
     } catch (const Error& error) {
         throw Error(path + ": " + error.what());
     }

@@ -1,11 +1,13 @@
-// A strict reader and writer of .npy files: format versions 1 and 2, C order, and the five element types that
-// tensors have here. A file that is not exactly that is refused, never repaired: a truncated one above all.
+// A strict reader and writer of .npy files: format versions 1 and 2, the five element types that tensors have
+// here, and six more (foreign.h) as raw bytes or converted. A file that is not exactly that is refused, never
+// repaired: a truncated one above all.
 #pragma once
 
 #include <cstddef>
 #include <cstdint>
 #include <cstring>
 #include <functional>
+#include <optional>
 #include <string>
 #include <type_traits>
 #include <vector>
@@ -71,10 +73,13 @@ std::string to_string(const Shape& shape);
 using Read = std::function<size_t(void* to, size_t size)>;
 
 // The array that a file holds. One with more than `max_bytes` of elements is refused before they are read,
-// and no more of a file is read than its header announces, and one byte.
-Array read(const Read& from, size_t max_bytes);
+// and no more of a file is read than its header announces, and one byte. Elements in Fortran order are
+// brought into rows, so that element [i, j] stays element [i, j]. Elements of a foreign type are converted to
+// `wanted` or, where nothing is wanted, are raw bytes: of type u1, the last axis counting bytes. What has one
+// of the five types is never converted.
+Array read(const Read& from, size_t max_bytes, std::optional<Type> wanted = std::nullopt);
 // Complaints begin with the path.
-Array load(const std::string& path, size_t max_bytes = SIZE_MAX);
+Array load(const std::string& path, size_t max_bytes = SIZE_MAX, std::optional<Type> wanted = std::nullopt);
 
 // The file of an array, up to its elements.
 std::string header_of(const Array& array);

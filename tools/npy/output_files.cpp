@@ -114,7 +114,12 @@ OutputFiles::~OutputFiles() {
 
 void OutputFiles::add(const std::string& name, const Array& array) {
     const std::string header = header_of(array);
-    const std::string path = (std::filesystem::path(folder_) / (name + ".npy")).string();
+    add_file(name + ".npy",
+             {header, {reinterpret_cast<const char*>(array.bytes.data()), array.bytes.size()}});
+}
+
+void OutputFiles::add_file(const std::string& name, std::initializer_list<std::string_view> pieces) {
+    const std::string path = (std::filesystem::path(folder_) / name).string();
     int fd = -1;
     const auto make = [&](std::string& temporary) {
         fd = ::mkostemp(temporary.data(), O_CLOEXEC);
@@ -128,8 +133,10 @@ void OutputFiles::add(const std::string& name, const Array& array) {
     const mode_t mask = ::umask(0);
     ::umask(mask);
     ::fchmod(fd, 0666 & ~mask);
-    const bool written = write_all(fd, header.data(), header.size()) &&
-                         write_all(fd, array.bytes.data(), array.bytes.size()) && ::fsync(fd) == 0;
+    bool written = true;
+    for (const std::string_view piece : pieces)
+        written = written && write_all(fd, piece.data(), piece.size());
+    written = written && ::fsync(fd) == 0;
     int reason = written ? 0 : errno;
     if (::close(fd) != 0 && written)
         reason = errno;

@@ -1,17 +1,19 @@
 // Writing files so that nobody ever sees half of one, or some of a set.
 #pragma once
 
+#include <initializer_list>
 #include <list>
 #include <string>
+#include <string_view>
 
 #include "npy.h"
 
 namespace npy {
 
-// A set of .npy files in one folder that appears as a whole or not at all. Each is written beside its place,
-// under a temporary name, and is on disk before the first one gets its own. Of two sets for one folder the
-// later waits while the earlier is put in place. One set a process at a time. Complaints are npy::Error and
-// begin with the path.
+// A set of files in one folder, .npy or not, that appears as a whole or not at all. Each is written beside
+// its place, under a temporary name, and is on disk before the first one gets its own. Of two sets for one
+// folder the later waits while the earlier is put in place. One set a process at a time. Complaints are
+// npy::Error and begin with the path.
 class OutputFiles {
   public:
     // Makes the folder, and those above it, if need be.
@@ -23,6 +25,8 @@ class OutputFiles {
 
     // Writes NAME.npy.
     void add(const std::string& name, const Array& array);
+    // Writes a file of these pieces.
+    void add_file(const std::string& name, std::initializer_list<std::string_view> pieces);
     // Puts every file in its place; if one cannot be, all places are as they were.
     void commit();
 

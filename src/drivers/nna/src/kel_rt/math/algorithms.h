@@ -136,6 +136,7 @@ F log(typename F::Bits x, const Table& table) {
 
 template <class F, class Table>
 [[gnu::always_inline]] inline F tanh(F x, const Table& table) {
+    // Only the upper bound decides a result: e^2y is lost beside -1 and 1 from y = -9 down, and tanh is -1.
     const F y = clamp(x, -10.0f, 10.0f);
     const F e = from_bits(exp(add(y, y), table));
     const F one = F::splat(1.0f);

@@ -117,7 +117,7 @@ inline float scalar_recip_estimate(float x) {
         return default_nan();
     if (exponent == 0)
         return from_word(sign | 0x7F800000u);
-    if (exponent >= 253)  // the estimate would be subnormal
+    if (exponent >= 253)  // the estimate would be subnormal, which whatever takes it would flush
         return from_word(sign);
     const uint32_t a = 256 | (bits >> 15 & 0xFF);
     const uint32_t b = (1u << 19) / (2 * a + 1);

@@ -2,7 +2,6 @@
 #pragma once
 
 #include <cstddef>
-#include <cstring>
 #include <utility>
 
 #include "element.h"
@@ -20,15 +19,28 @@ template <int count, typename F>
     (std::make_index_sequence<count>());
 }
 
+// Vectors at any address. (Dereferenced, not copied: clang would call a memcpy that checks a size known at
+// run time.)
+template <typename V>
+struct Anywhere {
+    typedef V Type __attribute__((aligned(1), may_alias));
+
+    static V load(const void* p) {
+        const auto* const from = static_cast<const Type*>(p);
+        return *from;
+    }
+    static void store(void* p, V v) {
+        auto* const to = static_cast<Type*>(p);
+        *to = v;
+    }
+};
 template <typename V>
 V load_elements(const void* p) {
-    V v;
-    std::memcpy(&v, p, sizeof v);
-    return v;
+    return Anywhere<V>::load(p);
 }
 template <typename V>
 void store_elements(void* p, V v) {
-    std::memcpy(p, &v, sizeof v);
+    Anywhere<V>::store(p, v);
 }
 
 template <typename V>

@@ -1,12 +1,13 @@
 // Ordinary single-precision arithmetic on arrays, in the caller's mode and without flushing: what operators
 // compute outside of lanes. Vectors do so too on x86 and 64-bit Arm. On 32-bit Arm, whose vector unit
 // flushes, they do not, and a float that may lie at any address would go to the floating-point unit and back
-// by way of a core register. So there eight floats are loaded and stored as vectors, whose lanes are the
+// by way of a core register. So there several are loaded and stored as vectors, whose lanes are the
 // unit's registers.
 #pragma once
 
 #include <cstddef>
 #include <cstdint>
+#include <cstring>
 
 #include "element.h"
 #include "math/vectors.h"
@@ -19,63 +20,84 @@
 namespace kelrt {
 namespace {
 
+// How many go together in a loop over elements.
+constexpr uint32_t kScalars = 8;
+
 #if defined(KELRT_SCALARS)
 
-// Eight floats, on which arithmetic is that of each.
+// n floats, on which arithmetic is that of each; n is 2 or a multiple of 4.
+template <int n>
 struct Scalars {
-    static constexpr uint32_t kCount = 8;
-    float v[kCount];
+    float v[n];
 
     Scalars() = default;
     Scalars(float value) {
         for (float& x : v)
             x = value;
     }
-    static Scalars load(const float* p) {
-        const auto* const bytes = reinterpret_cast<const uint8_t*>(p);
-        float32x4_t low = vreinterpretq_f32_u8(vld1q_u8(bytes));
-        float32x4_t high = vreinterpretq_f32_u8(vld1q_u8(bytes + 16));
-        asm("" : "+t"(low), "+t"(high));  // or clang loads the lanes one by one
+    static Scalars load(const void* p) {
+        const auto* const bytes = static_cast<const uint8_t*>(p);
         Scalars a;
-        a.v[0] = vgetq_lane_f32(low, 0), a.v[4] = vgetq_lane_f32(high, 0);
-        a.v[1] = vgetq_lane_f32(low, 1), a.v[5] = vgetq_lane_f32(high, 1);
-        a.v[2] = vgetq_lane_f32(low, 2), a.v[6] = vgetq_lane_f32(high, 2);
-        a.v[3] = vgetq_lane_f32(low, 3), a.v[7] = vgetq_lane_f32(high, 3);
+        if constexpr (n == 2) {
+            float32x2_t pair = vreinterpret_f32_u8(vld1_u8(bytes));
+            asm("" : "+t"(pair));  // or clang loads the lanes one by one
+            a.v[0] = vget_lane_f32(pair, 0), a.v[1] = vget_lane_f32(pair, 1);
+        } else {
+            for (int i = 0; i < n; i += 4) {
+                float32x4_t four = vreinterpretq_f32_u8(vld1q_u8(bytes + 4 * i));
+                asm("" : "+t"(four));
+                a.v[i] = vgetq_lane_f32(four, 0), a.v[i + 1] = vgetq_lane_f32(four, 1);
+                a.v[i + 2] = vgetq_lane_f32(four, 2), a.v[i + 3] = vgetq_lane_f32(four, 3);
+            }
+        }
         for (float& x : a.v)
             asm("" : "+t"(x));  // or it takes them for lanes and computes with vectors
         return a;
     }
-    void store(float* p) const {
-        auto* const bytes = reinterpret_cast<uint8_t*>(p);
-        vst1q_u8(bytes, vreinterpretq_u8_f32(float32x4_t{v[0], v[1], v[2], v[3]}));
-        vst1q_u8(bytes + 16, vreinterpretq_u8_f32(float32x4_t{v[4], v[5], v[6], v[7]}));
+    void store(void* p) const {
+        auto* const bytes = static_cast<uint8_t*>(p);
+        for (int i = 0; i < n; i += 4)
+            vst1q_u8(bytes + 4 * i, vreinterpretq_u8_f32(float32x4_t{v[i], v[i + 1], v[i + 2], v[i + 3]}));
     }
     template <class Operation>
     static Scalars each(Operation operation) {
         Scalars result;
-        for (uint32_t k = 0; k < kCount; ++k)
+        for (int k = 0; k < n; ++k)
             result.v[k] = operation(k);
         return result;
     }
+    friend Scalars operator+(Scalars a, Scalars b) {
+        return each([&](int k) { return a.v[k] + b.v[k]; });
+    }
+    friend Scalars operator-(Scalars a, Scalars b) {
+        return each([&](int k) { return a.v[k] - b.v[k]; });
+    }
+    friend Scalars operator*(Scalars a, Scalars b) {
+        return each([&](int k) { return a.v[k] * b.v[k]; });
+    }
+    friend Scalars operator/(Scalars a, Scalars b) {
+        return each([&](int k) { return a.v[k] / b.v[k]; });
+    }
 };
-inline Scalars operator+(Scalars a, Scalars b) {
-    return Scalars::each([&](uint32_t k) { return a.v[k] + b.v[k]; });
-}
-inline Scalars operator-(Scalars a, Scalars b) {
-    return Scalars::each([&](uint32_t k) { return a.v[k] - b.v[k]; });
-}
-inline Scalars operator*(Scalars a, Scalars b) {
-    return Scalars::each([&](uint32_t k) { return a.v[k] * b.v[k]; });
-}
-inline Scalars operator/(Scalars a, Scalars b) {
-    return Scalars::each([&](uint32_t k) { return a.v[k] / b.v[k]; });
-}
 
-// Whether the results of eight elements reach no operand that is still to be read, as those of one would.
+// Whether the results of a group reach no operand that is still to be read, as those of one would.
 inline bool reads_first(const float* out, const float* in) {
     const uintptr_t ahead = reinterpret_cast<uintptr_t>(out) - reinterpret_cast<uintptr_t>(in);
-    return ahead == 0 || ahead >= sizeof(Scalars);
+    return ahead == 0 || ahead >= sizeof(Scalars<kScalars>);
 }
+
+#else
+
+template <int n>
+struct Scalars {
+    float v[n];
+
+    static Scalars load(const void* p) {
+        Scalars a;
+        std::memcpy(a.v, p, sizeof a.v);
+        return a;
+    }
+};
 
 #endif
 
@@ -112,8 +134,8 @@ inline void for_elements(uint32_t n, Function f, float* out, const In*... in) {
     uint32_t i = 0;
 #if defined(KELRT_SCALARS)
     if ((reads_first(out, in) && ...))
-        for (const uint32_t groups = n - n % Scalars::kCount; i < groups; i += Scalars::kCount)
-            f(Scalars::load(in + i)...).store(out + i);
+        for (const uint32_t groups = n - n % kScalars; i < groups; i += kScalars)
+            f(Scalars<kScalars>::load(in + i)...).store(out + i);
 #elif defined(__SSE2__)
     if (__builtin_expect(n >= kStreamed / sizeof(float), 0) && ((out != in) && ...))
         return for_elements_past_caches(n, f, out, in...);
@@ -128,8 +150,8 @@ template <class Step>
 inline void in_order(uint32_t n, const float* in, Step step) {
     uint32_t i = 0;
 #if defined(KELRT_SCALARS)
-    for (const uint32_t groups = n - n % Scalars::kCount; i < groups; i += Scalars::kCount)
-        for (const float x : Scalars::load(in + i).v)
+    for (const uint32_t groups = n - n % kScalars; i < groups; i += kScalars)
+        for (const float x : Scalars<kScalars>::load(in + i).v)
             step(x);
 #endif
     const f32* x = in;

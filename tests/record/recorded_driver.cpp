@@ -1,0 +1,178 @@
+// A driver for the tests of the recorder, which the linker has put in front of the library. It shows what a
+// driver sees: every status and result, and the platform calls that each context made.
+//
+//   recorded_driver contexts SEED COUNT   random valid contexts of all operators, on both kinds of memory
+//   recorded_driver faults                a context whose platform calls fail, one after another
+//   recorded_driver refused               contexts that the library refuses
+//   recorded_driver threads COUNT CALLS   contexts on several threads
+//   recorded_driver forever               until it is killed
+//   recorded_driver nomemory              the heap has no room for a record
+#include <sys/resource.h>
+
+#include <atomic>
+#include <cstdio>
+#include <cstdlib>
+#include <string>
+#include <thread>
+
+#include "support/contexts.h"
+#include "support/rig.h"
+
+namespace {
+
+std::atomic<bool> heap_is_full{false};
+
+uint32_t digest(const std::vector<uint8_t>& bytes) {
+    uint32_t value = 0x811C9DC5;
+    for (const uint8_t byte : bytes)
+        value = (value ^ byte) * 0x01000193;
+    return value;
+}
+
+void show_calls(const rig::Rig& rig) {
+    for (const NnaSimCall& call : rig.calls())
+        std::printf(" %c%u", "psSr"[call.function], call.memid);
+    std::printf("\n");
+}
+
+// One context of an operator; every second memory is a CPU buffer.
+void run_random(const tool::Operator& op, contexts::Random& random) {
+    constexpr uint32_t kSlack = 12, kIndex = 1, kFirstBuffer = 16;
+    rig::Rig rig;
+    nna_sim_set_sram(rig.sim, 4096, 4096);
+    for (uint32_t i = 0; i < 4096; ++i)
+        nna_sim_sram(rig.sim)[i] = static_cast<uint8_t>(i * 7);
+    nna_sim_set_sram_direction(rig.sim,
+                               tool::id_of(op) == 18 ? NNA_SIM_MEMORY_TO_SRAM : NNA_SIM_SRAM_TO_MEMORY);
+    const std::vector<uint32_t> values = contexts::values(op, random);
+    std::vector<KelRtContextArg> arguments;
+    std::vector<std::pair<uint32_t, uint32_t>> memories;  // ids and sizes
+    const bool any_buffers = random() % 2;
+    for (uint32_t i = tool::kFirstArgument; i < values.size(); ++i) {
+        const tool::Argument& argument = op.at(i);
+        arguments.push_back({argument.type, 0, values[i]});
+        if (!argument.is_memory())
+            continue;
+        uint64_t end = std::max(argument.read_range(values).end, argument.written_range(values).end);
+        for (const tool::Lookup& lookup : op.lookups)
+            end = lookup.table == i ? lookup.row(kIndex, values).end : end;
+        const uint32_t offset = tool::moves_sram(tool::id_of(op)) ? 0 : 4 * contexts::below(random, 3);
+        const auto size = static_cast<uint32_t>(end) + kSlack;
+        const auto bytes = contexts::operand(size - offset, kIndex, random);
+        const bool on_cpu = any_buffers && random() % 2;
+        const uint32_t id = on_cpu ? kFirstBuffer + i : rig.memory(size);
+        if (on_cpu) {
+            tivNnaCpuMemAlloc(&rig.instance, id, size);
+            std::memset(rig.table[id].ptr, 0, size);
+            tivNnaCpuMemWrite(&rig.instance, id, offset, bytes.data(), size - offset);
+        } else {
+            nna_sim_device_write(rig.sim, id, offset, bytes.data(), size - offset);
+        }
+        arguments.back() = rig::mem(id, offset);
+        memories.push_back({id, size});
+    }
+    std::printf("%s %u shift %u", op.name, rig.run(tool::id_of(op), arguments), rig.instance.out_shift);
+    for (const auto& [id, size] : memories) {
+        std::vector<uint8_t> bytes(size);
+        if (id >= kFirstBuffer)
+            std::memcpy(bytes.data(), rig.table[id].ptr, size);
+        else
+            nna_sim_device_read(rig.sim, id, 0, bytes.data(), size);
+        std::printf(" %08X", digest(bytes));
+    }
+    show_calls(rig);
+}
+
+struct Sum {
+    rig::Rig rig;
+    uint32_t out = rig.memory(64), a = rig.memory_of(std::vector<float>(16, 1.5f)),
+             b = rig.memory_of(std::vector<float>(16, 2.25f));
+
+    uint32_t run(uint32_t n = 16) {
+        return rig.run(4, {rig::mem(out), rig::mem(a), rig::mem(b), rig::val(n)});
+    }
+};
+
+void run_faults() {
+    // Recorded, the sizes of the three memories are asked for first.
+    const uint32_t questions = std::getenv("KELRT_RECORD") ? 3 : 0;
+    for (uint32_t k = 1; k <= 12; ++k) {
+        Sum sum;
+        nna_sim_fail_call(sum.rig.sim, k + questions, 777);
+        std::printf("fault %u: %u\n", k, sum.run());
+    }
+}
+
+void run_refused() {
+    Sum sum;
+    std::printf("null %u\n", kelRt_executeContext(&sum.rig.instance, nullptr));
+    std::printf("null instance %u\n", kelRt_executeContext(nullptr, nullptr));
+    const KelRtContext target = {nullptr, {}, 6, 0, 2}, few = {nullptr, {}, 2, 0, 1};
+    std::printf("target %u few %u\n", kelRt_executeContext(nullptr, &target),
+                kelRt_executeContext(nullptr, &few));
+    std::printf("operator %u\n", sum.rig.run(200, {rig::val(1)}));
+    std::printf("count %u\n", sum.rig.run(4, {rig::val(1), rig::val(1), rig::val(1)}));
+    std::printf("type %u\n", sum.rig.run(4, {rig::mem(0), rig::val(1), rig::mem(0), rig::val(1)}));
+    std::printf("unknown memory %u\n",
+                sum.rig.run(4, {rig::mem(sum.out), rig::mem(30), rig::mem(sum.b), rig::val(1)}));
+    std::printf("no memory %u\n", sum.rig.run(4, {rig::mem(sum.out), rig::mem(KEL_RT_NO_MEMORY_ID),
+                                                  rig::mem(sum.b), rig::val(1)}));
+}
+
+void run_threads(int count, int calls) {
+    std::vector<std::thread> threads;
+    std::atomic<int> failed{0};
+    for (int t = 0; t < count; ++t) {
+        threads.emplace_back([&] {
+            Sum sum;
+            for (int i = 0; i < calls; ++i)
+                failed += sum.run() != NNA_STATUS_OK;
+        });
+    }
+    for (std::thread& thread : threads)
+        thread.join();
+    std::printf("failed %d\n", failed.load());
+}
+
+}  // namespace
+
+// Under a sanitizer the heap is that of its own.
+#if !defined(__SANITIZE_ADDRESS__)
+extern "C" {
+void* __libc_malloc(size_t size);
+void* malloc(size_t size) {
+    constexpr size_t kLargest = 1500;  // a record takes more, the simulator's own list of calls less
+    return heap_is_full && size > kLargest ? nullptr : __libc_malloc(size);
+}
+}
+#endif
+
+int main(int argc, char** argv) {
+    const std::string scenario = argc > 1 ? argv[1] : "";
+    const auto number = [&](int i) { return argc > i ? std::atoi(argv[i]) : 0; };
+    if (scenario == "contexts") {
+        contexts::Random random(static_cast<uint32_t>(number(2)));
+        for (int i = 0; i < number(3); ++i)
+            run_random(tool::kOperators[static_cast<size_t>(i) % KEL_RT_NUM_OPS], random);
+    } else if (scenario == "faults") {
+        run_faults();
+    } else if (scenario == "refused") {
+        run_refused();
+    } else if (scenario == "threads") {
+        run_threads(number(2), number(3));
+    } else if (scenario == "forever") {
+        for (Sum sum;;)
+            sum.run();
+    } else if (scenario == "nomemory") {
+        Sum sum;
+        for (int i = 0; i < 3; ++i) {
+            heap_is_full = i == 1;
+            const uint32_t status = sum.run();
+            heap_is_full = false;
+            std::printf("%u\n", status);
+        }
+    } else {
+        return 2;
+    }
+    return 0;
+}

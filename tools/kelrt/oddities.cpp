@@ -1,0 +1,112 @@
+// A rule is a line: of which operator, at which argument, when, and what it means.
+#include "oddities.h"
+
+namespace tool {
+namespace {
+
+struct Rule {
+    uint32_t op;
+    bool is_error;
+    size_t position;  // in the context, as everywhere
+    bool (*holds)(Values v);
+    const char* what;
+};
+
+uint64_t end_of_rows(Values v) {
+    return v[5] == 0 ? 0 : v[2] + uint64_t{v[5] - 1} * v[4] + v[3];
+}
+
+bool is_negative(uint32_t value) {
+    return value > INT32_MAX;
+}
+
+template <int position>
+bool negative(Values v) {
+    return is_negative(v[position]);
+}
+
+bool inner_dimensions_differ(Values v) {
+    return v[v[9] ? 5 : 6] != v[v[10] ? 8 : 7];
+}
+
+bool measures_integers(Values v) {
+    return chooses_scale(2, v) && v[7] != UINT32_MAX;
+}
+
+bool writes_past_32_bits(Values v) {
+    return end_of_rows(v) > uint64_t{1} << 32;
+}
+
+bool rows_meet(Values v) {
+    return v[5] > 1 && v[4] < v[3];
+}
+
+constexpr const char* kWrapped = "addresses of SRAM rows wrap at 32 bits";
+constexpr const char* kRowsMeet = "rows of SRAM overlap: the stride is smaller than a row";
+constexpr const char* kNegative = "a negative dimension makes no work";
+
+constexpr Rule kRules[] = {
+    {2, false, 5, measures_integers, "an automatic scale reads integers as if they were floats"},
+    {6, false, 4, [](Values v) { return v[4] % 8 != 0; },
+     "elements after the last whole line of 8 are not converted"},
+    {9, true, 4, [](Values v) { return v[7] > v[4]; },
+     "the geometry wraps: the kernel is higher than the input"},
+    {9, true, 5, [](Values v) { return v[8] > v[5]; },
+     "the geometry wraps: the kernel is wider than the input"},
+    {9, false, 10, [](Values v) { return v[10] == 0 && v[7] < v[4]; },
+     "a stride of 0 makes one row of patches"},
+    {9, false, 11, [](Values v) { return v[11] == 0 && v[8] < v[5]; },
+     "a stride of 0 makes one column of patches"},
+    {10, true, 7, inner_dimensions_differ,
+     "the inner dimensions differ; b is taken to have as many rows as a has columns"},
+    {10, false, 5, negative<5>, kNegative},
+    {10, false, 6, negative<6>, kNegative},
+    {10, false, 7, negative<7>, kNegative},
+    {10, false, 8, negative<8>, kNegative},
+    {11, false, 6, [](Values v) { return v[6] > v[3]; }, "a frame longer than the input: nothing is written"},
+    {11, false, 3, [](Values v) { return v[6] && v[6] <= v[3] && v[3] % v[6] != 0; },
+     "the last frame is not whole, and is not normalised"},
+    {16, false, 4, [](Values v) { return v[6] == 0 || v[4] % v[6] != 0; },
+     "elements after the last whole line are not converted"},
+    {17, true, 2, writes_past_32_bits, kWrapped},
+    {18, true, 2, writes_past_32_bits, kWrapped},
+    {17, false, 4, rows_meet, kRowsMeet},
+    {18, false, 4, rows_meet, kRowsMeet},
+};
+
+}  // namespace
+
+void check_oddities(const Operator& op, std::span<const KelRtContextArg> arguments, const Job& job,
+                    const ComplainOdd& complain) {
+    const std::vector<uint32_t> values = values_of(arguments);
+    for (const Rule& rule : kRules) {
+        if (rule.op == id_of(op) && rule.holds(values))
+            complain(rule.is_error, rule.position - kFirstArgument, rule.what);
+    }
+    for (size_t i = 0; i < arguments.size(); ++i) {
+        const Argument& argument = op.arguments[i];
+        const KelRtContextArg& given = arguments[i];
+        if (!argument.is_memory() || given.value == KEL_RT_NO_MEMORY_ID)
+            continue;
+        if (argument.use == Use::Output && argument.written_range(values).length() == 0 &&
+            argument.tensor(values).bytes() > 0)
+            complain(false, i, "float to float copies nothing: the output stays as it was");
+        const uint64_t alignment = argument.alignment(values);
+        if (moves_sram(id_of(op)) && given.offset != 0)
+            complain(false, i, "an offset of the memory of SRAM rows is ignored");
+        else if (given.offset % alignment != 0)
+            complain(false, i,
+                     "offset " + std::to_string(given.offset) + " cuts elements of " +
+                         std::to_string(alignment) + " bytes");
+    }
+    const bool moves_rows = moves_sram(id_of(op)) && end_of_rows(values) > values[2];
+    if (!moves_rows || !job.sram)
+        return;
+    const uint64_t sram_end = job.sram->base + job.sram->initial.bytes.size();
+    if (values[2] < job.sram->base || end_of_rows(values) > sram_end)
+        complain(true, 0,
+                 "rows lie outside the SRAM, from " + std::to_string(job.sram->base) + " to " +
+                     std::to_string(sram_end));
+}
+
+}  // namespace tool

@@ -154,22 +154,22 @@ TEST(Npy, ConvertsByOneRule) {
         {file("|u1", "()", "x", "True"), npy::Type::u1, "x"},
         {file("<u2", "(2, 2)", "a\0c\0b\0d\0"s, "True"), npy::Type::u1, "abcd"},
     };
-    for (const auto& [contents, wanted, elements] : rows) {
+    for (const auto& row : rows) {
         size_t used = 0;
         std::string got;
         try {
             const npy::Array array = npy::read(
                 [&](void* to, size_t size) {
-                    const size_t count = contents.copy(static_cast<char*>(to), size, used);
+                    const size_t count = row.contents.copy(static_cast<char*>(to), size, used);
                     used += count;
                     return count;
                 },
-                100, wanted);
+                100, row.wanted);
             got.assign(array.bytes.begin(), array.bytes.end());
         } catch (const npy::Error& error) {
             got = error.what();
         }
-        EXPECT_EQ(got, elements);
+        EXPECT_EQ(got, row.elements);
     }
 }
 

@@ -212,7 +212,7 @@ class JobReader {
             elements.push_back(*element);
         }
         for (const auto& [name, member] : args.members()) {
-            const auto is_called = [&](const Argument& argument) { return name == argument.name; };
+            const auto is_called = [&key = name](const Argument& argument) { return key == argument.name; };
             if (std::none_of(op->arguments.begin(), op->arguments.end(), is_called))
                 member.fail(std::string(op->name) + " has no such argument; it has " + names_of(*op));
         }

@@ -148,7 +148,7 @@ std::optional<Refusal> refused_at_entry(const Context& context) {
     if (context.num_args <= 2)
         return Refusal{NNA_STATUS_INVALID_ARGUMENT,
                        "Insufficient arguments for CPU " + std::to_string(context.num_args)};
-    for (const size_t i : {0, 1}) {
+    for (const size_t i : {size_t{0}, size_t{1}}) {
         if (const auto refusal = refused_type(context, i, KEL_RT_ARG_VAL))
             return refusal;
     }

@@ -2,6 +2,8 @@
 // all, a shell for instance, and must load there too.
 #pragma once
 
+#include "kelRt_platform.h"
+
 #pragma weak g_log_lvl
 #pragma weak g_log_file_max_size
 #pragma weak resetTivLogFile

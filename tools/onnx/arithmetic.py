@@ -223,6 +223,8 @@ def _widened(job: Job, small: Tensor) -> Tensor:
 
 def index(job: Job, indices: Tensor, size: int) -> Tensor:
     """Indices of `size` elements as floats [the same shape]; negative ones count from the end."""
+    if indices.dtype.kind == "f" and indices.dtype != np.float32:
+        raise JobError(f"no operator of the library takes indices of {indices.dtype}")
     flat = indices.reshape(-1)
     if indices.dtype == np.int64:  # Two words, of which the upper one is 0 or -1.
         words = job.convert(job.dense(flat).view("i4"), np.float32)

@@ -3,6 +3,7 @@
 Tensors are float32 unless something else is said, and operands are broadcast against each other. Values that are not
 finite do not come through a choice (`choose` and what uses it), and a product of -0 is +0."""
 import math
+from collections.abc import Callable
 
 import numpy as np
 
@@ -115,7 +116,7 @@ def _dense(job: Job, *tensors: Tensor) -> list[Tensor]:
     return [job.floats(tensor.broadcast_to(shape)) for tensor in tensors]
 
 
-def fold(job: Job, combine, x: Tensor) -> Tensor:
+def fold(job: Job, combine: Callable[[Job, Tensor, Tensor], Tensor], x: Tensor) -> Tensor:
     """x [n, ...] -> [...], the first half with the second, half as often as there are elements left."""
     while len(x) > 1:
         half = len(x) // 2

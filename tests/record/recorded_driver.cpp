@@ -2,6 +2,7 @@
 // driver sees: every status and result, and the platform calls that each context made.
 //
 //   recorded_driver contexts SEED COUNT   random valid contexts of all operators, on both kinds of memory
+//   recorded_driver shared                operands in one memory, outputs among them
 //   recorded_driver faults                a context whose platform calls fail, one after another
 //   recorded_driver refused               contexts that the library refuses
 //   recorded_driver threads COUNT CALLS   contexts on several threads
@@ -93,6 +94,25 @@ struct Sum {
     }
 };
 
+// An output resolved before the input in the same memory is fetched, and a transposed operand that is
+// published along.
+void run_shared() {
+    for (int turn = 0; turn < 4; ++turn) {
+        rig::Rig rig;
+        const uint32_t m = rig.memory_of(std::vector<float>{1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12});
+        const auto at = [&](uint32_t element) { return rig::mem(m, 4 * element); };
+        const auto value = [](uint32_t number) { return rig::val(number); };
+        // One after the other: the CPU has not seen the memory when the sum's output is resolved.
+        const uint32_t sum = rig.run(4, {at(0), at(0), at(4), value(4)});
+        const uint32_t product =
+            rig.run(10, {at(0), at(4), at(8), value(2), value(2), value(2), value(2), value(1), value(0)});
+        std::printf("sum %u product %u", sum, product);
+        for (const float element : rig.device<float>(m, 12))
+            std::printf(" %g", static_cast<double>(element));
+        std::printf("\n");
+    }
+}
+
 void run_faults() {
     // Recorded, the sizes of the three memories are asked for first.
     const uint32_t questions = std::getenv("KELRT_RECORD") ? 3 : 0;
@@ -156,6 +176,8 @@ int main(int argc, char** argv) {
             run_random(tool::kOperators[static_cast<size_t>(i) % KEL_RT_NUM_OPS], random);
     } else if (scenario == "faults") {
         run_faults();
+    } else if (scenario == "shared") {
+        run_shared();
     } else if (scenario == "refused") {
         run_refused();
     } else if (scenario == "threads") {

@@ -15,6 +15,7 @@ import sys
 import tempfile
 import time
 import unittest
+import zlib
 
 DRIVER, KELRT, EMULATOR = "", "", []
 SANITIZED = os.environ.get("KELRT_SANITIZED") == "1"
@@ -74,7 +75,7 @@ class Observes(RecorderTest):
             self.assertTrue(all(word[0] == "s" for word in asked) and len(asked) == len(set(asked)), ours)
 
     def test_what_replays_identically(self):
-        for words in (CONTEXTS, ("contexts", 7, 19 * 8), ("refused",), ("faults",)):
+        for words in (CONTEXTS, ("contexts", 7, 19 * 8), ("shared",), ("refused",), ("faults",)):
             with self.subTest(words=words):
                 self.file.unlink(missing_ok=True)
                 # Log lines have a time stamp, and what the simulator shows of them a process number.
@@ -213,15 +214,14 @@ class Replays(RecorderTest):
         super().setUp()
         self.record("contexts", 1, 38)
 
-    def spoil(self, index, last_byte):
-        """Gives a record another last byte, with a checksum that fits."""
-        import zlib
+    def spoil(self, index, flip, place=None):
+        """Flips bits of one byte of a record, the last unless a place is given, with checksums that fit."""
         data = bytearray(self.file.read_bytes())
         at = 0
         for _ in range(index):
             at += struct.unpack_from("<Q", data, at + 16)[0]
         end = at + struct.unpack_from("<Q", data, at + 16)[0]
-        data[end - 1] ^= last_byte
+        data[end - 1 if place is None else at + place] ^= flip
         struct.pack_into("<I", data, at + 24, zlib.crc32(data[at + 32:end]))
         struct.pack_into("<I", data, at + 28, zlib.crc32(data[at:at + 28]))
         self.file.write_bytes(data)
@@ -245,6 +245,16 @@ class Replays(RecorderTest):
         self.assertEqual(self.kelrt("replay", self.file, "--only", "cpu_matmul").returncode, 0)
         entry, = (record for record in self.replay(code=1)["records"] if not record["equal"])
         self.assertEqual((entry["record"], entry["differences"][0]["argument"]), (index, "out"))
+
+    def test_statuses_and_shifts_are_compared(self):
+        index = self.index_of("cpu_copy_fmt_conv")
+        for place, flip, shown in [(64, 0xE9 ^ 0xE8, "status: recorded NNA_STATUS_FAILED (1000), here NNA_STATUS_OK (1001)"),
+                                   (84, 0x08, "out_shift: recorded 8, here 0")]:
+            self.spoil(index, flip, place)
+            result = self.kelrt("replay", self.file, "--index", index)
+            self.assertEqual(result.returncode, 1)
+            self.assertIn("    " + shown + "\n", result.stdout)
+            self.spoil(index, flip, place)
 
     def test_what_the_maths_library_may_have_done_is_said(self):
         self.spoil(self.index_of("cpu_softmax"), 0x01)

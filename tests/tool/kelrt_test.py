@@ -417,6 +417,8 @@ class Runs(KelrtTest):
             ("cpu_ewop_add a=f4[65] b=f4[65] n=65", "out  f4 (65,)  too many to show; --out DIR writes them"),
             ("cpu_copy_fmt_conv in=f4[1]:-30 count=1 out_scale=1 " + copy, "out  i1 (1,) = -30"),
             ("cpu_copy_fmt_conv in=f4[4]:-300,1,2,3 count=4 out_scale=0 " + copy, " us  scale 4\n"),
+            ("cpu_copy_fmt_conv in=i1[1]:3 count=1 out_tot_bits=0xFFFFFFFF out_frac_bits=0 out_scale=0 "
+             "inp_tot_bits=8 inp_frac_bits=0 inp_scale=1", " us\ntotal"),
             ("cpu_matmul a=f4[4]:1,2,3,4 b=f4[4]:1,0,0,1 " + square, "c  f4 (2, 2) = 1 2 3 4"),
             ("cpu_im2col in=i1[4]:1,2,3,-4 " + patch, "out  i1 (2, 8) = 1 2 0 0 0 0 0 0 3 -4 0 0 0 0 0 0"),
             ("cpu_featurenorm in=f4[5] total=5 mean=f4[2] var=f4[2]:1,1 featureLen=2", "out  f4 (2, 2) = 0 0 0 0"),

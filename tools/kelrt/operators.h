@@ -119,6 +119,9 @@ inline bool moves_sram(uint32_t operator_id) {
     return operator_id == 17 || operator_id == 18;
 }
 
+// Addresses that the rows of an SRAM operator take; beyond 32 bits they wrap.
+Range sram_addresses(Values values);
+
 // Whether a context lets the operator choose the scale of its output, which it tells as a shift.
 bool chooses_scale(uint32_t operator_id, Values values);
 

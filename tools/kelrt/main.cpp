@@ -81,7 +81,7 @@ void add_measuring_options(CLI::App& command, tool::Options& options) {
     command
         .add_option_function<std::string>(
             "--repeat", [&](const std::string& text) { options.repeat = *read_repetitions(text); },
-            "how often, from the same start; shows least and median times")
+            "how often, from the same start")
         ->check(repetitions)
         ->default_str("1");
 }
@@ -195,6 +195,10 @@ int run(int argc, char** argv) {
 
     if (const auto code = parse(app, argc, argv))
         return *code;
+    for (const tool::Options* const given : {&options, static_cast<tool::Options*>(&replay_options)}) {
+        if (!given->report.empty() && given->report == given->trace)
+            throw tool::BadInput("--trace " + given->trace + ": the report goes into this file");
+    }
     g_log_lvl = kLogLevels.at(replay->parsed() ? replay_log : log);
     if (check->parsed())
         return tool::check_file(checked_file, check_options.report);

@@ -122,6 +122,11 @@ void add_replay_options(CLI::App& command, tool::ReplayOptions& options, std::st
         ->check(index);
 }
 
+void refuse_one_file_for_two(const tool::Options& options) {
+    if (!options.report.empty() && options.report == options.trace)
+        throw tool::BadInput("--trace " + options.trace + ": the report goes into this file");
+}
+
 int list_operators(const std::string& name) {
     if (name.empty()) {
         tool::print_operators();
@@ -195,10 +200,7 @@ int run(int argc, char** argv) {
 
     if (const auto code = parse(app, argc, argv))
         return *code;
-    for (const tool::Options* const given : {&options, static_cast<tool::Options*>(&replay_options)}) {
-        if (!given->report.empty() && given->report == given->trace)
-            throw tool::BadInput("--trace " + given->trace + ": the report goes into this file");
-    }
+    refuse_one_file_for_two(replay->parsed() ? replay_options : options);
     g_log_lvl = kLogLevels.at(replay->parsed() ? replay_log : log);
     if (check->parsed())
         return tool::check_file(checked_file, check_options.report);

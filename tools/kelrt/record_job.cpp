@@ -20,7 +20,7 @@ std::vector<uint32_t> values_of_record(const Record& record) {
 }
 
 uint32_t offset_of(const Record& record, size_t position) {
-    return moves_sram(id_of(*record.op)) ? 0 : record.arguments[position].offset;
+    return start_of(*record.op, record.arguments[position].offset);
 }
 
 Range placed(const Record& record, size_t position, Range range) {

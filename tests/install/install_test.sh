@@ -17,7 +17,8 @@ if grep -rlF -e "$scratch/first" -e "$source" "$prefix/include" "$prefix"/lib*/c
     exit 1
 fi
 
-"${emulator[@]}" "$prefix/bin/kelrt" --version | grep -qxE "kelrt [0-9]+(\.[0-9]+)+" || {
+grep -q '^KELRT_BUILD_TOOLS:BOOL=OFF' "$build/CMakeCache.txt" ||
+    "${emulator[@]}" "$prefix/bin/kelrt" --version | grep -qxE "kelrt [0-9]+(\.[0-9]+)+" || {
     echo "bin/kelrt does not run from where it was moved"
     exit 1
 }

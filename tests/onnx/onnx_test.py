@@ -9,6 +9,7 @@ import subprocess
 import sys
 import tempfile
 import unittest
+import warnings
 
 import numpy as np
 from onnx import TensorProto, helper, numpy_helper
@@ -35,13 +36,13 @@ def value(name, shape, dtype=TensorProto.FLOAT):
     return helper.make_tensor_value_info(name, dtype, shape)
 
 
-def model(*nodes, inputs=(("x", [2, 3]),), outputs=(("y", [2, 3]),), constants=None):
+def model(*nodes, inputs=(("x", [2, 3]),), outputs=(("y", [2, 3]),), constants=None, opset=13):
     """Nodes are (operator, inputs, outputs, attributes), and called first, second, third."""
     made = [helper.make_node(operator, ins.split(), outs.split(), name, **attributes)
             for (operator, ins, outs, attributes), name in zip(nodes, ("first", "second", "third"))]
     initializers = [numpy_helper.from_array(array, name) for name, array in (constants or {}).items()]
     graph = helper.make_graph(made, "test", [value(*i) for i in inputs], [value(*o) for o in outputs], initializers)
-    return helper.make_model(graph, opset_imports=[helper.make_opsetid("", 13)])
+    return helper.make_model(graph, opset_imports=[helper.make_opsetid("", opset)])
 
 
 class Tool(unittest.TestCase):
@@ -90,6 +91,23 @@ class Tool(unittest.TestCase):
              "Slice 'first': starts is computed or given at run time, and a job is written beforehand"),
             ("index outside", model(("Gather", "x i", "y", {}), constants={"i": np.array([0, 3])}),
              "Gather 'first': an index is outside of -2 to 1"),
+            ("operator set to come", model(relu, opset=99), "the model is of operator set 99, and this ONNX knows"),
+            ("enormous", model(relu, inputs=[("x", [1 << 40])], outputs=[("y", [1 << 40])]), "input 'x': the job's"),
+            ("step of 0", model(("MaxPool", "x", "y", {"kernel_shape": [1], "strides": [0]}),
+                                inputs=[("x", [1, 1, 3])]), "MaxPool 'first': its strides is less than 1"),
+            ("attribute of a wrong type", model(("Softmax", "x", "y", {"axis": 1.5})), "Softmax 'first': Mismatched"),
+            ("two types", model(("Concat", "x w", "y", {"axis": 0}), inputs=two, outputs=[("y", [4, 3])]),
+             "Concat 'first': input 1 is int64 where another is float32"),
+            ("wrong condition", model(("Where", "x x x", "y", {})), "Where 'first': input 0 is float32, which its"),
+            ("indices of 64-bit floats", model(("Gather", "x s", "y", {}),
+                                               inputs=[("x", [2, 3]), ("s", [2], TensorProto.DOUBLE)]),
+             "Gather 'first': no operator of the library takes indices of float64"),
+            ("made twice", model(relu, ("Tanh", "x", "y", {})), "Tanh 'second': it makes 'y', which is there before"),
+            ("bias too long", model(("LSTM", "x w r b", "y", {"hidden_size": 2}), outputs=[("y", None)], inputs=[
+                ("x", [2, 1, 3]), ("w", [1, 8, 3]), ("r", [1, 8, 2]), ("b", [1, 17])]),
+             "LSTM 'first': input 3 has shape [1, 17] and not [1, 16]"),
+            ("scales no integers", model(("Upsample", "x k", "y", {}), opset=9, outputs=[("y", [2, 6])],
+                                         constants={"k": np.float32([1, 2.1])}), "its scales are no integers"),
             ("truncated", good[: len(good) // 2], "model.onnx is no ONNX model, or is cut short: "),
             ("empty", b"", "model.onnx is no ONNX model: it has no graph"),
             ("text", b"hello\n", "model.onnx is no ONNX model, or is cut short: "),
@@ -104,10 +122,14 @@ class Tool(unittest.TestCase):
     def test_bad_options(self):
         np.save(self.folder / "narrow.npy", np.zeros((2, 2), np.float32))
         np.save(self.folder / "double.npy", np.zeros((2, 3)))
+        np.savez(self.folder / "several.npz", x=np.zeros(3))
         for options, sentence in [
             (["--input", "x"], "--input x: NAME=FILE.npy is wanted"),
             (["--input", "x=nowhere.npy"], "--input x: nowhere.npy: No such file or directory"),
             (["--input", "x=model.onnx"], "--input x: model.onnx is no .npy file: "),
+            (["--input", "x=several.npz"], "--input x: several.npz is no .npy file: it is an archive of several"),
+            (["--run", "--tool", "/nowhere"], "--tool: there is no program '/nowhere' to run"),
+            (["--run", "--tool", "'"], "--tool: No closing quotation"),
             (["--input", "w=narrow.npy"], "the model has no input 'w'; it has x"),
             (["--input", "x=narrow.npy"], "input 'x' has shape [2, 3] and [2, 2] is given"),
             (["--input", "x=double.npy"], "input 'x' is float32 and float64 is given"),
@@ -210,6 +232,42 @@ class Conformance(unittest.TestCase):
             result, = backend.KelRtBackend.run_model(made, [x, *given.values()])
             s, b, m, v = (dict(constants, **given)[name][:, None] for name in ("scale", "bias", "mean", "variance"))
             np.testing.assert_allclose(result, (x - m) / np.sqrt(v + 1e-5) * s + b, rtol=1e-5, atol=1e-6)
+
+    def test_numbers_that_are_at_hand_and_yet_not_easy(self):
+        truth = TensorProto.BOOL
+        a, b, x = np.float32(np.arange(9).reshape(3, 3)), np.float32([1, 2, 4]), np.float32([[[1, 2], [3, 4]]])
+        tiny = {"s": np.float32([1e-39, 1]), "b": np.float32([5, 6]), "m": np.zeros(2, "f4"), "v": np.ones(2, "f4")}
+        for name, made, given, expected in [
+            ("a scale of almost nothing", model(("BatchNormalization", "x s b m v", "y", {}), constants=tiny,
+                                                inputs=[("x", [1, 2, 2])], outputs=[("y", [1, 2, 2])]),
+             [x], [[[5, 5], [9, 10]]]),
+            ("constants, broadcast the old way", model(("Add", "a b", "y", {"broadcast": 1, "axis": 0}), opset=6,
+                                                       inputs=[], outputs=[("y", [3, 3])],
+                                                       constants={"a": a, "b": b}), [], a + b[:, None]),
+            ("truth, broadcast the old way", model(("And", "a b", "y", {"broadcast": 1, "axis": 0}), opset=6,
+                                                   inputs=[("a", [3, 3], truth), ("b", [3], truth)],
+                                                   outputs=[("y", [3, 3], truth)]),
+             [a > 0, b > 1], (a > 0) & (b > 1)[:, None]),
+            ("a division by zero", model(("Div", "a z", "y", {}), inputs=[], outputs=[("y", [3])],
+                                         constants={"a": b, "z": np.zeros(3, "f4")}), [], np.full(3, np.inf)),
+        ]:
+            with self.subTest(name), warnings.catch_warnings():
+                warnings.simplefilter("error")
+                result, = backend.KelRtBackend.run_model(made, given)
+                np.testing.assert_allclose(result, expected, rtol=1e-4)
+        with self.assertRaisesRegex(backend.Refused, "0 inputs are given, and the model has x"):
+            backend.KelRtBackend.run_model(model(("Relu", "x", "y", {})), [])
+
+    def test_outputs_whose_files_would_have_one_name(self):
+        with tempfile.TemporaryDirectory() as folder:
+            made = model(("Relu", "x", "a/b", {}), ("Identity", "x", "a_b", {}),
+                         outputs=[("a/b", [2, 3]), ("a_b", [2, 3])])
+            path = pathlib.Path(folder) / "model.onnx"
+            path.write_bytes(made.SerializeToString())
+            np.save(path.parent / "x.npy", np.full((2, 3), -1, np.float32))
+            subprocess.run([TOOLS / "kelrt-onnx", path, "--tool", KELRT, "--input", f"x={path.parent / 'x.npy'}",
+                            "--out", path.parent / "out", "--run"], check=True, capture_output=True)
+            self.assertEqual([np.load(path.parent / f"out/out/{name}.npy").max() for name in ("a_b", "a_b_2")], [0, -1])
 
     def test_a_node_by_itself(self):
         x = np.float32([[1, -2], [3, 4]])

@@ -161,10 +161,10 @@ void run_threads(int count, int calls) {
 }  // namespace
 
 // Under a sanitizer the heap is that of its own.
-#if !defined(__SANITIZE_ADDRESS__)
+#if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)
 extern "C" {
 void* __libc_malloc(size_t size);
-void* malloc(size_t size) {
+__attribute__((visibility("default"))) void* malloc(size_t size) {
     constexpr size_t kLargest = 1500;  // a record takes more, the simulator's own list of calls less
     return heap_is_full && size > kLargest ? nullptr : __libc_malloc(size);
 }

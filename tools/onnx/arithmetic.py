@@ -3,6 +3,7 @@
 Tensors are float32 unless something else is said, and operands are broadcast against each other. Values that are not
 finite do not come through a choice (`choose` and what uses it), and a product of -0 is +0."""
 import math
+from collections.abc import Callable
 
 import numpy as np
 
@@ -115,7 +116,7 @@ def _dense(job: Job, *tensors: Tensor) -> list[Tensor]:
     return [job.floats(tensor.broadcast_to(shape)) for tensor in tensors]
 
 
-def fold(job: Job, combine, x: Tensor) -> Tensor:
+def fold(job: Job, combine: Callable[[Job, Tensor, Tensor], Tensor], x: Tensor) -> Tensor:
     """x [n, ...] -> [...], the first half with the second, half as often as there are elements left."""
     while len(x) > 1:
         half = len(x) // 2
@@ -223,6 +224,8 @@ def _widened(job: Job, small: Tensor) -> Tensor:
 
 def index(job: Job, indices: Tensor, size: int) -> Tensor:
     """Indices of `size` elements as floats [the same shape]; negative ones count from the end."""
+    if indices.dtype.kind == "f" and indices.dtype != np.float32:
+        raise JobError(f"no operator of the library takes indices of {indices.dtype}")
     flat = indices.reshape(-1)
     if indices.dtype == np.int64:  # Two words, of which the upper one is 0 or -1.
         words = job.convert(job.dense(flat).view("i4"), np.float32)

@@ -39,6 +39,8 @@ class KelRtModel(BackendRep):
         self.outputs = [value.name for value in model.graph.output]
 
     def run(self, inputs: Sequence[np.ndarray], **kwargs: object) -> tuple[np.ndarray, ...]:
+        if len(inputs) != len(self.inputs):
+            raise Refused(f"{len(inputs)} inputs are given, and the model has {', '.join(self.inputs) or 'none'}")
         for name, array in zip(self.inputs, inputs):
             self.job.set_input(name, np.asarray(array))
         result = self.job.run(command(), self.folder)

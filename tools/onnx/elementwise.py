@@ -1,5 +1,6 @@
 """Operators that take each element for itself."""
 import functools
+from collections.abc import Callable
 
 import numpy as np
 
@@ -9,10 +10,10 @@ from lower import Node, lowers
 from tensor import Tensor
 
 
-def _operands(node: Node) -> list[Tensor]:
-    """All inputs, floats. The old way of broadcasting, where an attribute says at which axis the second begins, is
-    turned into the new one."""
-    tensors = [node.floats(i) for i in range(len(node.inputs))]
+def _operands(node: Node, get: Callable[[Node, int], Tensor] = Node.floats) -> list[Tensor]:
+    """All inputs, floats or what else `get` allows. The old way of broadcasting, where an attribute says at which axis
+    the second begins, is turned into the new one."""
+    tensors = [get(node, i) for i in range(len(node.inputs))]
     if node.opset < 7 and node.get("broadcast") and len(tensors) == 2:
         a, b = tensors
         after = a.at.ndim - int(node.get("axis", a.at.ndim - b.at.ndim)) - b.at.ndim
@@ -164,7 +165,7 @@ def compare(node: Node) -> Tensor:
 def logic(node: Node) -> Tensor:
     """Truth values as 0 and 1."""
     job = node.job
-    a, *others = (arithmetic.to_floats(job, node.tensor(i)) for i in range(len(node.inputs)))
+    a, *others = (arithmetic.to_floats(job, tensor) for tensor in _operands(node, Node.tensor))
     if node.op == "Not":
         return arithmetic.to_truth(job, arithmetic.opposite(job, a))
     b = others[0]

@@ -3,11 +3,14 @@ import dataclasses
 import os
 import re
 import warnings
+from collections.abc import Sequence
 
 import google.protobuf.message
 import numpy as np
 import onnx
+import onnx.checker
 import onnx.defs
+import onnx.mapping
 import onnx.shape_inference
 from onnx import TensorProto, helper, numpy_helper
 
@@ -16,6 +19,7 @@ import missing
 
 DOMAINS = ("", "ai.onnx")
 NO_NUMBERS = (TensorProto.UNDEFINED, TensorProto.STRING, TensorProto.BFLOAT16)  # or none that numpy has
+POSITIVE = ("strides", "dilations", "kernel_shape", "group", "blocksize")  # ONNX's inference divides by some of them
 
 
 class Refused(Exception):
@@ -42,6 +46,9 @@ class Graph:
         if graph.sparse_initializer:
             raise Refused(f"initializer '{graph.sparse_initializer[0].values.name}' is sparse")
         self.constants = {tensor.name: self._array(tensor) for tensor in graph.initializer}
+        if self.opset > onnx.defs.onnx_opset_version():
+            raise Refused(f"the model is of operator set {self.opset}, and this ONNX knows those up to "
+                          f"{onnx.defs.onnx_opset_version()}")
         self._check_operators()
         self.values = self._values()
         self.inputs = {value.name: self._fixed(value) for value in graph.input if value.name not in self.constants}
@@ -49,9 +56,11 @@ class Graph:
 
     @staticmethod
     def _array(tensor: onnx.TensorProto) -> np.ndarray:
+        if tensor.data_type in NO_NUMBERS:
+            raise Refused(f"initializer '{tensor.name}' is no tensor of numbers that numpy has")
         try:
             return numpy_helper.to_array(tensor)
-        except (ValueError, TypeError) as error:
+        except (ValueError, TypeError, KeyError) as error:
             raise Refused(f"initializer '{tensor.name}' cannot be read: {first_line(error)}") from None
 
     def _values(self) -> dict[str, Value]:
@@ -75,8 +84,11 @@ class Graph:
         return value
 
     def _check_operators(self) -> None:
-        """Each has as many inputs as ONNX says. One that ONNX does not know is refused when it is lowered."""
+        """Each has the inputs and attributes that ONNX says. One that ONNX does not know is refused when it is
+        lowered."""
         imported = {entry.domain for entry in self.model.opset_import}
+        context = onnx.checker.C.CheckerContext()
+        context.ir_version, context.opset_imports = onnx.IR_VERSION, {"": self.opset}
         for node in self.model.graph.node:
             if node.domain not in (*imported, *DOMAINS):
                 raise Refused(f"{title(node)}: operators of the domain {node.domain} are not known")
@@ -89,6 +101,14 @@ class Graph:
             if not schema.min_input <= len(node.input) <= schema.max_input:
                 raise Refused(f"{title(node)}: it has {len(node.input)} inputs and takes {schema.min_input} to "
                               f"{schema.max_input}")
+            try:
+                if not any(attribute.HasField("g") for attribute in node.attribute):  # which read values around them
+                    onnx.checker.check_node(node, context)
+            except onnx.checker.ValidationError as error:
+                raise Refused(f"{title(node)}: {first_line(error)}") from None
+            for attribute in node.attribute:
+                if attribute.name in POSITIVE and min(attribute.ints or [attribute.i]) < 1:
+                    raise Refused(f"{title(node)}: its {attribute.name} is less than 1")
 
     def _check_order(self) -> None:
         known = {"", *self.constants, *self.inputs}
@@ -97,7 +117,11 @@ class Graph:
                 if name not in known:
                     raise Refused(f"{title(node)}: its input '{name}' is neither an input of the model nor made by a "
                                   "node before it")
-            known.update(node.output)
+            for name in filter(None, node.output):
+                if name in known:
+                    raise Refused(f"{title(node)}: it makes '{name}', which is there before it")
+                known.add(name)
+        known.remove("")
         for output in self.model.graph.output:
             if output.name not in known:
                 raise Refused(f"no node makes the model's output '{output.name}'")
@@ -131,7 +155,23 @@ def load(path: str | os.PathLike) -> onnx.ModelProto:
 def title(node: onnx.NodeProto) -> str:
     """The operator and the node's name, or else what it makes."""
     made = next((name for name in node.output if name), "")
-    return f"{node.op_type} '{node.name}'" if node.name else f"{node.op_type} that makes '{made}'"
+    return f"{node.op_type} {node.name!r}" if node.name else f"{node.op_type} that makes {made!r}"
+
+
+def check_types(node: onnx.NodeProto, opset: int, dtypes: Sequence[np.dtype | None]) -> None:
+    """Whether ONNX allows the operator inputs of these types, and together. None: left out."""
+    schema = onnx.defs.get_schema(node.op_type, opset, "")
+    allowed = {constraint.type_param_str: constraint.allowed_type_strs for constraint in schema.type_constraints}
+    same: dict[str, np.dtype] = {}
+    for i, dtype in enumerate(dtypes):
+        formal = schema.inputs[min(i, len(schema.inputs) - 1)]
+        if dtype is None:
+            continue
+        text = f"tensor({TensorProto.DataType.Name(onnx.mapping.NP_TYPE_TO_TENSOR_TYPE[dtype]).lower()})"
+        if text not in allowed.get(formal.typeStr, [formal.typeStr]):
+            raise Refused(f"input {i} is {dtype}, which its operator does not take")
+        if formal.isHomogeneous and same.setdefault(formal.typeStr, dtype) != dtype:
+            raise Refused(f"input {i} is {dtype} where another is {same[formal.typeStr]}, and ONNX wants one type")
 
 
 def attributes(node: onnx.NodeProto) -> dict[str, object]:

@@ -111,13 +111,15 @@ class Job(Operators):
     def set_input(self, name: str, array: np.ndarray) -> None:
         """Other values for the next run."""
         memory = self.inputs[name]
-        assert (array.dtype, array.shape) == (memory.dtype, memory.shape), (array.dtype, array.shape)
+        if (array.dtype, array.shape) != (memory.dtype, memory.shape):
+            raise JobError(f"input '{name}' is {memory.dtype} {list(memory.shape)} and {array.dtype} "
+                           f"{list(array.shape)} is given")
         memory.initial = np.ascontiguousarray(array).reshape(-1).view(np.uint8)
 
     def buffer(self, shape: Sequence[int], dtype: object = np.float32) -> Tensor:
         """Zeros [shape] on the CPU, for an operator to write."""
         self._buffered += math.prod(shape) * np.dtype(dtype).itemsize
-        self._check_bytes(self._buffered)
+        self.check_bytes(self._buffered)
         return self._memory("buffer", "cpu", np.zeros(shape, dtype))
 
     def output(self, name: str, tensor: Tensor) -> None:
@@ -146,7 +148,7 @@ class Job(Operators):
         return True
 
     @staticmethod
-    def _check_bytes(total: int) -> None:
+    def check_bytes(total: int) -> None:
         if total > MOST_BYTES:
             raise JobError(f"the job's memories take {total >> 20} MiB, and the tool has {MOST_BYTES >> 20}")
 
@@ -276,7 +278,7 @@ class Job(Operators):
         """The job's JSON, a context a line; the arrays that it names go into the folder."""
         used = sorted({value[0] for _, arguments in self.contexts for value in arguments if isinstance(value, tuple)}
                       | {memory.number for memory, _ in self.outputs.values()})
-        self._check_bytes(sum(len(self.memories[number].initial) for number in used))
+        self.check_bytes(sum(len(self.memories[number].initial) for number in used))
         memories = {self.memories[number].name: self._described(self.memories[number], folder) for number in used}
         lines = [json.dumps({"op": operator, "args": [self._spelt(value) for value in arguments]})
                  for operator, arguments in self.contexts]

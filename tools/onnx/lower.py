@@ -5,6 +5,7 @@ tensors that it makes, in the order of the node's outputs; it raises `Refused` w
 expressed. Shapes in their docstrings are ONNX's."""
 import collections
 import dataclasses
+import math
 from collections.abc import Callable, Sequence
 
 import numpy as np
@@ -130,12 +131,20 @@ def lower(model: onnx.ModelProto, inputs: dict[str, np.ndarray], options: Option
 
 def _input(name: str, value: graph.Value, given: np.ndarray | None) -> np.ndarray:
     if given is None:
-        return np.zeros(value.shape, value.dtype)
+        return _zeros(f"input '{name}'", value)
     if given.dtype != value.dtype:
         raise Refused(f"input '{name}' is {value.dtype} and {given.dtype} is given")
     if given.shape != value.shape:
         raise Refused(f"input '{name}' has shape {list(value.shape)} and {list(given.shape)} is given")
     return given
+
+
+def _zeros(what: str, value: graph.Value) -> np.ndarray:
+    try:
+        Job.check_bytes(math.prod(value.shape) * value.dtype.itemsize)
+    except JobError as error:
+        raise Refused(f"{what}: {error}") from None
+    return np.zeros(value.shape, value.dtype)
 
 
 def _lower_node(proto: onnx.NodeProto, shapes: Graph, job: Job, tensors: dict[str, Tensor],
@@ -147,7 +156,7 @@ def _lower_node(proto: onnx.NodeProto, shapes: Graph, job: Job, tensors: dict[st
         results = _results(proto, shapes, job, tensors, options, values)
     except (Refused, JobError) as refused:
         del job.contexts[before:]
-        results = [_stand_in(job, value) for value in values]
+        results = [_stand_in(job, title(proto), value) for value in values]
         tensors |= {name: result for name, result in zip(proto.output, results) if result is not None}
         return Lowered(title(proto), proto.op_type, collections.Counter(), str(refused))
     tensors |= dict(zip(proto.output, results))
@@ -162,22 +171,26 @@ def _results(proto: onnx.NodeProto, shapes: Graph, job: Job, tensors: dict[str, 
         if name and name not in tensors:
             raise Refused(f"its input '{name}' is made by a node that is refused")
     inputs = [tensors[name] if name else None for name in proto.input]
-    node = Node(job, proto.op_type, shapes.opset, inputs, graph.attributes(proto), values, options, len(proto.output))
     try:
-        made = _made(node)
-    except (ValueError, IndexError, KeyError, TypeError) as error:  # of shapes and attributes as they must not be
+        made = _made(Node(job, proto.op_type, shapes.opset, inputs, graph.attributes(proto), values, options,
+                          len(proto.output)))
+    except (ValueError, LookupError, TypeError, AttributeError, ArithmeticError) as error:
+        # Of shapes and attributes as they must not be.
         raise Refused(f"its inputs and attributes do not fit together: {graph.first_line(error)}") from error
     except MemoryError:
         raise Refused("it takes more memory than there is") from None
     _check(proto, made, values)
+    graph.check_types(proto, shapes.opset, [None if tensor is None else tensor.dtype for tensor in inputs])
     return made
 
 
 def _made(node: Node) -> list[Tensor]:
     """By folding, without computing as there is nothing to compute, or by the function for the operator."""
-    if node.op in folding.FOLDS and all(tensor is None or node.job.is_constant(tensor) for tensor in node.inputs):
+    foldable = node.op in folding.FOLDS and not node.get("broadcast")  # the old way to broadcast is not numpy's
+    if foldable and all(tensor is None or node.job.is_constant(tensor) for tensor in node.inputs):
         arrays = [None if tensor is None else node.job.value(tensor) for tensor in node.inputs]
-        return [node.job.constant(folding.FOLDS[node.op](node.attributes, *arrays))]
+        with np.errstate(all="ignore"):  # infinities and what is not a number are results, too
+            return [node.job.constant(folding.FOLDS[node.op](node.attributes, *arrays))]
     if node.op not in LOWERINGS:
         raise Refused(missing.reason(node.op, node.opset))
     if node.outputs and all(value and value.shape is not None and 0 in value.shape for value in node.outputs):
@@ -199,11 +212,11 @@ def _check(proto: onnx.NodeProto, made: list[Tensor], values: list[graph.Value |
             raise Refused(f"its output '{name}' is declared {list(value.shape)} and would be {list(tensor.shape)}")
 
 
-def _stand_in(job: Job, value: graph.Value | None) -> Tensor | None:
+def _stand_in(job: Job, node: str, value: graph.Value | None) -> Tensor | None:
     """In place of what a refused node would make."""
     if value is None or value.shape is None:
         return None
-    return job.input("refused", np.zeros(value.shape, value.dtype))
+    return job.input("refused", _zeros(f"{node}: what it makes", value))
 
 
 # Each registers its functions.

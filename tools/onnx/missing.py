@@ -19,7 +19,7 @@ REASONS = {
         Bernoulli Multinomial RandomNormal RandomNormalLike RandomUniform RandomUniformLike""",
     "arithmetic is lowered for float32 alone": """
         BitShift BitwiseAnd BitwiseNot BitwiseOr BitwiseXor ConvInteger MatMulInteger QLinearConv QLinearMatMul""",
-    "it is for training": "Adagrad Adam Gradient Momentum NegativeLogLikelihoodLoss",
+    "it is for training": "NegativeLogLikelihoodLoss",
 }
 _BY_OPERATOR = {operator: reason for reason, operators in REASONS.items() for operator in operators.split()}
 

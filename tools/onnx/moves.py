@@ -28,7 +28,9 @@ def reshape(node: Node) -> Tensor:
 def flatten(node: Node) -> Tensor:
     x = node.tensor()
     axis = int(node.get("axis", 1))
-    first = math.prod(x.shape[: axis % x.at.ndim if axis < 0 else axis])
+    if abs(axis) > x.at.ndim:
+        raise Refused(f"its axis {axis} is outside of its input's {x.at.ndim} dimensions")
+    first = math.prod(x.shape[: axis + x.at.ndim if axis < 0 else axis])
     return x.reshape(first, x.size // first if first else 0)
 
 
@@ -170,7 +172,9 @@ def upsample(node: Node) -> Tensor:
     x, shape = node.tensor(), node.shape()
     if node.get("mode", "nearest") != "nearest" or node.op == "Resize":
         raise Refused("only Upsample by repetition is lowered")
-    if any(n % own for n, own in zip(shape, x.shape)):
+    known = node.job.value(node.inputs[1]) if node.has(1) and node.job.is_constant(node.inputs[1]) else ()
+    scales = node.get("scales", known)
+    if any(n % own for n, own in zip(shape, x.shape)) or any(scale % 1 for scale in scales):
         raise Refused("its scales are no integers")
     at = x.at
     for axis, (n, own) in enumerate(zip(shape, x.shape)):

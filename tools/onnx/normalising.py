@@ -90,8 +90,10 @@ def batch_normalization(node: Node) -> list[Tensor]:
     if all(job.is_constant(node.floats(i)) for i in (1, 2, 3)) and job.value(node.floats(1)).all():
         # Constants fold into one mean and one divisor.
         scale, bias, mean = (job.value(node.floats(i)).astype(np.float64) for i in (1, 2, 3))
-        return [arithmetic.normalised(job, x, *(_by_channel(job.constant(array.astype(np.float32)), x)
-                                                for array in (mean - bias * deviation / scale, deviation / scale)))]
+        with np.errstate(over="ignore"):
+            folded = np.float32([mean - bias * deviation / scale, deviation / scale])
+        if np.isfinite(folded).all():  # a scale that training has driven to almost nothing is not divided by
+            return [arithmetic.normalised(job, x, *(_by_channel(job.constant(array), x) for array in folded))]
     deviations = job.constant(deviation.astype(np.float32))
     scale, bias, mean, divisor = (_by_channel(tensor, x) for tensor in (*map(node.floats, (1, 2, 3)), deviations))
     return [job.add(arithmetic.multiply(job, arithmetic.normalised(job, x, mean, divisor), scale), bias)]

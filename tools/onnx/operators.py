@@ -43,6 +43,8 @@ class Operators:
         """a [m, k] times b [k, n] -> [m, n]. Either may be given as the .T of a dense matrix: the operator then
         transposes a copy."""
         (m, k), n = a.shape, b.shape[1]
+        if b.shape[0] != k:
+            raise ValueError(f"matrices of {list(a.shape)} and {list(b.shape)} have no product")
         if k == 0:
             return self.constant(np.zeros((m, n), np.float32))
         (a, a_turned), (b, b_turned) = self._factor(a), self._factor(b)

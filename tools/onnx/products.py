@@ -171,6 +171,8 @@ def reduce(node: Node) -> Tensor:
         rows = arithmetic.maximum(job, rows, arithmetic.negate(job, rows))
     halves = {"ReduceMax": arithmetic.maximum, "ReduceMin": arithmetic.minimum, "ReduceProd": arithmetic.multiply}
     if node.op in halves:
+        if not rows.shape[1]:
+            raise Refused("it reduces an axis of no elements")
         result = arithmetic.fold(job, halves[node.op], job.dense(rows.T))
     else:
         result = arithmetic.mean(job, rows) if node.op == "ReduceMean" else arithmetic.total(job, rows)

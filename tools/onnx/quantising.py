@@ -4,6 +4,7 @@ import numpy as np
 import arithmetic
 from graph import Refused
 from lower import Node, lowers
+from moves import axis_of
 from tensor import Tensor
 
 
@@ -15,7 +16,7 @@ def _parameters(node: Node, dtype: object) -> tuple[Tensor, Tensor]:
         arithmetic.to_floats(node.job, zero)
     if step.size == 1:
         return step.reshape(), zero.reshape()
-    axis = int(node.get("axis", 1)) % x.at.ndim
+    axis = axis_of(node, default=1)
     along = (-1, *[1] * (x.at.ndim - axis - 1))
     return step.reshape(*along), zero.reshape(*along)
 

@@ -30,10 +30,23 @@ def _checked(node: Node) -> list[bool]:
     functions = [name.decode() for name in node.get("activations", [])]
     if functions and functions != ["Sigmoid", "Tanh", "Tanh"] * len(directions):
         raise Refused(f"its activations are {', '.join(functions)}, and the library's are Sigmoid, Tanh, Tanh")
+    _check_shapes(node, len(directions))
     steps = node.tensor(0).shape[1 if node.get("layout") else 0]
     if node.has(4) and (node.constant(4, "the length of each sequence") != steps).any():
         raise Refused("its sequences have different lengths")
     return directions
+
+
+def _check_shapes(node: Node, directions: int) -> None:
+    x, h = node.floats(0), node.floats(2).shape[-1]
+    batch = x.shape[0 if node.get("layout") else 1]
+    state = (batch, directions, h) if node.get("layout") else (directions, batch, h)
+    for i, shape in {1: (4 * h, x.shape[2]), 2: (4 * h, h), 3: (8 * h,), 7: (3 * h,)}.items():
+        if node.has(i) and node.tensor(i).shape != (directions, *shape):
+            raise Refused(f"input {i} has shape {list(node.tensor(i).shape)} and not {[directions, *shape]}")
+    for i in (5, 6):
+        if node.has(i) and node.tensor(i).shape != state:
+            raise Refused(f"input {i} has shape {list(node.tensor(i).shape)} and not {list(state)}")
 
 
 class _Direction:

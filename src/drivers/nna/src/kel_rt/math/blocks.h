@@ -137,6 +137,9 @@ void for_blocks(uint32_t n, When when, Function f, Out* out, const In*... in) {
 // every call would have to pass.
 template <uint32_t block = 4, class One>
 void for_tail(uint32_t n, One one) {
+#if defined(__clang__)
+#pragma clang loop vectorize(disable)
+#endif
     for (uint32_t left = n % block; left > 0; --left)
         one(size_t{n - left});
 }

@@ -14,7 +14,7 @@ namespace {
 #if defined(__SSE4_1__) && !defined(KELRT_LANES_PORTABLE)
 
 // By their words, with three integer operations a vector where the floating-point extremes of lanes_x86.h
-// take nine. As integers without sign, numbers below zero are the largest words, the lower the larger; as
+// take 30. As integers without sign, numbers below zero are the largest words, the lower the larger; as
 // integers with one, what is not below zero has the order of its words. So whichever signs there are, both
 // extremes are among these three; -0 is below +0 and NaN outside of the infinities, as the unit has it. What
 // is subnormal is flushed at the end, which comes to the same since flushing keeps the order.

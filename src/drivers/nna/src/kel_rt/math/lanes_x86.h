@@ -9,7 +9,7 @@
 // - Minima, maxima, saturation, estimates and their steps, each put right where it is written.
 //
 // Under a flush mode even x * 1 has an effect, of which compilers know nothing: they would drop it. So
-// nothing here flushes by arithmetic of no other effect.
+// nothing here flushes by arithmetic of no other effect, but by masks.
 #pragma once
 
 #include <emmintrin.h>
@@ -59,6 +59,11 @@ inline bool any(__m128i mask) {
 }
 inline __m128i nan_lanes(__m128 a) {
     return words(_mm_cmpunord_ps(a, a));
+}
+inline __m128 flush(__m128 a) {
+    const __m128i exponent = _mm_and_si128(words(a), all(0x7F800000u));
+    const __m128i tiny = _mm_cmpeq_epi32(exponent, _mm_setzero_si128());
+    return floats(_mm_andnot_si128(_mm_srli_epi32(tiny, 1), words(a)));
 }
 
 // ---- the operations
@@ -114,9 +119,11 @@ inline Floats div(Floats a, Floats b) {
 }
 
 // `minps` returns its second operand for two zeros and when either operand is NaN. Both ways round, or-ed: a
-// negative zero keeps its sign and a NaN stays one; any other pair gives the same value twice.
+// negative zero keeps its sign and a NaN stays one; any other pair gives the same value twice. Not every
+// processor flushes in a minimum as in a sum (qemu's do not).
 inline Floats min(Floats a, Floats b) {
-    return {_mm_or_ps(_mm_min_ps(a.v, b.v), _mm_min_ps(b.v, a.v))};
+    const __m128 x = flush(a.v), y = flush(b.v);
+    return {_mm_or_ps(_mm_min_ps(x, y), _mm_min_ps(y, x))};
 }
 inline Floats neg(Floats a) {
     return {_mm_xor_ps(a.v, _mm_set1_ps(-0.0f))};

@@ -11,6 +11,7 @@
 #include <sys/resource.h>
 
 #include <atomic>
+#include <cerrno>
 #include <cstdio>
 #include <cstdlib>
 #include <string>
@@ -103,7 +104,10 @@ void run_shared() {
         const auto at = [&](uint32_t element) { return rig::mem(m, 4 * element); };
         const auto value = [](uint32_t number) { return rig::val(number); };
         // One after the other: the CPU has not seen the memory when the sum's output is resolved.
+        errno = 7;
         const uint32_t sum = rig.run(4, {at(0), at(0), at(4), value(4)});
+        if (turn == 0)
+            std::printf("errno %d\n", errno);
         const uint32_t product =
             rig.run(10, {at(0), at(4), at(8), value(2), value(2), value(2), value(2), value(1), value(0)});
         std::printf("sum %u product %u", sum, product);

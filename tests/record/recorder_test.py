@@ -149,7 +149,9 @@ class GivesUp(RecorderTest):
         for file, reason in [("missing/calls", "No such file or directory"), (".", "Is a directory"),
                              ("text", "this is no file of records"), ("pipe", "this is no file of records"),
                              ("/dev/full", "this is no file of records")]:
-            self.assert_gives_up(reason, self.drive("contexts", 1, 38, KELRT_RECORD=file))
+            lines = self.drive("shared", KELRT_RECORD=file)
+            self.assert_gives_up(reason, lines)
+            self.assertIn("errno 7", lines)
         self.assertEqual((self.folder / "text").read_text(), "a driver's configuration\n")
 
     def test_for_a_limit_that_it_does_not_understand(self):
@@ -276,6 +278,14 @@ class Replays(RecorderTest):
                 if record["op"] != "nna_sram_get":  # of which accelerator memory shows nothing
                     self.assertEqual(path.read_bytes()[:80], after[:80])
 
+    def test_a_damaged_beginning(self):
+        """What follows it is replayed, and checked."""
+        self.file.write_bytes(b"\0" + self.file.read_bytes()[1:])
+        self.assertEqual(self.replay(code=2)["total"]["equal"], 37)
+        result = self.kelrt("check", self.file)
+        self.assertEqual((result.returncode, result.stderr), (2, f"kelrt: {self.file}: byte 0: no record begins here\n"))
+        self.assertIn(" in 37 contexts\n", result.stdout)
+
     def test_options_that_make_no_sense(self):
         for words, sentence in [
             (["none", self.file, "--quiet"], "none: cannot open the file (No such file or directory)"),
@@ -284,6 +294,8 @@ class Replays(RecorderTest):
             (["none"], "none: cannot open the file (No such file or directory)"),
             ([self.file, "--index", "x"], "--index: 'x' is not the number of a record"),
             ([self.file, "--dump", ""], "--dump: the name of a folder is wanted"),
+            ([self.file, "--report", "r", "--trace", "r"], "--trace r: the report goes into this file"),
+            (["/dev/zero", "--quiet"], "/dev/zero: this is no regular file, and there are 512 MiB or more in it"),
         ]:
             result = self.kelrt("replay", *words)
             self.assertEqual((result.returncode, result.stderr), (2, f"kelrt: {sentence}\n"))
@@ -293,6 +305,7 @@ class Replays(RecorderTest):
         rows = {row["op"]: row for row in report["profile"]["operators"]}
         self.assertEqual({row["calls"] for row in rows.values()}, {6})
         self.assertAlmostEqual(sum(row["share"] for row in rows.values()), 1, 5)
+        self.assertEqual({row["op"]: row["equal"] for row in report["operators"]}, dict.fromkeys(rows, 2))
         trace = json.loads((self.folder / "trace.json").read_text())["traceEvents"]
         self.assertEqual(len(trace), 3 * 38)
         self.assertTrue(all(event["ph"] == "X" and event["dur"] >= 0 for event in trace))

@@ -203,6 +203,8 @@ class Refusals(KelrtTest):
              "contexts[0].args[4]: mem of nna_sram_get must be a memory"),
             # arguments by name, labels
             (with_names(a=X, b=Y, n=4), "contexts[0].args: the argument out of cpu_ewop_add is missing"),
+            (with_names(out=Z, a=X, bb=Y, n=4),
+             "contexts[0].args.bb: cpu_ewop_add has no such argument; it has out, a, b, n"),
             (with_names(out=Z, a=X, b=Y, n=4, m=5),
              "contexts[0].args.m: cpu_ewop_add has no such argument; it has out, a, b, n"),
             (with_names(out=Z, a=X, b=Y, n=5),

@@ -16,7 +16,10 @@ namespace {
 
 class Audit {
   public:
-    Audit(Job& job, const IndexOf& index) : job_(job), index_(index), uses_(job.memories.size()) {}
+    Audit(Job& job, const IndexOf& index) : job_(job), index_(index), uses_(job.memories.size()) {
+        for (const uint32_t id : job.outputs)
+            uses_[id].is_output = true;
+    }
 
     std::vector<Finding> findings() {
         for (size_t i = 0; i < job_.contexts.size(); ++i) {
@@ -33,7 +36,7 @@ class Audit {
 
   private:
     struct Uses {
-        bool named = false, published = false;
+        bool named = false, published = false, is_output = false;
     };
 
     void add(bool is_error, const std::string& argument, std::string what, uint32_t status = 0) {
@@ -126,9 +129,7 @@ class Audit {
         current_ = Finding::kWholeJob;
         for (size_t id = 0; id < job_.memories.size(); ++id) {
             const std::string memory = "memory " + job_.memories[id].name;
-            const bool is_output =
-                std::find(job_.outputs.begin(), job_.outputs.end(), id) != job_.outputs.end();
-            if (is_output && !uses_[id].published)
+            if (uses_[id].is_output && !uses_[id].published)
                 add(false, "", memory + " is an output, and no context publishes it");
             else if (!uses_[id].named)
                 add(false, "", memory + " is named by no context");

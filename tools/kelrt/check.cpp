@@ -88,8 +88,7 @@ class Operands {
   private:
     std::string who(size_t i) const { return std::string(op_.arguments[i].name) + " of " + op_.name; }
 
-    // The SRAM operators ignore their memory's offset.
-    uint32_t offset(size_t i) const { return moves_sram(id_of(op_)) ? 0 : given_[i].offset; }
+    uint32_t offset(size_t i) const { return start_of(op_, given_[i].offset); }
 
     // Bytes of the memory rather than of the operand.
     Range placed(size_t i, Range range) const {

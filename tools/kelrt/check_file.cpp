@@ -18,17 +18,19 @@
 namespace tool {
 namespace {
 
-// Only a regular file can be looked into and then read from its start.
+// Only a regular file can be looked into and then read from its start. The first record may be damaged, and
+// no JSON has the bytes that one begins with.
 bool holds_records(const std::string& file) {
     const int fd = ::open(file.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK);
     struct stat info {};
-    std::array<uint8_t, record::kMagic.size()> magic{};
-    const bool holds = fd >= 0 && ::fstat(fd, &info) == 0 && S_ISREG(info.st_mode) &&
-                       ::read(fd, magic.data(), magic.size()) == static_cast<ssize_t>(magic.size()) &&
-                       magic == record::kMagic;
+    std::vector<uint8_t> front(1 << 16);
+    const bool is_regular = fd >= 0 && ::fstat(fd, &info) == 0 && S_ISREG(info.st_mode);
+    const ssize_t count = is_regular ? ::read(fd, front.data(), front.size()) : 0;
+    front.resize(count > 0 ? static_cast<size_t>(count) : 0);
     if (fd >= 0)
         ::close(fd);
-    return holds;
+    return std::search(front.begin(), front.end(), record::kMagic.begin(), record::kMagic.end()) !=
+           front.end();
 }
 
 // The calls of a file in their order, as one job. A memory whose size or kind changes is another memory from

@@ -81,7 +81,7 @@ void add_measuring_options(CLI::App& command, tool::Options& options) {
     command
         .add_option_function<std::string>(
             "--repeat", [&](const std::string& text) { options.repeat = *read_repetitions(text); },
-            "how often, from the same start; shows least and median times")
+            "how often, from the same start")
         ->check(repetitions)
         ->default_str("1");
 }
@@ -120,6 +120,11 @@ void add_replay_options(CLI::App& command, tool::ReplayOptions& options, std::st
             [&](const std::string& text) { options.index = *tool::to_u32(*tool::read_number(text)); },
             "only the record of this number in its file, from 0")
         ->check(index);
+}
+
+void refuse_one_file_for_two(const tool::Options& options) {
+    if (!options.report.empty() && options.report == options.trace)
+        throw tool::BadInput("--trace " + options.trace + ": the report goes into this file");
 }
 
 int list_operators(const std::string& name) {
@@ -195,6 +200,7 @@ int run(int argc, char** argv) {
 
     if (const auto code = parse(app, argc, argv))
         return *code;
+    refuse_one_file_for_two(replay->parsed() ? replay_options : options);
     g_log_lvl = kLogLevels.at(replay->parsed() ? replay_log : log);
     if (check->parsed())
         return tool::check_file(checked_file, check_options.report);

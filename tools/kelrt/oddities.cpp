@@ -12,10 +12,6 @@ struct Rule {
     const char* what;
 };
 
-uint64_t end_of_rows(Values v) {
-    return v[5] == 0 ? 0 : v[2] + uint64_t{v[5] - 1} * v[4] + v[3];
-}
-
 bool is_negative(uint32_t value) {
     return value > INT32_MAX;
 }
@@ -33,8 +29,8 @@ bool measures_integers(Values v) {
     return chooses_scale(2, v) && v[7] != UINT32_MAX;
 }
 
-bool writes_past_32_bits(Values v) {
-    return end_of_rows(v) > uint64_t{1} << 32;
+bool reaches_past_32_bits(Values v) {
+    return sram_addresses(v).end > uint64_t{1} << 32;
 }
 
 bool rows_meet(Values v) {
@@ -68,8 +64,8 @@ constexpr Rule kRules[] = {
      "the last frame is not whole, and is not normalised"},
     {16, false, 4, [](Values v) { return v[6] == 0 || v[4] % v[6] != 0; },
      "elements after the last whole line are not converted"},
-    {17, true, 2, writes_past_32_bits, kWrapped},
-    {18, true, 2, writes_past_32_bits, kWrapped},
+    {17, true, 2, reaches_past_32_bits, kWrapped},
+    {18, true, 2, reaches_past_32_bits, kWrapped},
     {17, false, 4, rows_meet, kRowsMeet},
     {18, false, 4, rows_meet, kRowsMeet},
 };
@@ -99,11 +95,11 @@ void check_oddities(const Operator& op, std::span<const KelRtContextArg> argumen
                      "offset " + std::to_string(given.offset) + " cuts elements of " +
                          std::to_string(alignment) + " bytes");
     }
-    const bool moves_rows = moves_sram(id_of(op)) && end_of_rows(values) > values[2];
-    if (!moves_rows || !job.sram)
+    if (!moves_sram(id_of(op)) || !job.sram)
         return;
+    const Range rows = sram_addresses(values);
     const uint64_t sram_end = job.sram->base + job.sram->initial.bytes.size();
-    if (values[2] < job.sram->base || end_of_rows(values) > sram_end)
+    if (rows.length() > 0 && (rows.begin < job.sram->base || rows.end > sram_end))
         complain(true, 0,
                  "rows lie outside the SRAM, from " + std::to_string(job.sram->base) + " to " +
                      std::to_string(sram_end));

@@ -480,6 +480,11 @@ Range Lookup::row(float index_value, Values values) const {
     return {begin, begin + size};
 }
 
+Range sram_addresses(Values v) {
+    const uint64_t address = v[2], row_size = v[3], stride = v[4], rows = v[5];
+    return {address, rows == 0 ? address : address + (rows - 1) * stride + row_size};
+}
+
 bool chooses_scale(uint32_t operator_id, Values values) {
     return operator_id == 2 && values[3] == 8 && values[5] == 0;
 }

@@ -119,6 +119,14 @@ inline bool moves_sram(uint32_t operator_id) {
     return operator_id == 17 || operator_id == 18;
 }
 
+// Where an operand begins in its memory: the SRAM operators ignore the offset.
+inline uint32_t start_of(const Operator& op, uint32_t offset) {
+    return moves_sram(id_of(op)) ? 0 : offset;
+}
+
+// Addresses that the rows of an SRAM operator take; beyond 32 bits they wrap.
+Range sram_addresses(Values values);
+
 // Whether a context lets the operator choose the scale of its output, which it tells as a shift.
 bool chooses_scale(uint32_t operator_id, Values values);
 

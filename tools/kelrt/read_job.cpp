@@ -203,6 +203,12 @@ class JobReader {
     static std::vector<Json> in_order(const Json& args, const Operator* op) {
         if (!op)
             args.fail("the arguments of an operator without a name have none either");
+        // First, since a misspelled one is missing too.
+        for (const auto& [name, member] : args.members()) {
+            const auto is_called = [&key = name](const Argument& argument) { return key == argument.name; };
+            if (std::none_of(op->arguments.begin(), op->arguments.end(), is_called))
+                member.fail(std::string(op->name) + " has no such argument; it has " + names_of(*op));
+        }
         std::vector<Json> elements;
         elements.reserve(op->arguments.size());
         for (const Argument& argument : op->arguments) {
@@ -210,11 +216,6 @@ class JobReader {
             if (!element)
                 args.fail("the argument " + std::string(argument.name) + " of " + op->name + " is missing");
             elements.push_back(*element);
-        }
-        for (const auto& [name, member] : args.members()) {
-            const auto is_called = [&key = name](const Argument& argument) { return key == argument.name; };
-            if (std::none_of(op->arguments.begin(), op->arguments.end(), is_called))
-                member.fail(std::string(op->name) + " has no such argument; it has " + names_of(*op));
         }
         return elements;
     }

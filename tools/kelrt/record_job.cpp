@@ -20,7 +20,7 @@ std::vector<uint32_t> values_of_record(const Record& record) {
 }
 
 uint32_t offset_of(const Record& record, size_t position) {
-    return moves_sram(id_of(*record.op)) ? 0 : record.arguments[position].offset;
+    return start_of(*record.op, record.arguments[position].offset);
 }
 
 Range placed(const Record& record, size_t position, Range range) {
@@ -65,11 +65,12 @@ npy::Array initial_of(const Record& record, uint32_t memory, Range extent) {
 // What SRAM must have held: what a get brought is read from there again, and a set finds room.
 Sram sram_of(const Record& record) {
     const auto values = values_of_record(record);
-    const uint32_t address = values[2], row_size = values[3], stride = values[4], rows = values[5];
-    const uint64_t size = rows == 0 ? 0 : uint64_t{rows - 1} * stride + row_size;
-    if (size > kMaxBytes || address + size > uint64_t{1} << 32)
+    const uint32_t row_size = values[3], stride = values[4], rows = values[5];
+    const Range addresses = sram_addresses(values);
+    const uint64_t size = addresses.length();
+    if (size > kMaxBytes || addresses.end > uint64_t{1} << 32)
         throw BadInput("its rows of SRAM reach too far to be run here");
-    Sram sram{address, {npy::Type::u1, {static_cast<size_t>(size)}, {}}};
+    Sram sram{values[2], {npy::Type::u1, {static_cast<size_t>(size)}, {}}};
     sram.initial.bytes.resize(sram.initial.shape[0]);
     const size_t memory = record.find_memory(values[6]);
     const Range packed = {0, uint64_t{rows} * row_size};

@@ -17,13 +17,15 @@ namespace {
 constexpr size_t kMaxDamages = 100;
 
 std::vector<uint8_t> read_file(const std::string& path) {
-    constexpr size_t kPiece = 1 << 16;
+    constexpr size_t kPiece = 1 << 16, kMostUnsized = size_t{512} << 20;
     std::vector<uint8_t> contents;
     try {
         npy::InputFile file(path);
         size_t size = 0;
         do {
             size = contents.size();
+            if (size >= kMostUnsized && !file.is_regular())
+                throw BadInput(path + ": this is no regular file, and there are 512 MiB or more in it");
             contents.resize(size + std::max(size, kPiece));
             contents.resize(size + file.read(contents.data() + size, contents.size() - size));
         } while (contents.size() == size + std::max(size, kPiece));

@@ -170,6 +170,11 @@ struct Row {
     double recorded_us = 0, here_us = 0;
 };
 
+// A row for each operator, one for contexts that were refused, and one for all.
+const char* name_of_row(size_t row) {
+    return row < KEL_RT_NUM_OPS ? kOperators[row].name : row == KEL_RT_NUM_OPS ? "(refused)" : "total";
+}
+
 class Replay {
   public:
     // With what was wrong with files that could not even be read.
@@ -294,15 +299,10 @@ class Replay {
                     "differ", "not run", "recorded us", "here us");
         for (size_t i = 0; i < rows_.size(); ++i) {
             const Row& row = rows_[i];
-            const bool is_total = i + 1 == rows_.size();
-            if (row.records == 0 && !is_total)
+            if (row.records == 0 && i + 1 < rows_.size())
                 continue;
-            std::printf("%-36s %8zu %8zu %8zu %8zu %8zu %12.1f %12.1f\n",
-                        is_total             ? "total"
-                        : i < KEL_RT_NUM_OPS ? kOperators[i].name
-                                             : "(refused)",
-                        row.records, row.equal, row.by_maths, row.different, row.not_run, row.recorded_us,
-                        row.here_us);
+            std::printf("%-36s %8zu %8zu %8zu %8zu %8zu %12.1f %12.1f\n", name_of_row(i), row.records,
+                        row.equal, row.by_maths, row.different, row.not_run, row.recorded_us, row.here_us);
         }
         if (all.by_maths > 0)
             std::printf(
@@ -350,20 +350,29 @@ class Replay {
         report_.end().key("damages").begin('[');
         for (const std::string& damage : damages_)
             report_.text(damage);
-        report_.end()
-            .key("total")
-            .begin('{')
-            .key("records")
-            .number(all.records)
-            .key("equal")
-            .number(all.equal);
-        report_.key("maths").number(all.by_maths).key("different").number(all.different);
-        report_.key("not_run").number(all.not_run).end();
+        report_.end().key("operators").begin('[');
+        for (size_t i = 0; i + 1 < rows_.size(); ++i) {
+            if (rows_[i].records == 0)
+                continue;
+            report_.begin('{').key("op").text(name_of_row(i));
+            write(rows_[i]);
+            report_.end();
+        }
+        report_.end().key("total").begin('{');
+        write(all);
+        report_.end();
         write_results(options_, report_, profile_);
     }
 
+    void write(const Row& row) {
+        report_.key("records").number(row.records).key("equal").number(row.equal);
+        report_.key("maths").number(row.by_maths).key("different").number(row.different);
+        report_.key("not_run").number(row.not_run);
+        report_.key("recorded_us").real(row.recorded_us).key("here_us").real(row.here_us);
+    }
+
     const ReplayOptions& options_;
-    std::array<Row, KEL_RT_NUM_OPS + 2> rows_;  // by operator, then contexts that were refused, then all
+    std::array<Row, KEL_RT_NUM_OPS + 2> rows_;
     std::vector<std::string> damages_;
     size_t shown_ = 0;
     Profile profile_;

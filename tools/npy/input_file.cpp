@@ -14,7 +14,9 @@ InputFile::InputFile(const std::string& path)
     if (fd_ < 0)
         throw Error(with_reason("cannot open the file"));
     struct stat info {};
-    if (::fstat(fd_, &info) == 0 && S_ISFIFO(info.st_mode))
+    const bool is_known = ::fstat(fd_, &info) == 0;
+    is_regular_ = is_known && S_ISREG(info.st_mode);
+    if (is_known && S_ISFIFO(info.st_mode))
         look_into_pipe();
     // Only opening was not to wait.
     ::fcntl(fd_, F_SETFL, ::fcntl(fd_, F_GETFL) & ~O_NONBLOCK);

@@ -15,6 +15,9 @@ class InputFile {
     InputFile(const InputFile&) = delete;
     InputFile& operator=(const InputFile&) = delete;
 
+    // A pipe or a device is none, and may go on without end.
+    bool is_regular() const { return is_regular_; }
+
     // Fills `to`; fewer bytes only at the end of the file.
     size_t read(void* to, size_t size);
 
@@ -22,6 +25,7 @@ class InputFile {
     void look_into_pipe();
 
     int fd_;
+    bool is_regular_ = false;
     bool has_first_ = false;  // the byte that look_into_pipe had to take out
     char first_ = 0;
 };

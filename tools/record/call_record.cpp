@@ -110,8 +110,7 @@ void CallRecord::add_memory(uint32_t id) {
 void CallRecord::add_parts(size_t position, When when) {
     const tool::Argument& argument = op_->at(position);
     const uint32_t memory = index_of(values_[position]);
-    // The SRAM operators ignore their memory's offset.
-    const uint32_t offset = tool::moves_sram(tool::id_of(*op_)) ? 0 : arguments_[position].offset;
+    const uint32_t offset = tool::start_of(*op_, arguments_[position].offset);
     const tool::Values values(values_, argument_count_);
     const auto add = [&](tool::Range range) {
         if (range.length() > 0)

@@ -48,7 +48,9 @@ void open_file() {
         recording = true;
 }
 
+// Within the driver's first call, whose errno it leaves as it was.
 void set_up() {
+    const int error = errno;
     const char* const wrong = read_limits(limits_);
     if (!limits_.file)
         return;
@@ -59,6 +61,7 @@ void set_up() {
         give_up(wrong, EINVAL);
     else
         open_file();
+    errno = error;
 }
 
 // Writing beyond a file size limit raises a signal that would end the driver: it is held back and taken away,

@@ -91,11 +91,12 @@ uint32_t execute_recorded(KelRtInstance* instance, const KelRtContext* context, 
         fixed.out_shift_before = instance->out_shift;
     errno = error;
 
+    CallRecord* const outer = current;  // of a log function that executes contexts itself
     current = &call;
     const uint64_t start = nanoseconds(CLOCK_MONOTONIC);
     fixed.status = next<&kelRt_executeContext>("kelRt_executeContext")(instance, context);
     fixed.duration_ns = nanoseconds(CLOCK_MONOTONIC) - start;
-    current = nullptr;
+    current = outer;
 
     const int error_after = errno;
     if (call.sees_instance())

@@ -154,7 +154,8 @@ template <class When, class Function, class Then, class... In>
 [[gnu::always_inline]] inline size_t streamed_groups(size_t i, size_t tail, When when, Function f, Then then,
                                                      float* out, const In*... in) {
     constexpr size_t kVector = kWidest * sizeof(float);
-    const size_t head = i + -reinterpret_cast<uintptr_t>(out + i) % kVector / sizeof(float);
+    const size_t to_vector = -reinterpret_cast<uintptr_t>(out + i) % kVector / sizeof(float);
+    const size_t head = std::min(tail, i + to_vector);
     i = plain_groups<4, 1>(i, head, when, f, then, out, in...);
     if (i == head)
         i = plain_groups<kWidest, kInFlight<When>>(i, tail, when, f, then, Streamed{out}, in...);

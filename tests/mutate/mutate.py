@@ -1,0 +1,372 @@
+#!/usr/bin/env python3
+"""Plants the faults of faults.txt in a copy of the sources, one at a time, and says which of them no test notices.
+
+usage: mutate.py [--check] [--survivors] [--table FILE] [--into FOLDER] [REGEX]
+
+Faults whose line or path fits REGEX; all without. FOLDER (build/mutate) has the copy, the builds and results.json; an
+interrupted run of the same sources goes on where it stopped. --check only holds the table against the sources: every
+fault has its place, every source file has a fault. --survivors keeps what the last run noticed, and runs the others
+again. --table writes the score into a page. Ends with 1 when the table is wrong or too few faults are noticed."""
+import argparse
+import dataclasses
+import hashlib
+import json
+import os
+import pathlib
+import re
+import shutil
+import signal
+import subprocess
+import sys
+import time
+
+HERE = pathlib.Path(__file__).resolve().parent
+ROOT = HERE.parents[1]
+TABLE = HERE / "faults.txt"
+SOURCES = ("src", "platform", "tools")  # what include/ declares is held by the tests of the interface
+LEAST = {"library": 97, "simulator": 90, "tool": 90}  # percent
+
+# How each build is configured. Only the first has the tool, and is fit for what all targets share.
+BUILDS = {
+    "sse2": ["-DKELRT_X86=sse2"],
+    "avx2": ["-DKELRT_X86=avx2", "-DKELRT_BUILD_TOOLS=OFF"],
+    "avx512": ["-DKELRT_X86=avx512-emulated", "-DKELRT_BUILD_TOOLS=OFF"],
+    "portable": ["-DKELRT_LANES=portable", "-DKELRT_BUILD_TOOLS=OFF"],
+    "armhf": ["--toolchain", "cmake/toolchains/armhf.cmake", "-DKELRT_BUILD_TOOLS=OFF"],
+}
+# The tests by name, with the targets that they run where these are called otherwise.
+KERNELS = {"runtime_test": "", "operators_test": "", "formats_test": "", "test_math": "", "internals_test": "",
+           "math_sweep": "kelrt_sweep"}
+TESTS = KERNELS | {"simulator_test": "", "truncation_test": "", "npy_test": "", "catalogue_test": "",
+                   "records_test": "", "check_test": "kelrt", "kelrt_test": "kelrt",
+                   "recorder_test": "recorded_driver kelrt", "job_test": "kelrt digits", "onnx_test": "kelrt digits",
+                   "digits_recognises": "digits", "example_driver_test": ""}
+# Which tests come first, by the file that has the fault: the first that fits. All others follow.
+FIRST = [
+    ("^platform", "simulator_test truncation_test runtime_test"),
+    ("hw32|copyFormat|copy_bytes", "formats_test runtime_test operators_test"),
+    ("/math/", "test_math math_sweep operators_test"),
+    ("/operators/", "operators_test runtime_test"),
+    ("/util/|emory|cpu_mem|operator_call.cpp", "internals_test runtime_test"),
+    ("^src|^include", "runtime_test internals_test operators_test"),
+    ("tools/onnx", "job_test onnx_test"),
+    ("tools/npy", "npy_test kelrt_test"),
+    ("tools/record|kelrt/re(cord|play)|dump|compare", "records_test recorder_test"),
+    ("kelrt/(audit|check|oddities|refusals|warnings|finding)", "check_test catalogue_test kelrt_test"),
+    ("kelrt/operators", "catalogue_test check_test kelrt_test recorder_test"),
+    ("tools", "kelrt_test check_test recorder_test"),
+]
+# Several faults compiled at once are behind a switch, which the environment sets.
+SWITCH = """#pragma once
+#include <stdlib.h>
+inline const int kelrt_fault = getenv("KELRT_FAULT") ? atoi(getenv("KELRT_FAULT")) : -1;
+"""
+
+ROW = re.compile(r"(?P<switched>\? )?(?:@(?P<build>\w+) )?(?:#(?P<nth>\d+) )?(?P<old>.+?) => (?P<new>.*?) ?## (?P<why>.+)")
+
+
+def fail(what: str) -> None:
+    sys.exit(f"mutate: {what}")
+
+
+@dataclasses.dataclass
+class Fault:
+    path: str
+    line: int
+    text: str
+    switched: bool
+    build: str
+    nth: int | None
+    old: str
+    new: str
+    why: str
+
+    @property
+    def cannot_show(self) -> bool:
+        return self.why.startswith("cannot show: ")
+
+    @property
+    def key(self) -> str:
+        return f"{self.path}: {self.text}"
+
+    @property
+    def part(self) -> str:
+        return {"src": "library", "include": "library", "platform": "simulator"}.get(self.path.split("/")[0], "tool")
+
+    @property
+    def folder(self) -> str:
+        parts = self.path.removeprefix("src/drivers/nna/").split("/")[:-1]
+        return "/".join(parts[-2:])
+
+    def place(self, source: str) -> tuple[int, int]:
+        """Where it goes; a blank of the row is any white space of the source."""
+        pattern = r"\s+".join(map(re.escape, self.old.split()))
+        found = [match.span() for match in re.finditer(pattern, source)]
+        if not found or (self.nth or 0) > len(found) or (self.nth is None and len(found) > 1):
+            raise ValueError(f"{self.path} has {len(found)} places for it")
+        return found[(self.nth or 1) - 1]
+
+
+def read_table() -> list[Fault]:
+    """The faults; files in which nothing can break have none, and say so."""
+    faults, wrong, path, build, files = [], [], "", "sse2", {}
+    for number, line in enumerate(TABLE.read_text().splitlines(), 1):
+        if not line or line.startswith("//"):
+            continue
+        if line.startswith("["):
+            head, _, reason = line[1:].partition("]")
+            path, _, build = head.partition(" @")
+            build = build or "sse2"
+            if not (ROOT / path).is_file() or build not in BUILDS:
+                fail(f"{TABLE.name}:{number}: there is no {head}")
+            files[path] = files.get(path, False) or bool(reason.strip())
+            continue
+        match = ROW.fullmatch(line)
+        if not match:
+            fail(f"{TABLE.name}:{number}: a row is [? ][@BUILD ][#NTH ]OLD => NEW ## WHY")
+        row = match.groupdict()
+        fault = Fault(path, number, line, bool(row["switched"]), row["build"] or build, row["nth"] and int(row["nth"]),
+                      row["old"], row["new"], row["why"])
+        files[path] = True
+        try:
+            fault.place((ROOT / path).read_text())
+        except ValueError as error:
+            wrong.append(f"{TABLE.name}:{number}: {error}: {fault.old}")
+        faults.append(fault)
+    sources = {str(path.relative_to(ROOT)) for top in SOURCES for path in (ROOT / top).rglob("*")
+               if path.suffix in (".cpp", ".h", ".py") or path.name == "kelrt-onnx"}
+    wrong += [f"{TABLE.name}: no fault in {path}" for path in sorted(sources - {p for p, has in files.items() if has})]
+    if wrong:
+        fail("the table does not fit the sources:\n" + "\n".join(wrong))
+    return faults
+
+
+class Tree:
+    """A copy of the sources, which may be written to; of what is equal the time stays."""
+
+    def __init__(self, folder: pathlib.Path) -> None:
+        self.folder = folder
+        kept, digest = set(), hashlib.sha256()
+        for top, folders, names in os.walk(ROOT):
+            folders[:] = sorted(name for name in folders if name not in (".git", "__pycache__") and
+                                not (name.startswith("build") and top == str(ROOT)))
+            for path in (pathlib.Path(top) / name for name in sorted(names)):
+                name = path.relative_to(ROOT)
+                kept.add(folder / name)
+                self.write(str(name), path.read_bytes())
+                shutil.copymode(path, folder / name)
+                if name.parts[0] != "docs" and HERE not in path.parents:
+                    digest.update(str(name).encode() + path.read_bytes())
+        for path in [path for path in folder.rglob("*") if path.is_file() and "__pycache__" not in path.parts]:
+            if path not in kept:
+                path.unlink()
+        self.digest = digest.hexdigest()
+        self.write("switch.h", SWITCH.encode())
+
+    def write(self, name: str, contents: bytes) -> None:
+        path = self.folder / name
+        if not path.exists() or path.read_bytes() != contents:
+            path.parent.mkdir(parents=True, exist_ok=True)
+            path.write_bytes(contents)
+
+    def plant(self, faults: list[Fault], switched: bool) -> list[Fault]:
+        """Faults of one file; those that lie over another are left out. Returns the others."""
+        source = (ROOT / faults[0].path).read_text()
+        places, planted = [], []
+        for fault in faults:
+            begin, end = fault.place(source)
+            if all(end <= b or e <= begin for b, e, _ in places):
+                places.append((begin, end, fault))
+                planted.append(fault)
+        for begin, end, fault in sorted(places, key=lambda place: place[0], reverse=True):
+            source = source[:begin] + (self.choice(fault, source[begin:end]) if switched else fault.new) + source[end:]
+        if switched:
+            source = f'#include "{self.folder}/switch.h"\n#line 1\n{source}'
+        self.write(faults[0].path, source.encode())
+        return planted
+
+    @staticmethod
+    def choice(fault: Fault, old: str) -> str:
+        if old.endswith(";"):
+            return f"{{ if (kelrt_fault == {fault.line}) {{ {fault.new} }} else {{ {old} }} }}"
+        return f"(kelrt_fault == {fault.line} ? ({fault.new}) : ({old}))"
+
+    def restore(self, path: str) -> None:
+        self.write(path, (ROOT / path).read_bytes())
+
+
+class Build:
+    def __init__(self, tree: Tree, folder: pathlib.Path, name: str) -> None:
+        self.tree, self.folder, self.seconds = tree, folder / name, {}
+        self.tests = TESTS if name == "sse2" else KERNELS
+        launcher = ["-DCMAKE_CXX_COMPILER_LAUNCHER=ccache"] if shutil.which("ccache") else []
+        options = ["-G", "Ninja", "-DCMAKE_BUILD_TYPE=Release", "-DCMAKE_CXX_FLAGS_RELEASE=-O1 -DNDEBUG",
+                   "-DCMAKE_CXX_FLAGS=-w", *launcher, *BUILDS[name]]
+        done = run(["cmake", "-S", ".", "-B", str(self.folder), *options], tree.folder)
+        if done.returncode:
+            fail(f"cannot configure {name}:\n{done.stdout}")
+
+    def make(self, tests: list[str]) -> str:
+        """What went wrong, or nothing."""
+        targets = sorted({target for test in tests for target in (self.tests[test] or test).split()})
+        done = run(["cmake", "--build", str(self.folder), "-j", os.environ.get("KELRT_MUTATE_JOBS", "1"), "--target",
+                    *targets, "--", "-k", "0"])
+        return "" if done.returncode == 0 else done.stdout
+
+    def failing(self, tests: list[str], fault: int = -1) -> str:
+        """The first test that fails."""
+        limit = max(60, 10 * sum(self.seconds.get(test, 60) for test in tests))
+        done = run(["ctest", "--test-dir", str(self.folder), "-R", f"^({'|'.join(tests)})$", "--stop-on-failure",
+                    "--timeout", str(int(limit))], KELRT_FAULT=str(fault), GTEST_FAIL_FAST="1")
+        match = re.search(r"FAILED:\n\s*\d+ - (\S+) \((.*)\)", done.stdout)
+        if done.returncode and not match:
+            fail(f"ctest went wrong:\n{done.stdout}")
+        return f"{match[1]} ({match[2]})" if match else ""
+
+    def has(self, tests: list[str]) -> list[str]:
+        known = run(["ctest", "--test-dir", str(self.folder), "-N"]).stdout
+        return [test for test in tests if re.search(rf"Test +#\d+: {test}\n", known)]
+
+    def order(self, path: str) -> list[list[str]]:
+        """The most likely tests by themselves, then all others together."""
+        first = next(tests for pattern, tests in FIRST if re.search(pattern, path)).split()
+        return [[test] for test in first if test in self.tests] + [[test for test in self.tests if test not in first]]
+
+
+def run(command: list[str], cwd: pathlib.Path | None = None, **environment: str) -> subprocess.CompletedProcess:
+    """With all that it has started, a hanging test too, gone in the end."""
+    process = subprocess.Popen(command, cwd=cwd, env=os.environ | environment, text=True, errors="replace",
+                               start_new_session=True, stdout=subprocess.PIPE, stderr=subprocess.STDOUT)
+    try:
+        output = process.communicate()[0]
+    finally:
+        try:
+            os.killpg(process.pid, signal.SIGKILL)
+        except ProcessLookupError:
+            pass
+    return subprocess.CompletedProcess(command, process.returncode, output)
+
+
+class Run:
+    def __init__(self, folder: pathlib.Path, faults: list[Fault], wanted: list[Fault], survivors: bool) -> None:
+        self.folder, self.wanted = folder, wanted
+        folder.mkdir(parents=True, exist_ok=True)
+        self.tree = Tree(folder / "tree")
+        self.file = folder / "results.json"
+        self.results = {}
+        if self.file.exists():
+            last = json.loads(self.file.read_text())
+            keys = {fault.key for fault in faults}
+            if survivors or last["sources"] == self.tree.digest:
+                self.results = {key: what for key, what in last["results"].items()
+                                if key in keys and (what or not survivors)}
+        self.todo = [fault for fault in wanted if fault.key not in self.results and not fault.cannot_show]
+
+    def go(self) -> None:
+        for name in BUILDS:
+            todo = [fault for fault in self.todo if fault.build == name]
+            if todo:
+                self.of_build(name, todo)
+
+    def of_build(self, name: str, todo: list[Fault]) -> None:
+        switched = self.plant_switched([fault for fault in todo if fault.switched])
+        say(f"building {name}, {len(switched)} faults behind a switch")
+        build = Build(self.tree, self.folder, name)
+        build.tests = {test: build.tests[test] for test in build.has(list(build.tests))}
+        wrong = build.make(list(build.tests))
+        if wrong:  # a file where some fault cannot be switched has them all planted alone
+            broken = {path for path in {fault.path for fault in switched} if re.search(rf"{path}:\d+.*error:", wrong)}
+            for path in broken:
+                say(f"alone: {path}")
+                self.tree.restore(path)
+            switched = [fault for fault in switched if fault.path not in broken]
+            if wrong := build.make(list(build.tests)):
+                fail(f"the sources do not compile:\n{wrong[-3000:]}")
+        for test in build.tests:
+            start = time.monotonic()
+            if wrong := build.failing([test]):
+                fail(f"without a fault: {wrong}")
+            build.seconds[test] = time.monotonic() - start
+        for fault in switched:
+            self.try_out(build, fault, fault.line)
+        for path in {fault.path for fault in switched}:
+            self.tree.restore(path)
+        for fault in todo:
+            if fault not in switched:
+                self.tree.plant([fault], False)
+                try:
+                    self.try_out(build, fault, -1)
+                finally:
+                    self.tree.restore(fault.path)
+
+    def plant_switched(self, faults: list[Fault]) -> list[Fault]:
+        planted = []
+        for path in dict.fromkeys(fault.path for fault in faults):
+            planted += self.tree.plant([fault for fault in faults if fault.path == path], True)
+        return planted
+
+    def try_out(self, build: Build, fault: Fault, switch: int) -> None:
+        start, noticed = time.monotonic(), ""
+        for tests in build.order(fault.path):
+            if wrong := switch < 0 and build.make(tests):
+                error = re.search(r".*error.*", wrong)
+                fail(f"{TABLE.name}:{fault.line}: it does not compile: {error[0] if error else wrong[-500:]}")
+            if noticed := build.failing(tests, switch):
+                break
+        self.results[fault.key] = noticed
+        done = sum(f.key in self.results for f in self.todo)
+        seconds = time.monotonic() - start
+        say(f"{done} of {len(self.todo)}: {noticed or 'NOT NOTICED'}, {seconds:.0f} s: {fault.path.split('/')[-1]}: {fault.text}")
+        self.file.write_text(json.dumps({"sources": self.tree.digest, "results": self.results}, indent=1))
+
+    def score(self) -> tuple[str, bool]:
+        """The table by folder, and whether it is enough."""
+        rows, parts = {}, {}
+        for fault in sorted(self.wanted, key=lambda f: (list(LEAST).index(f.part), f.folder)):
+            for row in (rows.setdefault((fault.part, fault.folder), [0, 0, 0]), parts.setdefault(fault.part, [0, 0, 0])):
+                row[0] += not fault.cannot_show
+                row[1] += bool(self.results.get(fault.key))
+                row[2] += fault.cannot_show
+        lines = ["| part | folder | faults | noticed | | cannot show |", "|---|---|---:|---:|---:|---:|"]
+        for (part, folder), (count, noticed, equal) in [*rows.items(), *(((p, "**all**"), r) for p, r in parts.items())]:
+            lines.append(f"| {part} | {folder} | {count} | {noticed} | {100 * noticed / max(count, 1):.1f} % | {equal} |")
+        enough = all(100 * noticed >= LEAST[part] * count for part, (count, noticed, _) in parts.items())
+        return "\n".join(lines), enough
+
+
+def say(what: str) -> None:
+    print(f"{time.strftime('%H:%M:%S')} {what}", flush=True)
+
+
+def main() -> int:
+    parser = argparse.ArgumentParser(usage=__doc__.split("usage: ")[1].splitlines()[0])
+    parser.add_argument("--check", action="store_true")
+    parser.add_argument("--survivors", action="store_true")
+    parser.add_argument("--table", type=pathlib.Path)
+    parser.add_argument("--into", type=pathlib.Path, default=ROOT / "build" / "mutate")
+    parser.add_argument("regex", nargs="?", default="")
+    options = parser.parse_args()
+    signal.signal(signal.SIGTERM, lambda *_: fail("stopped"))
+    faults = read_table()
+    if options.check:
+        print(f"{len(faults)} faults have their places, {sum(fault.cannot_show for fault in faults)} of them cannot show")
+        return 0
+    wanted = [fault for fault in faults if re.search(options.regex, fault.key)]
+    if not wanted:
+        fail(f"no fault fits '{options.regex}'")
+    run = Run(options.into.resolve(), faults, wanted, options.survivors)
+    run.go()
+    table, enough = run.score()
+    print(table)
+    for fault in wanted:
+        if run.results.get(fault.key) == "":
+            print(f"not noticed: {TABLE.name}:{fault.line}: {fault.key}")
+    if options.table and wanted == faults:
+        begin, end = "<!-- written by ./dev mutate -->\n", "<!-- end -->"
+        before, _, rest = options.table.read_text().partition(begin)
+        options.table.write_text(f"{before}{begin}{table}\n{end}{rest.partition(end)[2]}")
+    return 0 if enough else 1
+
+
+if __name__ == "__main__":
+    sys.exit(main())

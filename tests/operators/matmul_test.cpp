@@ -204,27 +204,31 @@ TEST(Matmul, SpecialElementsAmongOrdinaryOnes) {
 
 TEST(Matmul, AResultOverAnOperandIsWrittenRowByRow) {
     // The result shares one float with an operand, at either end, or all of it.
-    const uint32_t m = 3, k = 40, n = 35, result = m * n;
-    for (const bool over_a : {false, true}) {
-        const uint32_t size = over_a ? m * k : k * n;
-        for (const uint32_t start : {0u, result - 1, size + result - 2}) {
-            Floats found = floats::plain(size + 2 * result, 5), expected = found,
-                   other = floats::plain(k * n, 6);
-            const auto multiply = [&](Floats& area, auto by) {
-                float *const shared = &area[result - 1], *const c = &area[start];
-                by(over_a ? shared : other.data(), over_a ? other.data() : shared, c);
-            };
-            multiply(found, [](float* a, float* b, float* c) { kelRt_matmul(a, b, c, m, k, k, n, 0, 0); });
-            multiply(expected, [](float* a, float* b, float* c) {
-                for (uint32_t i = 0; i < m; ++i)
-                    for (uint32_t j = 0; j < n; ++j) {
-                        float sum = 0;
-                        for (uint32_t l = 0; l < k; ++l)
-                            sum += a[i * k + l] * b[l * n + j];
-                        c[i * n + j] = sum;
-                    }
-            });
-            EXPECT_EQ(found, expected) << over_a << ' ' << start;
+    const uint32_t k = 40, n = 35;
+    for (const uint32_t m : {3u, 4u}) {
+        for (const bool over_a : {false, true}) {
+            const uint32_t size = over_a ? m * k : k * n, result = m * n;
+            for (const uint32_t start : {0u, result - 1, size + result - 2}) {
+                Floats found = floats::plain(size + 2 * result, 5), expected = found,
+                       other = floats::plain(k * n, 6);
+                const auto multiply = [&](Floats& area, auto by) {
+                    float *const shared = &area[result - 1], *const c = &area[start];
+                    by(over_a ? shared : other.data(), over_a ? other.data() : shared, c);
+                };
+                multiply(found, [=](float* a, float* b, float* c) {
+                    kelRt_matmul(a, b, c, static_cast<int32_t>(m), k, k, n, 0, 0);
+                });
+                multiply(expected, [=](float* a, float* b, float* c) {
+                    for (uint32_t i = 0; i < m; ++i)
+                        for (uint32_t j = 0; j < n; ++j) {
+                            float sum = 0;
+                            for (uint32_t l = 0; l < k; ++l)
+                                sum += a[i * k + l] * b[l * n + j];
+                            c[i * n + j] = sum;
+                        }
+                });
+                EXPECT_EQ(found, expected) << over_a << ' ' << start;
+            }
         }
     }
     float untouched = 7;

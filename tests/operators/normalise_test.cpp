@@ -1,8 +1,9 @@
-// Softmax, instance and feature normalisation by their definitions: the order of sums and roundings, every
-// small size and larger ones, special values, degenerate inputs.
+// Softmax, instance and feature normalisation, and the sum of huge arrays, by their definitions: the order of
+// sums and roundings, every small size and larger ones, special values, degenerate inputs.
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <functional>
 #include <limits>
 
 #include "kelRt.h"
@@ -188,6 +189,25 @@ TEST(FeatureNorm, NormalisesWholeFramesOnly) {
                       NNA_STATUS_OK);
             ASSERT_EQ(floats::differ_at(out, expected), out.size()) << total << " by " << length;
         }
+    }
+}
+
+// What is beyond every cache may be stored past it.
+TEST(Add, HugeArraysAtAnyAddress) {
+#if defined(__SSE2__)
+    constexpr uint32_t n = (4 << 20) + 13;
+#else
+    constexpr uint32_t n = (1 << 12) + 13;
+#endif
+    const Floats a = floats::plain(n, 1), b = floats::plain(n, 2);
+    Floats sums(n), found(n);
+    std::transform(a.begin(), a.end(), b.begin(), sums.begin(), std::plus());
+    for (const size_t offset : {0u, 4u, 12u, 1u}) {
+        std::vector<uint8_t> out(4 * n + 16);
+        EXPECT_EQ(kelRt_ewopAdd(reinterpret_cast<float*>(&out[offset]), a.data(), b.data(), n, nullptr),
+                  NNA_STATUS_OK);
+        std::memcpy(found.data(), &out[offset], 4 * n);
+        EXPECT_EQ(found, sums) << offset;
     }
 }
 

@@ -31,6 +31,7 @@ const Fault kFaults[] = {
     {[](auto& c) { c.args[0].value = 0x10004; },
      1064, {"Number of Context args do not match", "Expected 4 Actual 65540"}, true},
     {[](auto& c) { c.args[1].value = 0xABCDEF13; }, 1064, {"KEL RT Unknown operator 19"}, true},
+    {[](auto& c) { c.args[1].value = 0x84; }, 1064, {"KEL RT Unknown operator 132"}, true},
     {[](auto& c) { c.args[1].type = 7; }, 1064, {"Unknown Context Argument[1] Type 7"}, false},
     {[](auto& c) { c.args[0].type = 2; },
      1065, {"Context Argument[0] Type Mismatch expected init_to_val actual init_to_mem_idx"}, false},
@@ -64,6 +65,16 @@ TEST(EntryPoint, ChecksInOrder) {
     probe.clear();
     EXPECT_EQ(kelRt_executeContext(&rig.instance, nullptr), NNA_STATUS_NULL_POINTER);
     EXPECT_EQ(probe.messages(), Lines{"Unexpected NULL context"});
+}
+
+// One whose operator has nothing to do: no kernel refuses the pointer, which is not null, and publishing
+// does.
+TEST(EntryPoint, RefusesToPublishWhatIsNoMemory) {
+    rig::Rig rig;
+    rig::Context context(4, {mem(KEL_RT_NO_MEMORY_ID, 4), mem(rig.memory(4)), mem(rig.memory(4)), val(0)});
+    probe::Probe probe;
+    EXPECT_EQ(kelRt_executeContext(&rig.instance, &context.record), NNA_STATUS_NULL_POINTER);
+    EXPECT_EQ(probe.messages().at(0), "KEL RT Null address");
 }
 
 TEST(EntryPoint, ReadsOnlyLowBytesOfTypesAndIdAndOnlyTheRowsCount) {

@@ -140,6 +140,11 @@ const Operator kOperators[] = {
      [](auto m, auto b, auto) { return kelRt_hw32FmtConvParam(m[0], m[1], 20, 0, 9, b); }},
     {17, "nna_sram_get", kSram, {14}, "A6 S S S D6", "", "", 0, sram, 0},
     {18, "nna_sram_set", kSram, {14}, "A6 S S S D6", "", "", 0, sram, 0},
+    {2, "cpu_copy_fmt_conv", {t(0), val(UINT32_MAX), val(0), val(1), t(1), val(8), val(2), val(3), val(6)}, {24, 6},
+     "A2 F6 T2 D6",
+     "output: memid=0, ofs=1, ele_sz=4, bytes=24\ninput: memid=1, ofs=3, ele_sz=1, bytes=6\n"
+     "#0 0xFFFFFFFF 0x00000000 0x00000001 #1 0x00000008 0x00000002 0x00000003 0x00000006", "", 24,
+     [](auto m, auto b, auto s) { return kelRt_copyFormatConv(m[0], UINT32_MAX, 0, 1, m[1], 8, 2, 3, 6, s, b); }},
 };
 // clang-format on
 

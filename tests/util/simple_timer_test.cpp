@@ -110,8 +110,9 @@ TEST_F(SimpleTimer, ElapsedTimeWrapsAndTruncatesByField) {
         {k31 - 1, 0, -k31, 0, 1000000},  // seconds wrap at 32 bits
         {-1, 0, 1, 0, 2000000},
         {-k31, 1000, k31 - 1, 2000, -999999},
-        {0, 5, 0, 1005, 1},  // running, as the nanoseconds say
-        {0, 0, 9, 0, 0},     // the one instant at which a start does not run
+        {0, 5, 0, 1005, 1},                  // running, as the nanoseconds say
+        {1, -1000000000, 1, 1000, 1000001},  // so do nanoseconds, of which no clock has as many
+        {0, 0, 9, 0, 0},                     // the one instant at which a start does not run
         // The record keeps 32 bits of the seconds, also where the clock has more.
         {(int64_t{1} << 32) + 5, 0, (int64_t{3} << 32) + 7, 0, 2000000},
     };

@@ -186,4 +186,4 @@ class Files(unittest.TestCase):
 
 if __name__ == "__main__":
     KELRT[:], sys.argv[1:] = sys.argv[1:2], []
-    unittest.main()
+    unittest.main(failfast="GTEST_FAIL_FAST" in os.environ)

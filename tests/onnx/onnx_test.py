@@ -302,4 +302,4 @@ if __name__ == "__main__":
     KELRT, DIGITS = (os.path.abspath(path) for path in sys.argv[1:3])
     sys.argv[1:] = []
     os.environ["KELRT"] = KELRT
-    unittest.main()
+    unittest.main(failfast="GTEST_FAIL_FAST" in os.environ)

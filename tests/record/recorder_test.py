@@ -313,4 +313,4 @@ class Replays(RecorderTest):
 
 if __name__ == "__main__":
     DRIVER, KELRT, *EMULATOR = sys.argv[1:]
-    unittest.main(argv=sys.argv[:1])
+    unittest.main(argv=sys.argv[:1], failfast="GTEST_FAIL_FAST" in os.environ)

@@ -139,11 +139,13 @@ TEST(SimulatedLog, PrintsTheBriefFormOfOneLine) {
     testing::internal::CaptureStderr();
     __android_log_print(6, "tag", "a %d\nb", 7);
     __android_log_print(5, "tag", "%s", std::string(2000, 'x').c_str());
-    __android_log_print(9, "tag", "c");
+    for (const int priority : {7, 8})
+        __android_log_print(priority, "tag", "c");
     const std::string pid = "(" + std::string(5 - std::min<size_t>(5, std::to_string(getpid()).size()), ' ') +
                             std::to_string(getpid()) + "): ";
-    EXPECT_EQ(testing::internal::GetCapturedStderr(),
-              "E/tag" + pid + "a 7\nW/tag" + pid + std::string(1023, 'x') + "\n?/tag" + pid + "c\n");
+    EXPECT_EQ(testing::internal::GetCapturedStderr(), "E/tag" + pid + "a 7\nW/tag" + pid +
+                                                          std::string(1023, 'x') + "\nF/tag" + pid +
+                                                          "c\n?/tag" + pid + "c\n");
 }
 
 }  // namespace

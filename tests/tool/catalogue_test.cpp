@@ -5,6 +5,7 @@
 #include <set>
 #include <sstream>
 
+#include "bad_input.h"
 #include "check.h"
 #include "machine.h"
 #include "op_table.h"
@@ -258,6 +259,23 @@ TEST(Times, HaveALeastAndAMedian) {
     times.add(4);
     EXPECT_EQ(times.median(), 3.5);
     EXPECT_EQ(times.least(), 1);
+}
+
+TEST(Sentences, FitOnAScreenAndCutNoCharacter) {
+    const std::string x(500, 'x');
+    std::string umlauts;
+    while (umlauts.size() < 600)
+        umlauts += "\xC3\xA4";
+    const struct {
+        std::string sentence, readable;
+    } rows[] = {
+        {"a\nb\x7F\x1B\tc", "a?b???c"},
+        {x, x},
+        {x + "y", x.substr(0, 240) + " ... " + x.substr(0, 239) + "y"},
+        {"x" + umlauts + "x", "x" + umlauts.substr(0, 238) + " ... " + umlauts.substr(0, 238) + "x"},
+    };
+    for (const auto& row : rows)
+        EXPECT_EQ(tool::readable(row.sentence), row.readable);
 }
 
 }  // namespace

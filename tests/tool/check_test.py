@@ -6,6 +6,7 @@ usage: check_test.py COMMAND... where COMMAND runs kelrt, under an emulator if n
 """
 
 import json
+import os
 import pathlib
 import subprocess
 import sys
@@ -243,4 +244,4 @@ class CheckTest(unittest.TestCase):
 
 if __name__ == "__main__":
     KELRT = sys.argv[1:]
-    unittest.main(argv=sys.argv[:1])
+    unittest.main(argv=sys.argv[:1], failfast="GTEST_FAIL_FAST" in os.environ)

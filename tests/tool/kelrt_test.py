@@ -16,6 +16,7 @@ import struct
 import subprocess
 import sys
 import tempfile
+import termios
 import time
 import unittest
 
@@ -344,7 +345,8 @@ class Runs(KelrtTest):
                   "i1": ("3b", [-128, 127, "0xFF"], [-128, 127, -1]), "u1": ("3B", [0, 255, "0x7F"], [0, 255, 127])}
         job = {"memories": {dtype * 50: memory([1] * 31 + [len(v)], dtype, values=v) for dtype, (_, v, _) in values.items()},
                "contexts": [], "outputs": [dtype * 50 for dtype in values]}
-        self.assertEqual(self.run_job(job).returncode, 0)
+        # The integer -0 has a sign, too.
+        self.assertEqual(self.run_job(json.dumps(job).replace("-0.0", "-0")).returncode, 0)
         for dtype, (layout, _, expected) in values.items():
             packed = struct.pack("<" + layout, *expected)
             self.assertEqual(self.written()[dtype * 50 + ".npy"][-len(packed):], packed)
@@ -425,6 +427,7 @@ class Runs(KelrtTest):
             ("cpu_im2col in=i1[4]:1,2,3,-4 " + patch, "out  i1 (2, 8) = 1 2 0 0 0 0 0 0 3 -4 0 0 0 0 0 0"),
             ("cpu_featurenorm in=f4[5] total=5 mean=f4[2] var=f4[2]:1,1 featureLen=2", "out  f4 (2, 2) = 0 0 0 0"),
             ("cpu_split in=i2[4]:1,2,3,-4 in.offset=2 nbytes=6", "out  i2 (3,) = 2 3 -4"),
+            ("cpu_split in=f4[1]:-0 nbytes=4", "out  f4 (1,) = -0"),
             ("cpu_split in=i2[2]:1,2 nbytes=3", "out  u1 (3,) = 1 0 2"),
             ("cpu_split in=i2[2]:1,2 in.offset=1 nbytes=2", "out  u1 (2,) = 0 2"),
             ("cpu_hw32_fmt_conv_param in=i4[1]:7 size=1 dir=0 nna_out_line_sz=1", "out  i4 (1,) = 7"),
@@ -442,6 +445,15 @@ class Runs(KelrtTest):
                 self.assertEqual("\nsram  " in result.stdout, "nna_sram_set" in words)
         self.kelrt("op", "cpu_ewop_add", "a=x.npy", "b=x.npy", "n=4", "--out", self.out)
         self.assertEqual(self.written(), {"out.npy": npy("f4", [4], [2, 4, 6, 8])})
+        # A pipe that has its bytes before it is opened.
+        os.mkfifo(self.folder / "pipe")
+        writer = os.open(self.folder / "pipe", os.O_RDWR)
+        os.write(writer, npy("f4", [4], [1, 2, 3, 4]))
+        reader = self.start("op", "cpu_split", "in=pipe", "nbytes=16", stdout=subprocess.PIPE, text=True)
+        while fcntl.ioctl(writer, termios.FIONREAD, bytes(4)) != bytes(4) and reader.poll() is None:
+            time.sleep(0.01)
+        os.close(writer)
+        self.assertIn("out  f4 (4,) = 1 2 3 4", reader.communicate()[0])
         result = self.kelrt("op", "cpu_ewop_add", "a=none", "b=f4[4]", "n=4")
         self.assertEqual(result.returncode, 1)
         self.assertIn("NNA_STATUS_NULL_POINTER (1056)", result.stdout)
@@ -668,4 +680,4 @@ class Endings(KelrtTest):
 
 if __name__ == "__main__":
     KELRT = sys.argv[1:]
-    unittest.main(argv=sys.argv[:1])
+    unittest.main(argv=sys.argv[:1], failfast="GTEST_FAIL_FAST" in os.environ)

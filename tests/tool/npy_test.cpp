@@ -139,6 +139,7 @@ TEST(Npy, ConvertsByOneRule) {
         {file("<i8", "(2,)", i8), npy::Type::u1, "element 0 of type '<i8' does not fit into u1"},
         {file("<u2", "(1,)", "\xFF\xFF"), npy::Type::i4, "\xFF\xFF\0\0"s},
         {file("<u2", "(1,)", "\xFF\xFF"), npy::Type::i2, "element 0 of type '<u2' does not fit into i2"},
+        {file("<u2", "(1,)", "\x80\0"s), npy::Type::i1, "element 0 of type '<u2' does not fit into i1"},
         {file("<u4", "(1,)", "\xFF\xFF\xFF\xFF"), npy::Type::i4,
          "element 0 of type '<u4' does not fit into i4"},
         {file("<u4", "(1,)", "\1\0\0\1"s), npy::Type::f4, "\0\0\x80\x4B"s},  // to even
@@ -192,12 +193,15 @@ TEST(Npy, WritesWhatNumpyWrites) {
     EXPECT_EQ(array.values<int16_t>(), (std::vector<int16_t>{1, 2, 3}));
     EXPECT_THROW(array.values<float>(), npy::Error);
 
-    for (const npy::Shape& shape : {npy::Shape{}, {6}, {6, 0}, npy::Shape(32, 1)}) {
+    npy::Shape fits(21, 1);  // a header that needs no blanks
+    fits[0] = 10;
+    for (const npy::Shape& shape : {npy::Shape{}, {6}, {6, 0}, npy::Shape(32, 1), fits}) {
         array.shape = shape;
         array.bytes.resize(npy::byte_size(array.type, shape), 7);
         const std::string header = npy::header_of(array);
         EXPECT_EQ(verdict(header + std::string(array.bytes.size(), '\7')), "i2 " + npy::to_string(shape));
         EXPECT_EQ(header.size() % 64, 0u);
+        EXPECT_LT(header.size() - header.rfind('}') - 2, 64u);
     }
     array.shape = {5};
     EXPECT_THROW(npy::header_of(array), npy::Error);

@@ -157,6 +157,7 @@ class Tree:
     def __init__(self, folder: pathlib.Path) -> None:
         self.folder, digest = folder, hashlib.sha256()
         self.files: dict[str, pathlib.Path] = {}
+        self.planted: dict[str, str] = {}
         for top, folders, names in os.walk(ROOT):
             folders[:] = sorted(name for name in folders if name not in (".git", "__pycache__") and
                                 not (name.startswith("build") and top == str(ROOT)))
@@ -167,7 +168,8 @@ class Tree:
         self.digest = digest.hexdigest()
 
     def fill(self, planted: dict[str, str]) -> None:
-        """All files, some of them with faults."""
+        """All files, some of them with faults that a switch turns on."""
+        self.planted = planted
         for path in self.folder.rglob("*"):
             if path.is_file() and str(path.relative_to(self.folder)) not in self.files:
                 path.unlink()
@@ -188,7 +190,7 @@ class Tree:
         begin, end = fault.place(source)
         self.write(fault.path, (source[:begin] + fault.new + source[end:]).encode())
         yield
-        self.write(fault.path, source.encode())
+        self.write(fault.path, self.planted.get(fault.path, source).encode())
 
     def switched(self, faults: list[Fault]) -> tuple[dict[str, str], list[Fault]]:
         """Files with these faults behind a switch, and which these are: not those that lie over another."""
@@ -271,7 +273,8 @@ def run(command: list[str], cwd: pathlib.Path | None = None, **environment: str)
 
 class Run:
     def __init__(self, folder: pathlib.Path, faults: list[Fault], wanted: list[Fault], survivors: bool) -> None:
-        self.folder, self.wanted, self.lock, self.one_file = folder, wanted, threading.Lock(), threading.Lock()
+        self.folder, self.faults, self.wanted = folder, faults, wanted
+        self.lock, self.one_file = threading.Lock(), threading.Lock()
         folder.mkdir(parents=True, exist_ok=True)
         self.tree = Tree(folder / "tree")
         self.file = folder / "results.json"
@@ -293,7 +296,7 @@ class Run:
                 self.of_build(name, todo)
 
     def of_build(self, name: str, todo: list[Fault]) -> None:
-        texts, switched = self.tree.switched([f for f in self.wanted if f.build == name and f.switched])
+        texts, switched = self.tree.switched([f for f in self.faults if f.build == name and f.switched])
         self.tree.fill(texts)
         say(f"building {name}, {len(switched)} faults behind a switch")
         tests = KERNELS if name != "sse2" else {
@@ -311,10 +314,7 @@ class Run:
                 self.save()
         with concurrent.futures.ThreadPoolExecutor(JOBS) as pool:
             list(pool.map(lambda fault: self.try_out(build, fault, fault.line), [f for f in switched if f in todo]))
-        alone = [fault for fault in todo if fault not in switched]
-        if alone:
-            self.tree.fill({})
-        for fault in alone:
+        for fault in [fault for fault in todo if fault not in switched]:
             with self.tree.with_fault(fault):
                 self.try_out(build, fault, -1)
 

@@ -2,11 +2,13 @@
 // footprints say and no byte more; and what breaks the header's rules is refused.
 #include <gtest/gtest.h>
 
+#include <cmath>
 #include <set>
 #include <sstream>
 
 #include "bad_input.h"
 #include "check.h"
+#include "json_writer.h"
 #include "machine.h"
 #include "op_table.h"
 #include "operators.h"
@@ -276,6 +278,16 @@ TEST(Sentences, FitOnAScreenAndCutNoCharacter) {
     };
     for (const auto& row : rows)
         EXPECT_EQ(tool::readable(row.sentence), row.readable);
+}
+
+TEST(JsonWriter, BeginsALineForEachMemberOfTheOuterTwoLevels) {
+    tool::JsonWriter json;
+    json.begin('{').key("a").number(1).key("b").begin('[').begin('{').key("c").real(-HUGE_VAL).key("d").real(
+        HUGE_VAL);
+    json.end().number(2).end().key("e").begin('[').end().key("f").text("\xFF").end();
+    EXPECT_EQ(json.document(),
+              "{\n\"a\": 1,\n\"b\": [\n{\"c\": \"-inf\", \"d\": \"inf\"},\n2\n],\n\"e\": [],\n"
+              "\"f\": \"\xEF\xBF\xBD\"\n}\n");
 }
 
 }  // namespace

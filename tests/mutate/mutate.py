@@ -1,12 +1,13 @@
 #!/usr/bin/env python3
 """Plants the faults of faults.txt in a copy of the sources, one at a time, and says which of them no test notices.
 
-usage: mutate.py [--check] [--survivors] [--table FILE] [--into FOLDER] [REGEX]
+usage: mutate.py [--check] [--survivors] [--score] [--table FILE] [--into FOLDER] [REGEX]
 
 Faults whose line or path fits REGEX; all without. FOLDER (build/mutate) has the copy, the builds and results.json; an
 interrupted run of the same sources goes on where it stopped. --check only holds the table against the sources: every
 fault has its place, every source file has a fault. --survivors keeps what the last run noticed, and runs the others
-again. --table writes the score into a page. Ends with 1 when the table is wrong or too few faults are noticed."""
+again. --score only shows what there is so far, --table writes it into a page. Ends with 1 when the table is wrong or
+too few faults are noticed."""
 import argparse
 import concurrent.futures
 import contextlib
@@ -71,7 +72,8 @@ SWITCH = """#pragma once
 inline const int kelrt_fault = getenv("KELRT_FAULT") ? atoi(getenv("KELRT_FAULT")) : -1;
 """
 
-ROW = re.compile(r"(?P<switched>\? )?(?:@(?P<build>\w+) )?(?:#(?P<nth>\d+) )?(?P<old>.+?) => (?P<new>.*?) ?## (?P<why>.+)")
+ROW = re.compile(r"(?P<switched>\? )?(?:@(?P<build>\w+) )?(?:#(?P<nth>\d+) )?"
+                 r"(?P<old>.+?) => (?P<new>.*?) ?## (?P<why>.+)")
 
 
 def fail(what: str) -> None:
@@ -342,15 +344,20 @@ class Run:
         """The table by folder, and whether it is enough."""
         rows, parts = {}, {}
         for fault in sorted(self.wanted, key=lambda f: (list(LEAST).index(f.part), f.folder)):
-            for row in (rows.setdefault((fault.part, fault.folder), [0, 0, 0]), parts.setdefault(fault.part, [0, 0, 0])):
-                row[0] += not fault.cannot_show
-                row[1] += bool(self.results.get(fault.key))
-                row[2] += fault.cannot_show
-        lines = ["| part | folder | faults | noticed | | cannot show |", "|---|---|---:|---:|---:|---:|"]
-        for (part, folder), (count, noticed, equal) in [*rows.items(), *(((p, "**all**"), r) for p, r in parts.items())]:
-            lines.append(f"| {part} | {folder} | {count} | {noticed} | {100 * noticed / max(count, 1):.1f} % | {equal} |")
-        enough = all(100 * noticed >= LEAST[part] * count for part, (count, noticed, _) in parts.items())
-        return "\n".join(lines), enough
+            result = self.results.get(fault.key)
+            column = 3 if fault.cannot_show else 2 if result is None else 1 if result == "" else 0
+            for row in (rows.setdefault((fault.part, fault.folder), [0] * 4), parts.setdefault(fault.part, [0] * 4)):
+                row[column] += 1
+        lines = ["| part | folder | noticed | not noticed | | not run | cannot show |",
+                 "|---|---|---:|---:|---:|---:|---:|"]
+        for (part, folder), row in [*rows.items(), *(((part, "**all**"), row) for part, row in parts.items())]:
+            share = f"{percent(row):.1f} %" if row[0] + row[1] else ""
+            lines.append(f"| {part} | {folder} | {row[0]} | {row[1]} | {share} | {row[2]} | {row[3]} |")
+        return "\n".join(lines), all(percent(row) >= LEAST[part] for part, row in parts.items())
+
+
+def percent(row: list[int]) -> float:
+    return 100 * row[0] / max(row[0] + row[1], 1)
 
 
 def errors(output: str) -> str:
@@ -366,6 +373,7 @@ def main() -> int:
     parser = argparse.ArgumentParser(usage=__doc__.split("usage: ")[1].splitlines()[0])
     parser.add_argument("--check", action="store_true")
     parser.add_argument("--survivors", action="store_true")
+    parser.add_argument("--score", action="store_true")
     parser.add_argument("--table", type=pathlib.Path)
     parser.add_argument("--into", type=pathlib.Path, default=ROOT / "build" / "mutate")
     parser.add_argument("regex", nargs="?", default="")
@@ -374,13 +382,14 @@ def main() -> int:
         signal.signal(ending, stop)
     faults = read_table()
     if options.check:
-        print(f"{len(faults)} faults have their places, {sum(fault.cannot_show for fault in faults)} of them cannot show")
+        print(f"{len(faults)} faults have their places; {sum(fault.cannot_show for fault in faults)} cannot show")
         return 0
     wanted = [fault for fault in faults if re.search(options.regex, fault.key)]
     if not wanted:
         fail(f"no fault fits '{options.regex}'")
     run = Run(options.into.resolve(), faults, wanted, options.survivors)
-    run.go()
+    if not options.score:
+        run.go()
     table, enough = run.score()
     print(table)
     for fault in wanted:

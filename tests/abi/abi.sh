@@ -9,7 +9,7 @@ if ! { command -v abidw && command -v abidiff; } >/dev/null; then
     exit 77
 fi
 # Without it a change of a type would pass.
-readelf --section-headers --wide "$library" | grep -q '\.debug_info' || {
+readelf --section-headers --wide "$library" | grep '\.debug_info' >/dev/null || {
     echo "$library has no debugging information to read types from"
     exit 1
 }

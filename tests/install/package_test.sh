@@ -21,9 +21,10 @@ version=$(sed -n 's/^#define KEL_RT_VERSION_STRING "\(.*\)"$/\1/p' "$source/incl
 package=$(echo "$scratch/pack/kelrt_${version}_"*.deb)
 [ -f "$package" ] || fail "there is no package of version $version: $(ls "$scratch/pack")"
 
-# Everything of the C library and the compiler's that a program here was linked with comes with packages.
+# What the programs were linked with beside the package's own comes with other packages.
+needed=$(dpkg-deb --field "$package" Depends)
 for library in libc6 libstdc++6; do
-    dpkg-deb --field "$package" Depends | grep -q "$library (>=" || fail "the package does not depend on $library"
+    [[ $needed == *"$library (>="* ]] || fail "the package does not depend on $library: $needed"
 done
 
 root=$scratch/root

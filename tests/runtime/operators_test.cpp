@@ -63,6 +63,14 @@ Lines expand(const char* lines, const std::vector<uint8_t*>& base) {
     return expanded;
 }
 
+TEST(Rows, AreThereForEveryOperator) {
+    std::vector<size_t> rows(KEL_RT_NUM_OPS);
+    for (const Operator& op : kOperators)
+        ++rows[op.id];
+    for (size_t id = 0; id < KEL_RT_NUM_OPS; ++id)
+        EXPECT_GT(rows[id], 0u) << "operator " << id << " has no row in support/rows.cpp";
+}
+
 class Operators : public testing::TestWithParam<Operator> {};
 
 TEST_P(Operators, GiveWhatTheKernelGivesFromEitherKindOfMemory) {

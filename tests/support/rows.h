@@ -2,6 +2,7 @@
 // walk the rows; what the platform is asked and what is logged when it fails follows from a row's script.
 #pragma once
 
+#include <cstring>
 #include <string>
 #include <vector>
 
@@ -34,7 +35,7 @@ struct Operator {
     uint32_t (*kernel)(Pointers m, uint32_t* out_bytes, uint8_t* out_shift);
     uint32_t refused = 7;  // so many tensors must not be null
 
-    bool moves_sram() const { return id >= 17; }
+    bool moves_sram() const { return std::strchr(script, 'S'); }
     // The context's arguments when tensor 0 is memory `first`.
     std::vector<KelRtContextArg> args_at(uint32_t first) const;
 };

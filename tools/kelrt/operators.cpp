@@ -448,6 +448,7 @@ constexpr Operator kCatalogue[KEL_RT_NUM_OPS] = {
     {"nna_sram_get", "copies rows from SRAM to a memory", kSramGet},
     {"nna_sram_set", "copies rows from a memory to SRAM", kSramSet},
 };
+static_assert(kCatalogue[KEL_RT_NUM_OPS - 1].name, "KEL_RT_NUM_OPS counts an operator that is not here");
 
 }  // namespace
 

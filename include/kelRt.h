@@ -29,10 +29,14 @@
 
 /* ------------------------------------------------------------ version -- */
 
-/** Version of this interface; docs/abi.md says what each number promises. The build reads it here. */
+/** Version of this interface, which the build reads here (docs/abi.md): this number rises when programs that
+ * were built before stop working, */
 #define KEL_RT_VERSION_MAJOR 1
+/** this one when something is added, */
 #define KEL_RT_VERSION_MINOR 0
+/** and this one when something is mended. */
 #define KEL_RT_VERSION_PATCH 0
+/** All three as text. */
 #define KEL_RT_VERSION_STRING "1.0.0"
 /** To be compared: KEL_RT_VERSION >= 10200 is 1.2.0 and later. */
 #define KEL_RT_VERSION (KEL_RT_VERSION_MAJOR * 10000 + KEL_RT_VERSION_MINOR * 100 + KEL_RT_VERSION_PATCH)

@@ -27,6 +27,16 @@
 
 #define KEL_RT_API __attribute__((visibility("default")))
 
+/* ------------------------------------------------------------ version -- */
+
+/** Version of this interface; docs/abi.md says what each number promises. The build reads it here. */
+#define KEL_RT_VERSION_MAJOR 1
+#define KEL_RT_VERSION_MINOR 0
+#define KEL_RT_VERSION_PATCH 0
+#define KEL_RT_VERSION_STRING "1.0.0"
+/** To be compared: KEL_RT_VERSION >= 10200 is 1.2.0 and later. */
+#define KEL_RT_VERSION (KEL_RT_VERSION_MAJOR * 10000 + KEL_RT_VERSION_MINOR * 100 + KEL_RT_VERSION_PATCH)
+
 #ifdef __cplusplus
 extern "C" {
 #endif

@@ -1,14 +1,14 @@
 #!/usr/bin/env bash
 # Reads from a built libkelRt.so what it promises: the names that it exports, and those that it imports from the
 # platform; no state but the sine's coefficients; segments that a 64-bit system with pages of 16 KiB can load.
-# usage: exports_test.sh LIBRARY EXPORTS_FILE HEADER
+# usage: exports_test.sh LIBRARY ABI_DESCRIPTION HEADER
 set -euo pipefail
-library=$1 expected=$2 header=$3
+library=$1 description=$2 header=$3
 
 symbols=$(readelf --dyn-syms --wide "$library")
 exported=$(awk '$5 ~ /GLOBAL|WEAK/ && $6 == "DEFAULT" && $7 != "UND" && NF >= 8 { sub(/@.*/, "", $8); print $8 }' <<<"$symbols" | sort)
 imported=$(awk '$7 == "UND" && NF >= 8 { sub(/@.*/, "", $8); print $8 }' <<<"$symbols" | sort)
-wanted=$(grep -v '^#' "$expected" | sort)
+wanted=$(sed -n "s/^ *<elf-symbol name='\([^']*\)'.*/\1/p" "$description" | sort)
 
 failed=0
 if ! difference=$(diff <(echo "$wanted") <(echo "$exported")); then

@@ -70,7 +70,7 @@ commenting {
     next
 }
 /^$/ && !fresh { doc = "" }
-/^(KEL_RT_API|KEL_RT_PLATFORM_API|extern|typedef [^{]*;)/ {
+/^(KEL_RT_API|KEL_RT_PLATFORM_API|extern|typedef [^{]*;|#define )/ {
     if (!fresh && doc)
         say(doc)
     fresh = 0
@@ -83,7 +83,7 @@ commenting {
         say(doc names[1] names[i] ";")
     next
 }
-/^(typedef struct|struct|enum|#define)/ { fresh = 0 }
+/^(typedef struct|struct|enum)/ { fresh = 0 }
 /^#ifdef __cplusplus$/ && group && FNR > 50 {
     print "/** @} */"
     group = 0

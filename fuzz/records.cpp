@@ -79,10 +79,14 @@ void check_dump(const fuzz::Folder& folder, const tool::RecordFile& file, const 
                  "a dump has the record's bytes");
         const tool::Context &got = job.contexts.at(0), &wanted = expected.job.contexts.at(0);
         must(got.null == wanted.null, "a dump has the record's context");
-        const bool same = std::equal(got.args.begin(), got.args.end(), wanted.args.begin(), wanted.args.end(),
-                                     [&](const KelRtContextArg& a, const KelRtContextArg& b) {
-                                         return a.value == b.value && (wanted.op || a.type == b.type);
-                                     });
+        // What the library does not read of an operator's id and types, a job by name does not say.
+        const bool same =
+            std::equal(got.args.begin(), got.args.end(), wanted.args.begin(), wanted.args.end(),
+                       [&](const KelRtContextArg& a, const KelRtContextArg& b) {
+                           const bool is_id = wanted.op && &b == &wanted.args[1];
+                           return (is_id ? (a.value ^ b.value) % 256 == 0 : a.value == b.value) &&
+                                  (wanted.op || (a.type == b.type && a.offset == b.offset));
+                       });
         must(same || wanted.null, "a dump has the record's arguments");
     } catch (const tool::BadInput& refusal) {
         must(refusal.what()[0] != '\0', "a refusal says why");

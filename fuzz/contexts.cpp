@@ -112,8 +112,10 @@ class Operands {
     // memory of its own.
     tool::Job place() {
         tool::Job job = placed([&](size_t i) { return choices_[i - kFirstArgument]; });
-        if (complaint(job).empty())
+        if (complaint(job).empty()) {
+            refuse_less(job);
             return job;
+        }
         uint32_t next = 0;
         job = placed([&](size_t i) { return (choices_[i - kFirstArgument] & ~7u) | next++; });
         const std::string wrong = complaint(job);
@@ -165,8 +167,8 @@ class Operands {
             if (id == kMemories)
                 continue;
             sizes[id] = std::max(sizes[id], tool::start_of(op_, arg.offset) + end_of(i, v));
-            // What begins where a footprint does not begin with its operand is there as well.
-            sizes[id] = std::max<uint64_t>(sizes[id], arg.offset);
+            if (!tool::moves_sram(tool::id_of(op_)))
+                sizes[id] = std::max<uint64_t>(sizes[id], arg.offset);
             on_cpu[id] = chosen & 8;
         }
         tool::Job job;
@@ -205,6 +207,21 @@ class Operands {
                 value = kRow;
                 std::memcpy(at, &value, sizeof value);
             }
+        }
+    }
+
+    // A byte less is too little; of a table only where the last row is asked for.
+    void refuse_less(tool::Job job) const {
+        for (uint32_t id = 0; id < job.memories.size(); ++id) {
+            const bool is_table = std::any_of(
+                op_.lookups.begin(), op_.lookups.end(),
+                [&](const tool::Lookup& lookup) { return context_.args[lookup.table].value == id; });
+            npy::Array& initial = job.memories[id].initial;
+            if (is_table || initial.bytes.empty())
+                continue;
+            initial.bytes.pop_back();
+            must(!complaint(job).empty(), "a memory that is a byte too small is refused");
+            initial.bytes.push_back(0);
         }
     }
 

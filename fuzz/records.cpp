@@ -52,6 +52,21 @@ Buffer written(const tool::Record& record, uint32_t reserved) {
     return whole;
 }
 
+// What everybody who is given a record relies on.
+void check_sense(const tool::Record& record) {
+    for (const tool::Record::Piece& piece : record.pieces) {
+        must(piece.memory < record.memories.size(), "bytes are those of a memory");
+        must(piece.range.end <= record.memories[piece.memory].size, "bytes lie in their memory");
+        must(piece.bytes.size() == piece.range.length(), "a range has its bytes");
+    }
+    for (size_t i = tool::kFirstArgument; record.op && i < record.arguments.size(); ++i) {
+        const uint32_t id = record.arguments[i].value;
+        must(!record.op->at(i).is_memory() || id == KEL_RT_NO_MEMORY_ID ||
+                 record.find_memory(id) < record.memories.size(),
+             "an operand lies in a memory that is described");
+    }
+}
+
 void check_whole(const tool::RecordFile& file, fuzz::Bytes bytes) {
     size_t at = 0;
     for (const tool::Record& record : file.records()) {
@@ -103,6 +118,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     const tool::RecordFile file(path);
     for (const std::string& damage : file.damages())
         must(damage.starts_with(path + ": "), "a damage names the file");
+    for (const tool::Record& record : file.records())
+        check_sense(record);
     if (file.damages().empty())
         check_whole(file, {data, size});
 

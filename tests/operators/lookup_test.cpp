@@ -1,4 +1,5 @@
 // One-hot and embedding: the index that arrives as a float, bit patterns, wrapping offsets, silent refusals.
+// And the copy that embedding and split share.
 #include <gtest/gtest.h>
 
 #include "kelRt.h"
@@ -40,9 +41,11 @@ const struct {
 };
 
 TEST(OneHot, SetsTheElementOfATruncatedIndexOrRefusesSilently) {
-    const uint32_t on = 0x7F800001, off = 0xFFA00002;  // signalling NaNs, which arithmetic would change
+    const uint32_t on = 0x7F800001;  // a signalling NaN, which arithmetic would change
     probe::Probe probe;
     for (const auto& c : kIndices) {
+        // Another one; and, where there are many, equal bytes.
+        const uint32_t off = c.depth == 600 ? 0 : 0xFFA00002;
         SCOPED_TRACE(testing::Message() << std::hex << c.bits << " of " << c.depth);
         guarded::Bytes out(4 * c.depth, guarded::Wall::After, c.depth % 3), index(4, guarded::Wall::After, 1);
         std::memcpy(index.data(), &c.bits, 4);
@@ -86,6 +89,20 @@ TEST(Embedding, CopiesTheRowOfATruncatedIndexAndWraps) {
     EXPECT_EQ(bytes, 4u);
     EXPECT_EQ(out, (Words{2, 7}));
     EXPECT_EQ(probe.text(), "");
+}
+
+TEST(Split, CopiesEveryLengthAndNothingElse) {
+    const size_t lengths[] = {0, 1, 15, 16, 33, 64, 255, 256, 257, 4096, (16 << 20) - 1, (16 << 20) + 77};
+    for (const size_t length : lengths) {
+        for (const auto wall : {guarded::Wall::Before, guarded::Wall::After}) {
+            guarded::Bytes from(length, wall, 1), to(length, wall, length % 4);
+            for (size_t i = 0; i < length; ++i)
+                from.data()[i] = static_cast<uint8_t>(i * 2654435761 >> 13);
+            EXPECT_EQ(kelRt_split(from.data(), to.data(), static_cast<uint32_t>(length)), NNA_STATUS_OK);
+            EXPECT_EQ(std::memcmp(to.data(), from.data(), length), 0) << length;
+            EXPECT_TRUE(to.intact()) << length;
+        }
+    }
 }
 
 }  // namespace

@@ -403,6 +403,13 @@ int replay(const std::vector<std::string>& files, const ReplayOptions& options) 
             throw BadInput("--index " + std::to_string(*options.index) + ": " + file->path() + " has " +
                            std::to_string(file->records().size()) + " records, numbered from 0");
     }
+    const auto may_be_wanted = [&](const auto& file) {
+        return !file->damages().empty() ||
+               std::any_of(file->records().begin(), file->records().end(),
+                           [&](const Record& record) { return record.op == find_operator(options.only); });
+    };
+    if (!options.only.empty() && damages.empty() && std::none_of(read.begin(), read.end(), may_be_wanted))
+        throw BadInput("--only " + options.only + ": no record is of this operator");
     Replay replay(options, records, std::move(damages));
     for (const auto& file : read)
         replay.add(*file);

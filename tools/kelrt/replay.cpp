@@ -66,7 +66,8 @@ class RecordReplay {
 
     const Context& context() const { return recorded_.job.contexts.front(); }
 
-    // "" or why running it would touch bytes that nobody recorded.
+    // "" or why running it would touch bytes that nobody recorded, or mean nothing: what comes of operands
+    // over each other that must lie apart is not the same everywhere.
     std::string unsafe() {
         std::string why;
         if (!record_.op)
@@ -77,7 +78,8 @@ class RecordReplay {
         }
         const auto complain = [&](size_t, const std::string& what) { why = what; };
         const auto own = context().own();
-        if (!check_extents(*record_.op, own, recorded_.job, complain))
+        if (!check_extents(*record_.op, own, recorded_.job, complain) ||
+            !check_overlaps(*record_.op, own, recorded_.job, complain))
             return why;
         check_lookups(*record_.op, own, recorded_.job, complain, [&](const KelRtContextArg& argument) {
             float index;

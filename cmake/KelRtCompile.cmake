@@ -50,6 +50,13 @@ add_library(kelRt_runtime_compile INTERFACE)
 target_link_libraries(kelRt_runtime_compile INTERFACE kelRt_compile)
 target_compile_options(kelRt_runtime_compile INTERFACE
     $<$<COMPILE_LANGUAGE:CXX>:-fno-exceptions> $<$<COMPILE_LANGUAGE:CXX>:-fno-rtti>)
+# Counts which lines of the library run. At -O1, since intrinsics need their constants folded and yet each line should
+# stay itself; threads count together.
+option(KELRT_COVERAGE "Count the library's lines as they run" OFF)
+if(KELRT_COVERAGE)
+    target_compile_options(kelRt_runtime_compile INTERFACE --coverage -fprofile-update=prefer-atomic -O1)
+    target_link_options(kelRt_compile INTERFACE --coverage)
+endif()
 # On 32-bit Arm clang turns neighbouring scalar sums into NEON arithmetic, which flushes subnormals; scalar code must
 # not. What is to run on the unit is written for it.
 if(CMAKE_CXX_COMPILER_ID MATCHES "Clang" AND CMAKE_SYSTEM_PROCESSOR MATCHES "^arm")

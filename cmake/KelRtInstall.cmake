@@ -1,5 +1,5 @@
-# Installation: headers, library, and the packages by which find_package and pkg-config find them. Nothing installed
-# knows where it lies, so the tree can be moved. The simulated accelerator comes along where the library was linked
+# Installation: headers, library, the packages by which find_package and pkg-config find them, manuals, and completion for
+# the shells. Nothing installed knows where it lies, so the tree can be moved. The simulated accelerator comes along where the library was linked
 # against it, since such a library does not load without it.
 
 include(CMakePackageConfigHelpers)
@@ -38,3 +38,14 @@ install(FILES "${CMAKE_BINARY_DIR}/kelRtConfig.cmake" "${CMAKE_BINARY_DIR}/kelRt
 file(RELATIVE_PATH KELRT_PC_PREFIX "/${CMAKE_INSTALL_LIBDIR}/pkgconfig" "/")
 configure_file(cmake/kelRt.pc.in "${CMAKE_BINARY_DIR}/kelRt.pc" @ONLY)
 install(FILES "${CMAKE_BINARY_DIR}/kelRt.pc" DESTINATION "${CMAKE_INSTALL_LIBDIR}/pkgconfig")
+
+install(FILES docs/man/libkelRt.3 DESTINATION "${CMAKE_INSTALL_MANDIR}/man3")
+if(TARGET kelRt_record)
+    install(FILES docs/man/libkelRt_record.7 DESTINATION "${CMAKE_INSTALL_MANDIR}/man7")
+endif()
+if(TARGET kelrt)
+    install(FILES docs/man/kelrt.1 DESTINATION "${CMAKE_INSTALL_MANDIR}/man1")
+    install(FILES tools/kelrt/completion/kelrt.bash
+        DESTINATION "${CMAKE_INSTALL_DATADIR}/bash-completion/completions" RENAME kelrt)
+    install(FILES tools/kelrt/completion/_kelrt DESTINATION "${CMAKE_INSTALL_DATADIR}/zsh/site-functions")
+endif()

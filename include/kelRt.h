@@ -27,6 +27,20 @@
 
 #define KEL_RT_API __attribute__((visibility("default")))
 
+/* ------------------------------------------------------------ version -- */
+
+/** Version of this interface, which the build reads here (docs/abi.md): this number rises when programs that
+ * were built before stop working, */
+#define KEL_RT_VERSION_MAJOR 1
+/** this one when something is added, */
+#define KEL_RT_VERSION_MINOR 0
+/** and this one when something is mended. */
+#define KEL_RT_VERSION_PATCH 0
+/** All three as text. */
+#define KEL_RT_VERSION_STRING "1.0.0"
+/** To be compared: KEL_RT_VERSION >= 10200 is 1.2.0 and later. */
+#define KEL_RT_VERSION (KEL_RT_VERSION_MAJOR * 10000 + KEL_RT_VERSION_MINOR * 100 + KEL_RT_VERSION_PATCH)
+
 #ifdef __cplusplus
 extern "C" {
 #endif
@@ -81,8 +95,8 @@ typedef struct KelRtContextArg {
  * The library only reads it.
  */
 typedef struct KelRtContext {
-    const KelRtContextArg* args;
-    uint32_t reserved0[2]; /**< not read */
+    const KelRtContextArg* args; /**< the records, in order */
+    uint32_t reserved0[2];       /**< not read */
     int32_t
         num_args; /**< number of records in args, more than 2; the operator's own count is read regardless */
     uint32_t reserved1; /**< not read */
@@ -101,16 +115,16 @@ typedef struct CpuBufferEntry {
  * see the buffers it allocated stores the same pointer in both.
  */
 typedef struct KelRtInstance {
-    void* device; /**< handle for the platform's memory functions */
-    uintptr_t driver0[4];
-    CpuBufferEntry* cpu_buffers; /**< table of tivNnaCpuMemAlloc, Dealloc, Write and Read */
-    uintptr_t driver1[2];
+    void* device;                      /**< handle for the platform's memory functions */
+    uintptr_t driver0[4];              /**< the driver's own, not read */
+    CpuBufferEntry* cpu_buffers;       /**< table of tivNnaCpuMemAlloc, Dealloc, Write and Read */
+    uintptr_t driver1[2];              /**< the driver's own */
     CpuBufferEntry* cpu_buffer_lookup; /**< table of tivNnaCpuMemPtr, which every operator consults */
-    uintptr_t driver2[4];
+    uintptr_t driver2[4];              /**< the driver's own */
     /** 0 to 4, written by "cpu_copy_fmt_conv" when it chooses the output scale itself: the last one to run
      * says which. Where two may run at once, give each an instance of its own; the tables may be shared. */
     uint8_t out_shift;
-    uint8_t driver3[sizeof(uintptr_t) - 1];
+    uint8_t driver3[sizeof(uintptr_t) - 1]; /**< the driver's own */
 } KelRtInstance;
 
 /* ------------------------------------------------------------ entry point -- */
@@ -405,9 +419,9 @@ KEL_RT_API void kelRt_print(const float* data, int32_t sizeBytes, const char* la
 
 /** A dense row-major matrix of floats. Mind the order: columns first. */
 typedef struct KelRtMatrix {
-    uint32_t cols;
-    uint32_t rows;
-    float* data;
+    uint32_t cols; /**< elements of a row */
+    uint32_t rows; /**< rows, one behind the other */
+    float* data;   /**< the caller's */
 } KelRtMatrix;
 
 /** Fills the descriptor; the data stays the caller's. */
@@ -446,8 +460,11 @@ typedef float32x4_t kelRt_float32x4_t;
 typedef float32x2_t kelRt_float32x2_t;
 typedef int32x4_t kelRt_int32x4_t;
 #else
+/** Four floats, passed by value; on Arm this is the compiler's own type. */
 typedef float kelRt_float32x4_t __attribute__((vector_size(16)));
+/** Two floats, likewise. */
 typedef float kelRt_float32x2_t __attribute__((vector_size(8)));
+/** Four 32-bit integers, likewise. */
 typedef int32_t kelRt_int32x4_t __attribute__((vector_size(16)));
 #endif
 

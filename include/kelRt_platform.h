@@ -57,6 +57,7 @@ KEL_RT_PLATFORM_API int32_t tivIsProfileEvent(uint32_t event);
 
 /* ---- liblog: as <android/log.h> declares it ---- */
 
+/** Writes a record of this priority (5 WARN, 6 ERR) and tag to Android's log; the result is not looked at. */
 KEL_RT_PLATFORM_API int __android_log_print(int priority, const char* tag, const char* format, ...)
     __attribute__((format(printf, 3, 4)));
 

@@ -1,14 +1,14 @@
 #!/usr/bin/env bash
 # Reads from a built libkelRt.so what it promises: the names that it exports, and those that it imports from the
 # platform; no state but the sine's coefficients; segments that a 64-bit system with pages of 16 KiB can load.
-# usage: exports_test.sh LIBRARY EXPORTS_FILE HEADER
+# usage: exports_test.sh LIBRARY ABI_DESCRIPTION HEADER
 set -euo pipefail
-library=$1 expected=$2 header=$3
+library=$1 description=$2 header=$3
 
 symbols=$(readelf --dyn-syms --wide "$library")
 exported=$(awk '$5 ~ /GLOBAL|WEAK/ && $6 == "DEFAULT" && $7 != "UND" && NF >= 8 { sub(/@.*/, "", $8); print $8 }' <<<"$symbols" | sort)
 imported=$(awk '$7 == "UND" && NF >= 8 { sub(/@.*/, "", $8); print $8 }' <<<"$symbols" | sort)
-wanted=$(grep -v '^#' "$expected" | sort)
+wanted=$(sed -n "s/^ *<elf-symbol name='\([^']*\)'.*/\1/p" "$description" | sort)
 
 failed=0
 if ! difference=$(diff <(echo "$wanted") <(echo "$exported")); then
@@ -24,13 +24,21 @@ for name in $wanted; do
 done
 readelf --dynamic "$library" | grep -q 'SONAME.*\[libkelRt\.so\.1\]' || { echo "SONAME is not libkelRt.so.1"; failed=1; }
 
-# Sanitizers keep books of their own. What a compiler's start-up code and its knowledge of the processor need is theirs.
-if ! grep -qE '^__(a|t)san_init' <<<"$imported"; then
-    writable=$(readelf -SW "$library" | sed -nE 's/^ *\[ *([0-9]+)\] \.t?(data|bss) .*/\1/p' | paste -sd'|')
-    state=$(readelf -sW "$library" | awk -v sections="^($writable)\$" '$7 ~ sections && $3 > 0 { print $8 }' | sort -u |
-        grep -vxE 'te_sin_coeff[2-5]|completed\.0|__dso_handle|__cpu_(model|features2)') || true
-    [ -z "$state" ] || { echo "writable beside the sine's coefficients: $state"; failed=1; }
-fi
+# What stays writable once the loader has relocated: only the sine's coefficients, and no bytes beside them but
+# padding. Sanitizers keep books of their own. What a compiler's start-up code and its knowledge of the processor need
+# is theirs.
+known='te_sin_coeff[2-5]|completed\.0|__dso_handle|__cpu_(model|features2)'
+symbols=$(readelf -sW "$library" | awk '$4 ~ /OBJECT|TLS/ && $3 > 0 { print $7, $2, $3, $8 }' | sort -u)
+read -r relro relro_size < <(readelf -lW "$library" | awk '$1 == "GNU_RELRO" { print $3, $6 }')
+while read -r section name start size flags; do
+    if [[ $flags != *T* ]] && ((16#$start >= relro && 16#$start < relro + relro_size)); then continue; fi
+    held=$(awk -v section="$section" '$1 == section' <<<"$symbols")
+    state=$(awk 'NF { print $4 }' <<<"$held" | grep -vxE "$known" | paste -sd' ') || true
+    [ -z "$state" ] || { echo "$name is writable, and not only the sine's coefficients: $state"; failed=1; }
+    padding=$((16#$size - $(awk '{ n += $3 } END { print n + 0 }' <<<"$held")))
+    ((padding < 32)) || { echo "$name is writable, $padding bytes of it without a name"; failed=1; }
+done < <(grep -qE '^__(a|t)san_init' <<<"$imported" ||
+    readelf -SW "$library" | sed -nE 's/^ *\[ *([0-9]+)\] +/\1 /p' | awk '$8 ~ /W/ { print $1, $2, $4, $6, $8 }')
 
 if readelf -h "$library" | grep -q 'Class: *ELF64'; then
     for alignment in $(readelf -lW "$library" | awk '$1 == "LOAD" { print $NF }'); do

@@ -8,7 +8,6 @@
 
 #include "kelRt.h"
 #include "support/guarded.h"
-#include "support/heap.h"
 #include "support/probe.h"
 
 namespace {
@@ -283,28 +282,6 @@ TEST(CopyFormat, RefusesInOrder) {
     EXPECT_EQ(kelRt_copyFormatConv(&byte, 9, 0, 0, nullptr, 9, 0, 0, 0, &byte, nullptr),
               NNA_STATUS_NULL_POINTER);
     EXPECT_EQ(probe.messages(), Lines{});
-}
-
-TEST(CopyFormat, ReportsAnExhaustedHeap) {
-    int8_t eighths[4] = {9, 9, 9, 9};
-    uint32_t out_bytes = 0;
-    const auto run = [&] {
-        auto* const bytes = reinterpret_cast<uint8_t*>(eighths);
-        return kelRt_copyFormatConv(bytes, 8, 0, 3, bytes, 8, 0, 1, 4, nullptr, &out_bytes);
-    };
-    const size_t blocks = heap::blocks();
-    heap::fail_allocation(1);
-    {
-        probe::Probe probe;
-        EXPECT_EQ(run(), NNA_STATUS_OUT_OF_MEMORY);
-        EXPECT_EQ(probe.messages(), Lines{"Malloc Failed"});
-    }
-    EXPECT_EQ(out_bytes, 16u) << "already set";
-    EXPECT_EQ(eighths[3], 9);
-    EXPECT_EQ(run(), NNA_STATUS_OK);
-    EXPECT_EQ(out_bytes, 4u);
-    EXPECT_EQ(eighths[3], 3);
-    EXPECT_EQ(heap::blocks(), blocks);
 }
 
 }  // namespace

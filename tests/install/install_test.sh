@@ -17,9 +17,10 @@ if grep -rlF -e "$scratch/first" -e "$source" "$prefix/include" "$prefix"/lib*/c
     exit 1
 fi
 
+version=$(sed -n 's/^#define KEL_RT_VERSION_STRING "\(.*\)"$/\1/p' "$prefix/include/kelRt.h")
 grep -q '^KELRT_BUILD_TOOLS:BOOL=OFF' "$build/CMakeCache.txt" ||
-    "${emulator[@]}" "$prefix/bin/kelrt" --version | grep -qxE "kelrt [0-9]+(\.[0-9]+)+" || {
-    echo "bin/kelrt does not run from where it was moved"
+    "${emulator[@]}" "$prefix/bin/kelrt" --version | grep -qxF "kelrt $version" || {
+    echo "bin/kelrt does not run from where it was moved, or is not version $version"
     exit 1
 }
 
@@ -33,6 +34,7 @@ echo "pkg-config"
 PKG_CONFIG_PATH=$(dirname "$(find "$prefix" -name kelRt.pc)")
 export PKG_CONFIG_PATH
 libdir=$(pkg-config --variable=libdir kelRt)
+[ "$(pkg-config --modversion kelRt)" = "$version" ] || { echo "pkg-config knows another version than the header"; exit 1; }
 # shellcheck disable=SC2046,SC2086
 "$cc" -std=c11 $flags "$source/tests/install/driver.c" $(pkg-config --cflags --libs kelRt) -Wl,-rpath,"$libdir" \
     -o "$scratch/driver"

@@ -3,6 +3,7 @@
 // special, wherever they lie in the vectors of whatever width that a kernel computes by.
 #include <gtest/gtest.h>
 
+#include <cmath>
 #include <cstring>
 
 #include "kelRt.h"
@@ -287,13 +288,13 @@ TEST_P(Elementwise, HugeArrays) {
 #endif
     constexpr uint32_t kPart = 4096, kPattern = 65521;
     Random random(3);
-    std::vector<Floats> operands(4, Floats(kElements + 3));
+    std::vector<Floats> operands(4, Floats(kElements + 19));
     for (Floats& operand : operands)
         for (uint32_t i = 0; i < operand.size(); ++i)
             operand[i] = i >= kPattern         ? operand[i - kPattern]
                          : random.below(10000) ? random.plain()
                                                : random.wild();
-    Floats whole(kElements + 3), parts(kElements + 3);
+    Floats whole(kElements + 19), parts(kElements + 19);
     const auto run = [&](Floats& out, uint32_t from, uint32_t count) {
         const auto advanced = [&](Floats& array, uint32_t bytes) {
             return reinterpret_cast<float*>(reinterpret_cast<char*>(array.data()) + size_t{from} * bytes);
@@ -307,6 +308,18 @@ TEST_P(Elementwise, HugeArrays) {
     for (uint32_t i = 0; i < kElements; i += kPart)
         run(parts, i, std::min(kPart, kElements - i));
     EXPECT_EQ(std::memcmp(whole.data(), parts.data(), size_t{kElements} * kernel.out_bytes), 0);
+
+    // Rare values all along and two ordinary blocks at the end: the way to the next whole vector, of 64 bytes
+    // at most, stops there.
+    constexpr uint32_t kShorter = kElements - 5;
+    const auto from = static_cast<uint32_t>((80 - reinterpret_cast<uintptr_t>(whole.data()) % 64) % 64 / 4);
+    for (Floats& operand : operands)
+        std::fill_n(operand.begin(), from + kShorter - 8, std::nanf(""));
+    std::memset(whole.data(), 0x55, whole.size() * sizeof(float));
+    run(whole, from, kShorter);
+    const auto* const behind =
+        reinterpret_cast<const char*>(whole.data()) + size_t{from + kShorter} * kernel.out_bytes;
+    EXPECT_EQ(std::string(behind, 16), std::string(16, 0x55));
 }
 
 INSTANTIATE_TEST_SUITE_P(Kernels, Elementwise, testing::ValuesIn(kKernels),

@@ -99,6 +99,8 @@ class Tool(unittest.TestCase):
             ("two types", model(("Concat", "x w", "y", {"axis": 0}), inputs=two, outputs=[("y", [4, 3])]),
              "Concat 'first': input 1 is int64 where another is float32"),
             ("wrong condition", model(("Where", "x x x", "y", {})), "Where 'first': input 0 is float32, which its"),
+            ("no such row", model(("GatherND", "x k", "y", {}), outputs=[("y", [3])], constants={"k": np.int64([2])}),
+             "GatherND 'first': an index is outside of -2 to 1"),
             ("indices of 64-bit floats", model(("Gather", "x s", "y", {}),
                                                inputs=[("x", [2, 3]), ("s", [2], TensorProto.DOUBLE)]),
              "Gather 'first': no operator of the library takes indices of float64"),
@@ -134,6 +136,7 @@ class Tool(unittest.TestCase):
             (["--input", "x=narrow.npy"], "input 'x' has shape [2, 3] and [2, 2] is given"),
             (["--input", "x=double.npy"], "input 'x' is float32 and float64 is given"),
             (["--out", "/proc/none"], "--out /proc/none: "),
+            (["--out", ""], "--out: the name of a folder is wanted"),
         ]:
             with self.subTest(options):
                 result = self.kelrt_onnx(model(("Relu", "x", "y", {})), "--out", "out", *options)

@@ -287,9 +287,11 @@ class Replays(RecorderTest):
         self.assertIn(" in 37 contexts\n", result.stdout)
 
     def test_options_that_make_no_sense(self):
+        self.drive("contexts", 1, 38, KELRT_RECORD=self.folder / "splits", KELRT_RECORD_OP="cpu_split")
         for words, sentence in [
             (["none", self.file, "--quiet"], "none: cannot open the file (No such file or directory)"),
             ([self.file, "--only", "x"], "--only x: there is no such operator (see kelrt ops)"),
+            (["splits", "--only", "4"], "--only 4: no record is of this operator"),
             ([self.file, "--index", "38"], f"--index 38: {self.file} has 38 records, numbered from 0"),
             (["none"], "none: cannot open the file (No such file or directory)"),
             ([self.file, "--index", "x"], "--index: 'x' is not the number of a record"),

@@ -1,12 +1,10 @@
-// SRAM rows: where they lie on both sides, in wrapping arithmetic, and the rule that only the last one
-// counts.
+// SRAM rows: where they lie on both sides, in wrapping arithmetic. That only the last one counts is
+// faults_test's.
 #include <gtest/gtest.h>
 
 #include "support/rig.h"
 
 namespace {
-
-constexpr uint32_t kFailure = 4242;
 
 TEST(SramRows, AdvanceInWrappingArithmetic) {
     struct Row {
@@ -41,20 +39,6 @@ TEST(SramRows, AdvanceInWrappingArithmetic) {
                     EXPECT_EQ(reinterpret_cast<uintptr_t>(calls[i].pointer), tensor + c.rows[i].place);
                 }
             }
-        }
-    }
-}
-
-TEST(SramRows, OnlyTheLastOneCounts) {
-    for (const auto move : {kel_rtNnaSramGet, kel_rtNnaSramSet}) {
-        for (uint32_t failing_row = 1; failing_row <= 3; ++failing_row) {
-            rig::Rig rig;
-            nna_sim_set_sram(rig.sim, 0, 64);
-            char memory[12];
-            nna_sim_fail_call(rig.sim, failing_row, kFailure);
-            EXPECT_EQ(move(&rig.instance, 0, 4, 4, 3, memory),
-                      failing_row == 3 ? kFailure : uint32_t{NNA_STATUS_OK});
-            EXPECT_EQ(rig.calls().size(), 3u) << "a failed row does not stop the others";
         }
     }
 }

@@ -3,11 +3,14 @@
 // missing. A build with -DKELRT_SANITIZE=thread finds for certain what shows here only when two threads meet.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <latch>
+#include <numeric>
+#include <random>
 #include <thread>
 
 #include "kelRt_platform.h"
-#include "support/rig.h"
+#include "support/rows.h"
 
 namespace {
 
@@ -80,6 +83,75 @@ TEST(Threads, RunContextsSideBySide) {
     EXPECT_EQ(shared.calls().size(), size_t{NNA_SIM_MAX_CALLS});
     uint32_t size = 0;
     EXPECT_EQ(tivNnaMemorySize(shared.sim, 0, &size), kFailure) << "the fault falls due after all of theirs";
+}
+
+// One thread's share of an accelerator: memories of its own for every operator, every other one a CPU buffer;
+// and an instance of its own, which contexts write to.
+struct Share {
+    KelRtInstance instance;
+    std::vector<uint32_t> first;  // memory, by row
+
+    explicit Share(rows::Bench& bench) : instance(bench.instance) {
+        for (const rows::Operator& op : rows::kOperators) {
+            first.push_back(bench.add(op));
+            for (uint32_t i = 1; i < op.bytes.size(); i += 2) {
+                const uint32_t memid = first.back() + i;
+                tivNnaCpuMemAlloc(&instance, memid, bench.size(memid));
+                tivNnaCpuMemWrite(&instance, memid, 0, bench.image(memid).data(), bench.size(memid));
+            }
+        }
+    }
+
+    // What the operator's tensors hold after its next context: the states that it keeps move on.
+    std::vector<rows::Bytes> next(const rows::Bench& bench, size_t row) {
+        const rows::Operator& op = rows::kOperators[row];
+        const rig::Context context(op.id, op.args_at(first[row]));
+        std::vector<rows::Bytes> tensors;
+        if (kelRt_executeContext(&instance, &context.record) == NNA_STATUS_OK) {
+            for (uint32_t i = 0; i < op.bytes.size(); ++i) {
+                const auto* const buffer = static_cast<const uint8_t*>(bench.table[first[row] + i].ptr);
+                tensors.push_back(buffer ? rows::Bytes(buffer, buffer + bench.size(first[row] + i))
+                                         : bench.view(first[row] + i));
+            }
+        }
+        return tensors;
+    }
+};
+
+// All nineteen at once on one accelerator, with one table of CPU buffers, each thread in an order of its own.
+TEST(Threads, RunEveryOperatorOnMemoriesOfTheirOwn) {
+    constexpr size_t kShares = 8, kTurns = 20;
+    const size_t count = rows::kOperators.size();
+    rows::Bench single(1000), bench(1000);
+    Share alone(single);
+    std::vector<std::vector<std::vector<rows::Bytes>>> expected(kTurns);
+    for (auto& turn : expected)
+        for (size_t row = 0; row < count; ++row)
+            turn.push_back(alone.next(single, row));
+    ASSERT_FALSE(expected[0][1].empty());
+    ASSERT_NE(expected[0][1], expected[1][1]) << "a state that moves on";
+
+    std::vector<Share> shares;
+    for (size_t t = 0; t < kShares; ++t)
+        shares.emplace_back(bench);
+    std::vector<size_t> equal(kShares);
+    std::latch start(kShares);
+    std::vector<std::thread> threads;
+    for (size_t t = 0; t < kShares; ++t)
+        threads.emplace_back([&, t] {
+            std::mt19937 random(static_cast<uint32_t>(t));
+            std::vector<size_t> order(count);
+            std::iota(order.begin(), order.end(), 0);
+            start.arrive_and_wait();
+            for (const auto& turn : expected) {
+                std::shuffle(order.begin(), order.end(), random);
+                for (const size_t row : order)
+                    equal[t] += !turn[row].empty() && shares[t].next(bench, row) == turn[row];
+            }
+        });
+    for (std::thread& thread : threads)
+        thread.join();
+    EXPECT_EQ(equal, std::vector<size_t>(kShares, kTurns * count));
 }
 
 }  // namespace

@@ -5,11 +5,12 @@
 #include <atomic>
 
 namespace {
-std::atomic<size_t> taken{0};
+std::atomic<size_t> taken{0}, asked{0};
 std::atomic<int> until_failure{0};
 
 template <class Allocate>
 void* counted(Allocate allocate) {
+    ++asked;
     if (until_failure > 0 && --until_failure == 0)
         return nullptr;
     void* const block = allocate();
@@ -37,6 +38,9 @@ void __wrap_free(void* block) {
 
 size_t heap::blocks() {
     return taken;
+}
+size_t heap::allocations() {
+    return asked;
 }
 void heap::fail_allocation(int k) {
     until_failure = k;

@@ -7,6 +7,7 @@
 namespace heap {
 
 size_t blocks();              // taken and not yet given back
+size_t allocations();         // asked for so far
 void fail_allocation(int k);  // the k-th from now on, once; 0: none
 
 }  // namespace heap

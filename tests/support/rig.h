@@ -38,12 +38,13 @@ class Rig {
   public:
     static constexpr uint32_t kMaxMemories = 32;
 
-    Rig() : sim(nna_sim_create()), table(kMaxMemories, CpuBufferEntry{nullptr, 0}) {
+    explicit Rig(size_t entries = kMaxMemories)
+        : sim(nna_sim_create()), table(entries, CpuBufferEntry{nullptr, 0}) {
         instance.device = sim;
         instance.cpu_buffers = instance.cpu_buffer_lookup = table.data();
     }
     ~Rig() {
-        for (uint32_t memid = 0; memid < kMaxMemories; ++memid)
+        for (uint32_t memid = 0; memid < table.size(); ++memid)
             tivNnaCpuMemDealloc(&instance, memid);
         nna_sim_destroy(sim);
     }

@@ -171,9 +171,11 @@ std::vector<std::string> examples() {
 // Each memory is admitted with the bytes given here and refused with one less. Under a sanitizer running it
 // shows that no byte more is touched.
 TEST(Catalogue, FootprintsAreTheBytesTouched) {
+    std::set<const tool::Operator*> shown;
     for (const std::string& text : examples()) {
         SCOPED_TRACE(text);
         Example example(text);
+        shown.insert(example.op);
         tool::Job job = example.job();
         ASSERT_EQ(example.complaint(job), "");
         tool::Machine machine(job);
@@ -201,6 +203,8 @@ TEST(Catalogue, FootprintsAreTheBytesTouched) {
                       std::string::npos);
         }
     }
+    for (const tool::Operator& op : tool::kOperators)
+        EXPECT_TRUE(shown.count(&op)) << "there is no example of " << op.name;
 }
 
 // Which operands may begin together, or lie anyhow: by the header. Everything else must lie apart, unless

@@ -197,6 +197,9 @@ class Refusals(KelrtTest):
              "contexts[0].args[1]: out and in of cpu_split both touch bytes 11 to 11 of memory x; they must lie apart"),
             (with_args(Z, {"mem": "y", "offset": 12}, X, 4, op="cpu_embedding"),
              "contexts[0].args[1]: index of cpu_embedding is 40 and memory x has 1 row"),
+            (with_args({"mem": "x", "offset": 4}, X, X, 1, op="cpu_embedding"),
+             "contexts[0].args[2]: row 1 of table and out of cpu_embedding both touch bytes 4 to 7 of memory x; they must "
+             "lie apart"),
             (dict(with_args(0, 0, 1, 17, Z, op=17), sram=memory([16], "u1")),
              "contexts[0].args[3]: 17 rows of no bytes are more than the memory has bytes"),
             (with_args(0, 4, 4, 1, Z, op="nna_sram_get"), 'contexts[0].op: nna_sram_get needs the job to have "sram"'),

@@ -70,10 +70,22 @@ class Operands {
         const bool as_same = may(Overlap::AsSame);
         if (clash.length() == 0 || may(Overlap::Anyhow) || (as_same && offset(i) == offset(j)))
             return "";
-        return std::string(b.name) + " and " + a.name + " of " + op_.name + " both touch bytes " +
-               std::to_string(clash.begin) + " to " + std::to_string(clash.end - 1) + " of memory " +
-               job_.memories[given_[i].value].name +
+        return std::string(b.name) + " and " + a.name + both_touch(clash, i) +
                (as_same ? "; they may begin at the same byte, or lie apart" : "; they must lie apart");
+    }
+
+    // The row that is looked up is what is read, and `j` must not be written over it. Row 0 is the
+    // footprint's.
+    std::string check_row(const Lookup& lookup, float index, size_t j) const {
+        const size_t table = lookup.table - kFirstArgument;
+        if (row_of(index) == 0 || !op_.arguments[j].is_memory() || given_[j].value != given_[table].value)
+            return "";
+        const Range clash = common(placed(j, op_.arguments[j].written_range(values_)),
+                                   placed(table, lookup.row(index, values_)));
+        if (clash.length() == 0)
+            return "";
+        return "row " + std::to_string(row_of(index)) + " of " + op_.arguments[table].name + " and " +
+               op_.arguments[j].name + both_touch(clash, table) + "; they must lie apart";
     }
 
     // Each row is a call of its own, rows of nothing too; of those a job could ask for 2^32.
@@ -86,6 +98,11 @@ class Operands {
     }
 
   private:
+    std::string both_touch(Range clash, size_t i) const {
+        return std::string(" of ") + op_.name + " both touch bytes " + std::to_string(clash.begin) + " to " +
+               std::to_string(clash.end - 1) + " of memory " + job_.memories[given_[i].value].name;
+    }
+
     std::string who(size_t i) const { return std::string(op_.arguments[i].name) + " of " + op_.name; }
 
     uint32_t offset(size_t i) const { return start_of(op_, given_[i].offset); }
@@ -193,9 +210,10 @@ void check_arguments(const Operator& op, std::span<const KelRtContextArg> argume
 
 void check_lookups(const Operator& op, std::span<const KelRtContextArg> arguments, const Job& job,
                    const Complain& complain, const Index& index) {
+    const Operands operands(op, arguments, job);
     for (const Lookup& lookup : op.lookups) {
-        const size_t i = lookup.index - kFirstArgument;
-        const KelRtContextArg& table = arguments[lookup.table - kFirstArgument];
+        const size_t i = lookup.index - kFirstArgument, t = lookup.table - kFirstArgument;
+        const KelRtContextArg& table = arguments[t];
         const uint64_t row_bytes = lookup.row_bytes(values_of(arguments));
         // The library itself refuses what is not there.
         if (arguments[i].value == KEL_RT_NO_MEMORY_ID || table.value == KEL_RT_NO_MEMORY_ID || row_bytes == 0)
@@ -203,8 +221,15 @@ void check_lookups(const Operator& op, std::span<const KelRtContextArg> argument
         const Memory& memory = job.memories[table.value];
         const uint64_t rows = (memory.size() - table.offset) / row_bytes;
         const std::optional<float> at = index(arguments[i]);
-        if (!at || row_of(*at) < rows)
+        if (!at)
             continue;
+        if (row_of(*at) < rows) {
+            for (size_t j = 0; j < arguments.size(); ++j) {
+                if (const std::string wrong = operands.check_row(lookup, *at, j); !wrong.empty())
+                    complain(t, wrong);
+            }
+            continue;
+        }
         char number[32];
         std::snprintf(number, sizeof number, "%.9g", static_cast<double>(*at));
         complain(i, std::string(op.arguments[i].name) + " of " + op.name + " is " + number + " and memory " +

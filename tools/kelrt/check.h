@@ -34,7 +34,8 @@ void note_writes(const Operator& op, std::span<const KelRtContextArg> arguments,
 // The float at the start of an argument's operand; none where it is not known yet.
 using Index = std::function<std::optional<float>(const KelRtContextArg& argument)>;
 
-// Checks that a context whose arguments are right looks nothing up outside its table.
+// Checks that a context whose arguments are right looks nothing up outside its table, and writes nothing over
+// the row that it looks up.
 void check_lookups(const Operator& op, std::span<const KelRtContextArg> arguments, const Job& job,
                    const Complain& complain, const Index& index);
 

@@ -26,11 +26,10 @@ bool holds_records(const std::string& file) {
     std::vector<uint8_t> front(1 << 16);
     const bool is_regular = fd >= 0 && ::fstat(fd, &info) == 0 && S_ISREG(info.st_mode);
     const ssize_t count = is_regular ? ::read(fd, front.data(), front.size()) : 0;
-    front.resize(count > 0 ? static_cast<size_t>(count) : 0);
     if (fd >= 0)
         ::close(fd);
-    return std::search(front.begin(), front.end(), record::kMagic.begin(), record::kMagic.end()) !=
-           front.end();
+    const auto end = front.begin() + std::max<ssize_t>(count, 0);
+    return std::search(front.begin(), end, record::kMagic.begin(), record::kMagic.end()) != end;
 }
 
 // The calls of a file in their order, as one job. A memory whose size or kind changes is another memory from

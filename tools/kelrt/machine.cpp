@@ -86,7 +86,7 @@ Machine::Result Machine::execute(const Context& context) {
     args_ = context.args;
     args_.resize(std::max<size_t>(args_.size(), 32));
     // Both SRAM operators make the same platform call; which way it moves is the platform's business.
-    const bool to_sram = (args_[1].value & 0xFF) == 18;
+    const bool to_sram = (args_[1].value & 0xFF) == op::kSramSet;
     nna_sim_set_sram_direction(sim_.get(), to_sram ? NNA_SIM_MEMORY_TO_SRAM : NNA_SIM_SRAM_TO_MEMORY);
 
     KelRtContext record{};

@@ -11,6 +11,7 @@
 #include "audit.h"
 #include "bad_input.h"
 #include "endings.h"
+#include "kelRt.h"
 #include "kelRt_platform.h"
 #include "number.h"
 #include "operators.h"
@@ -161,7 +162,7 @@ std::optional<int> parse(CLI::App& app, int argc, char** argv) {
 int run(int argc, char** argv) {
     CLI::App app("Runs operator contexts on the simulated accelerator.", "kelrt");
     app.require_subcommand(1);
-    app.set_version_flag("--version", "kelrt " KELRT_VERSION);
+    app.set_version_flag("--version", "kelrt " KEL_RT_VERSION_STRING);
 
     std::string operator_name, job_file, log = "warn";
     std::vector<std::string> words;

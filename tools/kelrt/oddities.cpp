@@ -26,7 +26,7 @@ bool inner_dimensions_differ(Values v) {
 }
 
 bool measures_integers(Values v) {
-    return chooses_scale(2, v) && v[7] != UINT32_MAX;
+    return chooses_scale(op::kCopyFormat, v) && v[7] != kFloatBits;
 }
 
 bool reaches_past_32_bits(Values v) {
@@ -42,32 +42,34 @@ constexpr const char* kRowsMeet = "rows of SRAM overlap: the stride is smaller t
 constexpr const char* kNegative = "a negative dimension makes no work";
 
 constexpr Rule kRules[] = {
-    {2, false, 5, measures_integers, "an automatic scale reads integers as if they were floats"},
-    {6, false, 4, [](Values v) { return v[4] % 8 != 0; },
+    {op::kCopyFormat, false, 5, measures_integers,
+     "an automatic scale reads integers as if they were floats"},
+    {op::kHw32, false, 4, [](Values v) { return v[4] % 8 != 0; },
      "elements after the last whole line of 8 are not converted"},
-    {9, true, 4, [](Values v) { return v[7] > v[4]; },
+    {op::kIm2col, true, 4, [](Values v) { return v[7] > v[4]; },
      "the geometry wraps: the kernel is higher than the input"},
-    {9, true, 5, [](Values v) { return v[8] > v[5]; },
+    {op::kIm2col, true, 5, [](Values v) { return v[8] > v[5]; },
      "the geometry wraps: the kernel is wider than the input"},
-    {9, false, 10, [](Values v) { return v[10] == 0 && v[7] < v[4]; },
+    {op::kIm2col, false, 10, [](Values v) { return v[10] == 0 && v[7] < v[4]; },
      "a stride of 0 makes one row of patches"},
-    {9, false, 11, [](Values v) { return v[11] == 0 && v[8] < v[5]; },
+    {op::kIm2col, false, 11, [](Values v) { return v[11] == 0 && v[8] < v[5]; },
      "a stride of 0 makes one column of patches"},
-    {10, true, 7, inner_dimensions_differ,
+    {op::kMatmul, true, 7, inner_dimensions_differ,
      "the inner dimensions differ; b is taken to have as many rows as a has columns"},
-    {10, false, 5, negative<5>, kNegative},
-    {10, false, 6, negative<6>, kNegative},
-    {10, false, 7, negative<7>, kNegative},
-    {10, false, 8, negative<8>, kNegative},
-    {11, false, 6, [](Values v) { return v[6] > v[3]; }, "a frame longer than the input: nothing is written"},
-    {11, false, 3, [](Values v) { return v[6] && v[6] <= v[3] && v[3] % v[6] != 0; },
+    {op::kMatmul, false, 5, negative<5>, kNegative},
+    {op::kMatmul, false, 6, negative<6>, kNegative},
+    {op::kMatmul, false, 7, negative<7>, kNegative},
+    {op::kMatmul, false, 8, negative<8>, kNegative},
+    {op::kFeatureNorm, false, 6, [](Values v) { return v[6] > v[3]; },
+     "a frame longer than the input: nothing is written"},
+    {op::kFeatureNorm, false, 3, [](Values v) { return v[6] && v[6] <= v[3] && v[3] % v[6] != 0; },
      "the last frame is not whole, and is not normalised"},
-    {16, false, 4, [](Values v) { return v[6] == 0 || v[4] % v[6] != 0; },
+    {op::kHw32Lines, false, 4, [](Values v) { return v[6] == 0 || v[4] % v[6] != 0; },
      "elements after the last whole line are not converted"},
-    {17, true, 2, reaches_past_32_bits, kWrapped},
-    {18, true, 2, reaches_past_32_bits, kWrapped},
-    {17, false, 4, rows_meet, kRowsMeet},
-    {18, false, 4, rows_meet, kRowsMeet},
+    {op::kSramGet, true, 2, reaches_past_32_bits, kWrapped},
+    {op::kSramSet, true, 2, reaches_past_32_bits, kWrapped},
+    {op::kSramGet, false, 4, rows_meet, kRowsMeet},
+    {op::kSramSet, false, 4, rows_meet, kRowsMeet},
 };
 
 }  // namespace

@@ -14,8 +14,6 @@ namespace {
 // 64 bits hold every product here: of two 32-bit numbers, of a third that is small, or of two dimensions of
 // 31 bits and an element's 4 bytes.
 
-constexpr uint32_t kFloatBits = UINT32_MAX;  // the format conversion's total bits of a float
-
 uint64_t dimension(uint32_t value) {
     return value > INT32_MAX ? 0 : value;
 }
@@ -450,6 +448,7 @@ constexpr Operator kCatalogue[KEL_RT_NUM_OPS] = {
     {"nna_sram_get", "copies rows from SRAM to a memory", kSramGet},
     {"nna_sram_set", "copies rows from a memory to SRAM", kSramSet},
 };
+static_assert(kCatalogue[KEL_RT_NUM_OPS - 1].name, "KEL_RT_NUM_OPS counts an operator that is not here");
 
 }  // namespace
 
@@ -486,7 +485,7 @@ Range sram_addresses(Values v) {
 }
 
 bool chooses_scale(uint32_t operator_id, Values values) {
-    return operator_id == 2 && values[3] == 8 && values[5] == 0;
+    return operator_id == op::kCopyFormat && values[3] == 8 && values[5] == 0;
 }
 
 uint32_t row_of(float index) {

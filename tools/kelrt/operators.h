@@ -22,6 +22,17 @@ enum class Element : uint8_t { None, Float, Byte, Any };
 using Values = std::span<const uint32_t>;
 inline constexpr size_t kFirstArgument = 2;
 
+// Operator ids, of those that rules are written for.
+namespace op {
+inline constexpr uint32_t kLstm = 1, kCopyFormat = 2, kOneHot = 3, kHw32 = 6, kEmbedding = 7,
+                          kLstmActivated = 8, kIm2col = 9, kMatmul = 10, kFeatureNorm = 11, kLstmCifg = 13,
+                          kLstmActivatedCifg = 14, kLstmNormalised = 15, kHw32Lines = 16, kSramGet = 17,
+                          kSramSet = 18;
+}
+
+// The format conversion's total bits of a float.
+inline constexpr uint32_t kFloatBits = UINT32_MAX;
+
 // Bytes of an operand, counted from its start.
 struct Range {
     uint64_t begin = 0, end = 0;
@@ -116,7 +127,7 @@ inline uint32_t id_of(const Operator& op) {
 }
 
 inline bool moves_sram(uint32_t operator_id) {
-    return operator_id == 17 || operator_id == 18;
+    return operator_id == op::kSramGet || operator_id == op::kSramSet;
 }
 
 // Where an operand begins in its memory: the SRAM operators ignore the offset.

@@ -39,25 +39,25 @@ class Kernel {
 
     std::optional<Refusal> refusal() const {
         switch (id_of(op_)) {
-            case 17:
-            case 18:
+            case op::kSramGet:
+            case op::kSramSet:
                 return std::nullopt;  // rows go to any address
-            case 15:
+            case op::kLstmNormalised:
                 return normalised_lstm();
         }
         if (const auto null = null_among(kFirstArgument, SIZE_MAX))
             return null;
         switch (id_of(op_)) {
-            case 1:
-            case 8:
-            case 13:
-            case 14:
+            case op::kLstm:
+            case op::kLstmActivated:
+            case op::kLstmCifg:
+            case op::kLstmActivatedCifg:
                 return v_[5] == 0 ? refuse(NNA_STATUS_INVALID_ARGUMENT, 5) : std::nullopt;
-            case 2:
+            case op::kCopyFormat:
                 return copy();
-            case 3:
+            case op::kOneHot:
                 return one_hot();
-            case 7:
+            case op::kEmbedding:
                 return v_[5] == 0 ? refuse(NNA_STATUS_NULL_POINTER, 5) : std::nullopt;
         }
         return std::nullopt;
@@ -80,7 +80,8 @@ class Kernel {
     std::optional<Refusal> null_among(size_t from, size_t to) const {
         // Format conversion, one-hot, embedding and the LSTM operators say nothing themselves.
         const uint32_t id = id_of(op_);
-        const bool silent = id == 2 || id == 3 || id == 7 || op_.fetches_outputs;
+        const bool silent =
+            id == op::kCopyFormat || id == op::kOneHot || id == op::kEmbedding || op_.fetches_outputs;
         for (size_t i = from; i < std::min(to, v_.size()); ++i) {
             if (is_null(i))
                 return refuse(NNA_STATUS_NULL_POINTER, i, silent ? "" : "Bad Address");
@@ -104,7 +105,6 @@ class Kernel {
     }
 
     std::optional<Refusal> copy() const {
-        constexpr uint32_t kFloat = UINT32_MAX;
         const uint32_t out_total = v_[3], out_fraction = v_[4], in_total = v_[7], in_fraction = v_[8];
         const auto bad = [this](size_t position, const std::string& message) {
             return refuse(NNA_STATUS_INVALID_ARGUMENT, position, message);
@@ -112,15 +112,15 @@ class Kernel {
         if (v_[10] == 0)
             return bad(10, "Unexpected Size 0");
         const std::string formats = "Input Total : " + number(in_total) + " Frac : " + number(in_fraction);
-        if (out_total != kFloat && out_total != 8)
+        if (out_total != kFloatBits && out_total != 8)
             return bad(3, formats);
         if (out_total < out_fraction)
             return bad(4, formats);
-        if (in_total != kFloat && in_total != 8 && in_total != 16 && in_total != 32)
+        if (in_total != kFloatBits && in_total != 8 && in_total != 16 && in_total != 32)
             return bad(7, formats);
         if (in_total < in_fraction)
             return bad(8, formats);
-        if (in_total != kFloat && v_[9] == 0)
+        if (in_total != kFloatBits && v_[9] == 0)
             return bad(9, "Input Scale Factor 0");
         return std::nullopt;
     }

@@ -66,7 +66,8 @@ class RecordReplay {
 
     const Context& context() const { return recorded_.job.contexts.front(); }
 
-    // "" or why running it would touch bytes that nobody recorded.
+    // "" or why running it would touch bytes that nobody recorded, or mean nothing: what comes of operands
+    // over each other that must lie apart is not the same everywhere.
     std::string unsafe() {
         std::string why;
         if (!record_.op)
@@ -77,7 +78,8 @@ class RecordReplay {
         }
         const auto complain = [&](size_t, const std::string& what) { why = what; };
         const auto own = context().own();
-        if (!check_extents(*record_.op, own, recorded_.job, complain))
+        if (!check_extents(*record_.op, own, recorded_.job, complain) ||
+            !check_overlaps(*record_.op, own, recorded_.job, complain))
             return why;
         check_lookups(*record_.op, own, recorded_.job, complain, [&](const KelRtContextArg& argument) {
             float index;
@@ -401,6 +403,13 @@ int replay(const std::vector<std::string>& files, const ReplayOptions& options) 
             throw BadInput("--index " + std::to_string(*options.index) + ": " + file->path() + " has " +
                            std::to_string(file->records().size()) + " records, numbered from 0");
     }
+    const auto may_be_wanted = [&](const auto& file) {
+        return !file->damages().empty() ||
+               std::any_of(file->records().begin(), file->records().end(),
+                           [&](const Record& record) { return record.op == find_operator(options.only); });
+    };
+    if (!options.only.empty() && damages.empty() && std::none_of(read.begin(), read.end(), may_be_wanted))
+        throw BadInput("--only " + options.only + ": no record is of this operator");
     Replay replay(options, records, std::move(damages));
     for (const auto& file : read)
         replay.add(*file);

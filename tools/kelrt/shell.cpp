@@ -267,7 +267,7 @@ class Words {
             fail(spelling(kSramName), kTooMuch);
         if (uint64_t{job_.sram->base} + job_.sram->initial.bytes.size() > uint64_t{1} << 32)
             fail(spelling(kSramName), "the SRAM reaches beyond 32-bit addresses");
-        job_.sram_is_output = id_of(op_) == 18;
+        job_.sram_is_output = id_of(op_) == op::kSramSet;
     }
 
     const Operator& op_;

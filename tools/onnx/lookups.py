@@ -64,6 +64,9 @@ def gather_nd(node: Node) -> Tensor:
     x, indices, batch = node.tensor(0), node.tensor(1), int(node.get("batch_dims", 0))
     k = indices.shape[-1]
     counted = x.shape[batch : batch + k]
+    if node.job.is_constant(indices):
+        for i, n in enumerate(counted):
+            _check_range(node.job.value(indices)[..., i], n)
     strides = [math.prod(counted[i + 1 :]) for i in range(k)]
     parts = [arithmetic.index(node.job, indices[..., i], n).reshape(-1, 1) for i, n in enumerate(counted)]
     column = node.job.constant(np.float32(strides).reshape(-1, 1))

@@ -45,5 +45,7 @@ constexpr KelRtOpEntry kOpTable[KEL_RT_NUM_OPS] = {
     /* 18 */ row("nna_sram_set",                        kTypes<VAL, VAL, VAL, VAL, MEM>,                          run_sram),
 };
 // clang-format on
+static_assert(kOpTable[KEL_RT_NUM_OPS - 1].total_args > 0,
+              "KEL_RT_NUM_OPS counts an operator that has no row");
 
 }  // namespace kelrt

@@ -278,12 +278,8 @@ void hw32_to_linear(uint8_t* linear, const uint8_t* planes, size_t L, size_t lin
     convert_buffer<to_linear_in_place>(convert_lines<ToLinear>, linear, planes, L, lines);
 }
 
-void linear_to_hw32(uint8_t* planes, const uint8_t* linear, size_t L, size_t lines) {
+void convert_lin_hw(uint8_t* planes, const uint8_t* linear, size_t L, size_t lines) {
     convert_buffer<to_hw32_in_place>(convert_lines<ToHw32>, planes, linear, L, lines);
-}
-
-void convert_lin_hw(uint8_t* dst, const uint8_t* src, uint32_t L) {
-    linear_to_hw32(dst, src, L, 1);
 }
 
 }  // namespace kelrt::KELRT_SET

@@ -12,9 +12,6 @@ namespace kelrt::KELRT_SET {
 // the same. If they overlap otherwise, lines are converted in ascending order, each read before it is
 // written.
 void hw32_to_linear(uint8_t* linear, const uint8_t* planes, size_t L, size_t lines);
-void linear_to_hw32(uint8_t* planes, const uint8_t* linear, size_t L, size_t lines);
-
-// One linear line to one hw32 line; the mirror of the exported convert_hw_lin. The two may overlap.
-void convert_lin_hw(uint8_t* dst, const uint8_t* src, uint32_t L);
+void convert_lin_hw(uint8_t* planes, const uint8_t* linear, size_t L, size_t lines);  // not exported
 
 }  // namespace kelrt::KELRT_SET

@@ -23,7 +23,7 @@ uint32_t kelRt_hw32FmtConvParam(uint8_t* output, const uint8_t* input, uint32_t 
     if (dir == 0)
         hw32_to_linear(output, input, nna_out_line_sz, num_store_chunks);
     else
-        linear_to_hw32(output, input, nna_out_line_sz, num_store_chunks);
+        convert_lin_hw(output, input, nna_out_line_sz, num_store_chunks);
     return NNA_STATUS_OK;
 }
 

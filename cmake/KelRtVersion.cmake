@@ -1,0 +1,15 @@
+# KELRT_VERSION, which the public header states: the only place where it does.
+
+file(READ "${CMAKE_CURRENT_LIST_DIR}/../include/kelRt.h" header)
+set(KELRT_VERSION "")
+foreach(part MAJOR MINOR PATCH)
+    if(NOT header MATCHES "#define KEL_RT_VERSION_${part} ([0-9]+)\n")
+        message(FATAL_ERROR "include/kelRt.h: KEL_RT_VERSION_${part} is not a number")
+    endif()
+    string(APPEND KELRT_VERSION ".${CMAKE_MATCH_1}")
+endforeach()
+string(SUBSTRING "${KELRT_VERSION}" 1 -1 KELRT_VERSION)
+if(NOT header MATCHES "#define KEL_RT_VERSION_STRING \"([0-9.]+)\"\n" OR NOT CMAKE_MATCH_1 STREQUAL KELRT_VERSION)
+    message(FATAL_ERROR "include/kelRt.h: KEL_RT_VERSION_STRING is not ${KELRT_VERSION}, as its parts are")
+endif()
+set_property(DIRECTORY APPEND PROPERTY CMAKE_CONFIGURE_DEPENDS "${CMAKE_CURRENT_LIST_DIR}/../include/kelRt.h")

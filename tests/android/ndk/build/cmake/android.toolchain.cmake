@@ -1,0 +1,26 @@
+# Stands in for the file of this name in Android's NDK, as far as configuring goes: the same system and processor names
+# and clang with the same targets, but no Android headers or libraries, so that nothing can be compiled with it.
+set(CMAKE_SYSTEM_NAME Android)
+set(CMAKE_SYSTEM_VERSION 1) # CMake leaves the rest to the toolchain file
+set(processor_armeabi-v7a armv7-a)
+set(processor_arm64-v8a aarch64)
+set(processor_riscv64 riscv64)
+set(processor_x86 i686)
+set(processor_x86_64 x86_64)
+set(target_armeabi-v7a armv7-none-linux-androideabi24)
+set(target_arm64-v8a aarch64-none-linux-android24)
+set(target_riscv64 riscv64-none-linux-android35)
+set(target_x86 i686-none-linux-android24)
+set(target_x86_64 x86_64-none-linux-android24)
+set(CMAKE_SYSTEM_PROCESSOR ${processor_${ANDROID_ABI}})
+foreach(language C CXX)
+    set(CMAKE_${language}_COMPILER_TARGET ${target_${ANDROID_ABI}})
+    set(CMAKE_${language}_COMPILER_WORKS ON)
+endforeach()
+set(CMAKE_C_COMPILER clang)
+set(CMAKE_CXX_COMPILER clang++)
+set(CMAKE_TRY_COMPILE_TARGET_TYPE STATIC_LIBRARY)
+set(CMAKE_TRY_COMPILE_PLATFORM_VARIABLES ANDROID_ABI)
+# Which the C library has itself.
+set(CMAKE_HAVE_PTHREAD_H ON CACHE INTERNAL "")
+set(CMAKE_HAVE_LIBC_PTHREAD ON CACHE INTERNAL "")

@@ -41,8 +41,8 @@ BUILDS = {
 }
 # The tests that may notice a fault of each part, by name, with the targets that they run where these are called
 # otherwise. What the library does its own tests have to notice.
-KERNELS = {"runtime_test": "", "faults_test": "", "operators_test": "", "formats_test": "", "test_math": "", "internals_test": "",
-           "math_sweep": "kelrt_sweep"}
+KERNELS = {"runtime_test": "", "operators_test": "", "formats_test": "", "test_math": "", "internals_test": "",
+           "faults_test": "", "math_sweep": "kelrt_sweep"}
 TESTS = {
     "library": KERNELS | {"simulator_test": "", "truncation_test": "", "catalogue_test": ""},
     "simulator": {"simulator_test": "", "truncation_test": "", "runtime_test": "", "internals_test": "",

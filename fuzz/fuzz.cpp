@@ -26,7 +26,7 @@ void must(bool holds, const std::string& what) {
 void quiet(int32_t log_level) {
     static std::FILE* const nowhere = std::fopen("/dev/null", "w");
     must(nowhere != nullptr, "there is somewhere that is nowhere");
-    stdout = stderr = nowhere;
+    stdout = stderr = nowhere;  // the GNU C library lets them be set; descriptor 2 stays the terminal
     g_log_lvl = log_level;
 }
 

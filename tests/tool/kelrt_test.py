@@ -649,9 +649,11 @@ class Endings(KelrtTest):
         ours = os.open(self.out, os.O_RDONLY)
         fcntl.flock(ours, fcntl.LOCK_SH)  # another run would not even share
         (self.folder / "job.json").write_text(json.dumps(add_job()))
-        process = self.start("run", "job.json", "--out", self.out, stdout=subprocess.DEVNULL)
+        process = self.start("run", "job.json", "--out", self.out, "--quiet", preexec_fn=lambda: os.close(1))
         time.sleep(1)
         self.assertIsNone(process.poll())
+        # Started without standard output, it does not take the folder for that.
+        self.assertNotEqual(pathlib.Path(f"/proc/{process.pid}/fd/1").resolve(), self.out.resolve())
         self.assertFalse((self.out / "z.npy").exists())
         os.close(ours)
         self.assertEqual(process.wait(60), 0)

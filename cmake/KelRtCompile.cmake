@@ -35,6 +35,9 @@ target_compile_options(kelRt_compile INTERFACE
 # Hardening. Addresses are bound before main and read-only from then on, and calls of the C library are checked where
 # the compiler knows how large an object is: in code that is optimised, and not under sanitizers, which see more.
 target_link_options(kelRt_compile INTERFACE -Wl,-z,relro,-z,now)
+if(CMAKE_SIZEOF_VOID_P EQUAL 8)  # Android's 64-bit kernels may have pages of 16 KiB
+    target_link_options(kelRt_compile INTERFACE -Wl,-z,max-page-size=16384)
+endif()
 if(NOT KELRT_SANITIZE)
     target_compile_options(kelRt_compile INTERFACE
         -U_FORTIFY_SOURCE $<$<NOT:$<CONFIG:Debug>>:-D_FORTIFY_SOURCE=3>)

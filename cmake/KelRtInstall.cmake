@@ -1,6 +1,6 @@
-# Installation: headers, library, the packages by which find_package and pkg-config find them, manuals, and completion for
-# the shells. Nothing installed knows where it lies, so the tree can be moved. The simulated accelerator comes along where the library was linked
-# against it, since such a library does not load without it.
+# Installation: headers, library, the packages by which find_package and pkg-config find them, manuals, and completion
+# for the shells. Nothing installed knows where it lies, so the tree can be moved. The simulated accelerator comes along
+# where the library was linked against it, since such a library does not load without it.
 
 include(CMakePackageConfigHelpers)
 

@@ -281,14 +281,16 @@ class Run:
         self.tree = Tree(folder / "tree")
         self.file = folder / "results.json"
         self.results, self.baselines = {}, {}
+        self.earlier: set[str] = set()  # noticed before the sources last changed, and kept by --survivors
         if self.file.exists():
             last = json.loads(self.file.read_text())
-            if last["sources"] == self.tree.digest:
+            same, earlier = last["sources"] == self.tree.digest, set(last.get("earlier", []))
+            if same:
                 self.baselines = last["seconds"]
             keys = {fault.key for fault in faults}
-            if survivors or last["sources"] == self.tree.digest:
-                self.results = {key: what for key, what in last["results"].items()
-                                if key in keys and (what or not survivors)}
+            self.results = {key: what for key, what in last["results"].items() if key in keys and
+                            (what if survivors else same and key not in earlier)}
+            self.earlier = {key for key in self.results if survivors and (not same or key in earlier)}
         self.todo = [fault for fault in wanted if fault.key not in self.results and not fault.cannot_show]
 
     def go(self) -> None:
@@ -337,7 +339,8 @@ class Run:
             f"{fault.path.split('/')[-1]}: {fault.text}")
 
     def save(self) -> None:
-        contents = {"sources": self.tree.digest, "seconds": self.baselines, "results": self.results}
+        contents = {"sources": self.tree.digest, "seconds": self.baselines, "results": self.results,
+                    "earlier": sorted(self.earlier)}
         self.file.write_text(json.dumps(contents, indent=1))
 
     def score(self) -> tuple[str, bool]:
@@ -353,7 +356,9 @@ class Run:
         for (part, folder), row in [*rows.items(), *(((part, "**all**"), row) for part, row in parts.items())]:
             share = f"{percent(row):.1f} %" if row[0] + row[1] else ""
             lines.append(f"| {part} | {folder} | {row[0]} | {row[1]} | {share} | {row[2]} | {row[3]} |")
-        return "\n".join(lines), all(percent(row) >= LEAST[part] for part, row in parts.items())
+        if self.earlier:
+            lines += ["", f"{len(self.earlier)} of them were noticed before sources or tests last changed."]
+        return "\n".join(lines), all(not row[2] and percent(row) >= LEAST[part] for part, row in parts.items())
 
 
 def percent(row: list[int]) -> float:

@@ -460,8 +460,12 @@ class Runs(KelrtTest):
         writer = os.open(self.folder / "pipe", os.O_RDWR)
         os.write(writer, npy("f4", [4], [1, 2, 3, 4]))
         reader = self.start("op", "cpu_split", "in=pipe", "nbytes=16", stdout=subprocess.PIPE, text=True)
-        while fcntl.ioctl(writer, termios.FIONREAD, bytes(4)) != bytes(4) and reader.poll() is None:
+        for _ in range(6000):
+            if fcntl.ioctl(writer, termios.FIONREAD, bytes(4)) == bytes(4) or reader.poll() is not None:
+                break
             time.sleep(0.01)
+        else:
+            self.fail("the pipe is not read")
         os.close(writer)
         self.assertIn("out  f4 (4,) = 1 2 3 4", reader.communicate()[0])
         result = self.kelrt("op", "cpu_ewop_add", "a=none", "b=f4[4]", "n=4")

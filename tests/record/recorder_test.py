@@ -95,6 +95,12 @@ class Observes(RecorderTest):
         result = self.kelrt("check", self.file)
         self.assertEqual(result.stdout.count(" error: "), 0, result.stdout)
 
+    def test_what_is_checked_has_the_kind_that_it_had(self):
+        self.record("shared")
+        self.assertEqual(self.kelrt("check", self.file).stdout, "".join(
+            f"{self.file}: context {i} (call {i}): warning: c: publishing c publishes all of memory 0, operand a of context "
+            f"{i} (call {i}) as that left it included\n" for i in (1, 3, 5, 7)) + "0 errors, 4 warnings in 8 contexts\n")
+
     def test_the_records_of_other_machines(self):
         """Made by `recorded_driver contexts 1 38` elsewhere; only the maths library may tell."""
         self.assertGreaterEqual(len(GOLDEN), 2)
@@ -217,13 +223,15 @@ class Replays(RecorderTest):
         self.record("contexts", 1, 38)
 
     def spoil(self, index, flip, place=None):
-        """Flips bits of one byte of a record, the last unless a place is given, with checksums that fit."""
+        """Flips bits of one byte of a record, with checksums that fit: the last, that at a place, or the first of the
+        last bytes that are `place`."""
         data = bytearray(self.file.read_bytes())
         at = 0
         for _ in range(index):
             at += struct.unpack_from("<Q", data, at + 16)[0]
         end = at + struct.unpack_from("<Q", data, at + 16)[0]
-        data[end - 1 if place is None else at + place] ^= flip
+        spoilt = end - 1 if place is None else data.rindex(place, at, end) if isinstance(place, bytes) else at + place
+        data[spoilt] ^= flip
         struct.pack_into("<I", data, at + 24, zlib.crc32(data[at + 32:end]))
         struct.pack_into("<I", data, at + 28, zlib.crc32(data[at:at + 28]))
         self.file.write_bytes(data)
@@ -264,6 +272,23 @@ class Replays(RecorderTest):
         self.assertEqual(result.returncode, 1)
         self.assertIn("where the maths library computes", result.stdout)
         self.assertRegex(result.stdout, r"\ntotal +38 +37 +1 +0 +0 ")
+
+    def test_normalising_spreads_what_the_maths_library_computes(self):
+        """To the first element, if any is beyond the groups of four; otherwise only those are of its making."""
+        self.file.unlink()
+        self.record("contexts", 2, 19 * 10, KELRT_RECORD_OP="cpu_lstm_states_norm_cifg_cpuactv")
+        self.replay("--dump", "dumped")
+        expected = []
+        for i in range(10):
+            args = json.loads((self.folder / f"dumped/{i}.json").read_text())["contexts"][0]["args"]
+            n, out = args["n"], args["out"]
+            data = (self.folder / f"dumped/{i}.{out['mem']}.after.npy").read_bytes()
+            begin = 10 + struct.unpack_from("<H", data, 8)[0] + out["offset"]
+            self.spoil(i, 0x01, data[begin:begin + 4 * n])
+            expected.append(("out", 1, int(n % 4 != 0 and (args["cellNorm"] != 0 or n < 4))))
+        found = [record["differences"][0] for record in self.replay(code=1)["records"]]
+        self.assertEqual([(one["argument"], one["different"], one["by_maths"]) for one in found], expected)
+        self.assertEqual({by_maths for _, _, by_maths in expected}, {0, 1})
 
     def test_records_become_jobs(self):
         result = self.kelrt("replay", self.file, "--dump", "dumped", "--quiet")

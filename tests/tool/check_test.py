@@ -158,7 +158,7 @@ ONE_FAULT = [
      "publishing c publishes all of memory x, operand a of context 0 as that left it included"),
     (job(matmul(at("x"), at("y"), at("z"), 2, 2, 2, 2, 1, 0), add("x", "y", "y", 1)), "warning", "out",
      "publishing out publishes all of memory x, operand a of context 0 as that left it included"),
-    (job(add(a="u")), "warning", "a", "memory u has no values, and no context before has written it"),
+    (job(add(a="u", b="u"), add("y", "u")), "warning", "a", "memory u has no values, and no context before has written it"),
     (job(add()) | {"outputs": ["x"]}, "warning", "", "memory x is an output, and no context publishes it"),
     (job(add(), v=given(1)), "warning", "", "memory v is named by no context"),
 ]

@@ -283,6 +283,8 @@ class Refusals(KelrtTest):
              "b=f4[3]: b of cpu_ewop_add needs 16 bytes from offset 0 and memory b has 12"),
             (["op", "cpu_ewop_add", "a=f4[4", "b=f4[4]", "n=4"], "a=f4[4: a memory is written f4[2,3] or f4[2]:0.5,1"),
             (["op", "cpu_ewop_add", "a=f4[x]", "b=f4[4]", "n=4"], "a=f4[x]: 'x' is not a dimension"),
+            (["op", "cpu_ewop_add", "a=f4[4]", "a.kind=gpu", "b=f4[4]", "n=4"],
+             "a.kind=gpu: the kind of a memory is accelerator or cpu"),
             (["op", "cpu_ewop_add", "a=f4[2]:1", "b=f4[4]", "n=4"],
              "a=f4[2]:1: 1 values are given and shape (2,) has 2"),
             (["op", "cpu_ewop_add", "a=i1[1]:200", "b=f4[4]", "n=4"],
@@ -306,11 +308,14 @@ class Refusals(KelrtTest):
     def test_an_index_that_an_earlier_context_makes(self):
         job = add_job(contexts=[{"op": 4, "args": [Z, X, Y, 4]}, {"op": 7, "args": [Z, {"mem": "z"}, X, 1]}])
         job["contexts"][1]["args"][0] = Y
-        for kind in ("accelerator", "cpu"):
+        by_order = job["contexts"][1]["args"]
+        by_name = dict(zip(("out", "index", "table", "w"), by_order))
+        for kind, args, place in (("accelerator", by_order, "[1]"), ("cpu", by_order, "[1]"), ("cpu", by_name, ".index")):
             job["memories"]["z"]["kind"] = kind
+            job["contexts"][1]["args"] = args
             result = self.run_job(job)
             self.assertEqual(result.returncode, 2)
-            self.assertEqual(result.stderr, "kelrt: job.json: contexts[1].args[1]: index of cpu_embedding is 11 and "
+            self.assertEqual(result.stderr, f"kelrt: job.json: contexts[1].args{place}: index of cpu_embedding is 11 and "
                                             "memory x has 4 rows\n")
             self.assertFalse(self.out.exists())
         job["memories"]["z"]["values"] = [9] * 4
@@ -340,6 +345,7 @@ class Runs(KelrtTest):
         result = self.run_job(with_args(X, X, Y, 4) | {"outputs": ["x"]}, "--repeat", "010")
         self.assertEqual(self.written(), {"x.npy": self.SUM})
         self.assertRegex(result.stdout, r"cpu_ewop_add +NNA_STATUS_OK \(1001\)  least .* us, median .* us of 10\n")
+        self.assertIn("caches carried 32 bytes to the CPU, 16 bytes back\n", result.stdout)  # in each of them
 
     def test_values_of_every_type_come_back(self):
         values = {"f4": ("4I", [0.5, -0.0, "0x7FC00001", 1e-45], [0x3F000000, 0x80000000, 0x7FC00001, 1]),
@@ -389,6 +395,7 @@ class Runs(KelrtTest):
         self.assertLessEqual(row["median_us"], row["p99_us"])
         self.assertLessEqual(row["p99_us"], row["most_us"])
         self.assertAlmostEqual(row["mean_us"] * 4, row["total_us"], 3)
+        self.assertAlmostEqual(row["gb_per_s"] * row["total_us"] * 1000 / row["bytes"], 1, 5)
         self.assertEqual([(event["ph"], event["name"], event["args"]["context"]) for event in trace["traceEvents"]],
                          [("X", "cpu_ewop_add", i) for i in range(4)])
         begins = [event["ts"] for event in trace["traceEvents"]]
@@ -471,7 +478,7 @@ class Runs(KelrtTest):
     def test_operands_left_changed_are_warned_of(self):
         m, at = {"mem": "m"}, lambda offset: {"mem": "m", "offset": offset}
         matmul = lambda a, b, c, *flags: {"op": "cpu_matmul", "args": [a, b, c, 2, 2, 2, 2, *flags]}
-        add = lambda out, a: {"op": "cpu_ewop_add", "args": [out, a, X, 4]}
+        add = lambda out, a, n=4: {"op": "cpu_ewop_add", "args": [out, a, X, n]}
         lstm = {"op": "cpu_lstm_states", "args": [at(48), Y, m, 3]}
         overlap = "context 0: a and b overlap in memory m, so that both are read as the transposition leaves them"
         publishes = "publishing %s publishes all of memory m, operand %s of context 0 as that left it included"
@@ -487,6 +494,8 @@ class Runs(KelrtTest):
             ([matmul(X, m, Z, 0, 1), add(at(16), Y)], ["context 1: " + publishes % ("out", "b")]),
             ([matmul(X, m, Z, 0, 1), add(at(16), m), add(at(16), Y)], [reads]),  # or fetched anew in between
             ([matmul(X, m, Z, 0, 1), add(m, Y), add(Z, m)], ["context 1: " + publishes % ("out", "b")]),  # or overwritten
+            ([matmul(X, m, Z, 0, 1), add(m, Y, 3), add(Z, m)], [  # as a whole
+                "context 1: " + publishes % ("out", "b"), reads.replace("context 1", "context 2")]),
             ([lstm], ["context 0: " + publishes % ("out", "gates")]),
         ]:
             for kind in ("accelerator", "cpu"):
@@ -515,6 +524,11 @@ class Runs(KelrtTest):
         self.assertEqual(self.run_job(job).returncode, 0)
         self.assertEqual(self.written(), {"m.npy": npy("u1", [6], [1, 2, 3, 9, 10, 11]), "sram.npy": npy(
             "u1", [16], [0, 1, 2, 3, 1, 2, 3, 9, 10, 11, 10, 11, 12, 13, 14, 15])})
+        job["contexts"][1]["op"] = 0x112  # of which the library sees the low byte
+        moved = self.written()
+        self.assertEqual(self.run_job(job, "--unchecked").returncode, 0)
+        self.assertEqual(self.written(), moved)
+        job["contexts"][1]["op"] = "nna_sram_set"
         job["contexts"][0]["args"][0] = 4110
         self.assertIn("NNA_SIM_STATUS_OUT_OF_RANGE (2002)", self.run_job(job).stdout)
 
@@ -639,9 +653,11 @@ class Endings(KelrtTest):
         ours = os.open(self.out, os.O_RDONLY)
         fcntl.flock(ours, fcntl.LOCK_SH)  # another run would not even share
         (self.folder / "job.json").write_text(json.dumps(add_job()))
-        process = self.start("run", "job.json", "--out", self.out, stdout=subprocess.DEVNULL)
+        process = self.start("run", "job.json", "--out", self.out, "--quiet", preexec_fn=lambda: os.close(1))
         time.sleep(1)
         self.assertIsNone(process.poll())
+        # Started without standard output, it does not take the folder for that.
+        self.assertNotEqual(pathlib.Path(f"/proc/{process.pid}/fd/1").resolve(), self.out.resolve())
         self.assertFalse((self.out / "z.npy").exists())
         os.close(ours)
         self.assertEqual(process.wait(60), 0)

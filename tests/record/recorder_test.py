@@ -103,7 +103,7 @@ class Observes(RecorderTest):
             self.assertTrue(all(word[0] == "s" for word in asked) and len(asked) == len(set(asked)), ours)
 
     def test_what_replays_identically(self):
-        for words in (CONTEXTS, ("contexts", 7, 19 * 8), ("shared",), ("refused",), ("faults",)):
+        for words in (CONTEXTS, ("contexts", 7, 19 * 8), ("shared",), ("refused",), ("faults",), ("nested",)):
             with self.subTest(words=words):
                 self.file.unlink(missing_ok=True)
                 # Log lines have a time stamp, and what the simulator shows of them a process number.

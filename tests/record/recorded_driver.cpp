@@ -3,7 +3,8 @@
 //
 //   recorded_driver contexts SEED COUNT   random valid contexts of all operators, on both kinds of memory
 //   recorded_driver shared                operands in one memory, outputs among them
-//   recorded_driver faults                a context whose platform calls fail, one after another
+//   recorded_driver faults                contexts whose platform calls fail, one after another
+//   recorded_driver nested                a log function that executes contexts itself
 //   recorded_driver refused               contexts that the library refuses
 //   recorded_driver threads COUNT CALLS   contexts on several threads
 //   recorded_driver forever               until it is killed
@@ -16,7 +17,9 @@
 #include <cstdlib>
 #include <string>
 #include <thread>
+#include <utility>
 
+#include "kelRt_platform.h"
 #include "support/contexts.h"
 #include "support/rig.h"
 
@@ -95,6 +98,19 @@ struct Sum {
     }
 };
 
+// Whose context is executed the next time that the library writes to the log, from within.
+Sum* logging = nullptr;
+
+void run_within_log(Sum& sum, uint32_t op, const std::vector<KelRtContextArg>& arguments, Sum& within) {
+    const int32_t level = std::exchange(g_log_lvl, 0);
+    // Always exceeded: the position of a standard output that has none is -1.
+    const int32_t size = std::exchange(g_log_file_max_size, -2);
+    logging = &within;
+    std::printf("around it %u\n", sum.rig.run(op, arguments));
+    g_log_lvl = level;
+    g_log_file_max_size = size;
+}
+
 // An output resolved before the input in the same memory is fetched, and a transposed operand that is
 // published along.
 void run_shared() {
@@ -118,12 +134,28 @@ void run_shared() {
 }
 
 void run_faults() {
-    // Recorded, the sizes of the three memories are asked for first.
-    const uint32_t questions = std::getenv("KELRT_RECORD") ? 3 : 0;
+    // Recorded, the sizes of the memories are asked for first.
+    const bool asked = std::getenv("KELRT_RECORD");
     for (uint32_t k = 1; k <= 12; ++k) {
         Sum sum;
-        nna_sim_fail_call(sum.rig.sim, k + questions, 777);
+        nna_sim_fail_call(sum.rig.sim, k + (asked ? 3 : 0), 777);
         std::printf("fault %u: %u\n", k, sum.run());
+        nna_sim_fail_call(sum.rig.sim, 0, 0);
+        // In one memory, what fails when an operand is handed back takes nothing from the result.
+        nna_sim_fail_call(sum.rig.sim, k + (asked ? 1 : 0), 777);
+        const KelRtContextArg all = rig::mem(sum.a);
+        std::printf("in one memory: %u\n", sum.rig.run(4, {all, all, all, rig::val(16)}));
+    }
+    // More failures than a record has room for, of which the last one is the status.
+    constexpr uint32_t kRows = 70;
+    for (const uint32_t failing : {63u, 64u, kRows}) {
+        rig::Rig rig;
+        const KelRtContextArg rows = rig::mem(rig.memory(kRows));
+        nna_sim_set_sram(rig.sim, 0, kRows);
+        for (uint32_t k = 0; k < failing; ++k)  // the first call resolves the memory
+            nna_sim_fail_call(rig.sim, 1 + kRows - k + (asked ? 1 : 0), 777);
+        std::printf("%u rows fail: %u\n", failing,
+                    rig.run(17, {rig::val(0), rig::val(1), rig::val(1), rig::val(kRows), rows}));
     }
 }
 
@@ -160,6 +192,13 @@ void run_threads(int count, int calls) {
 
 }  // namespace
 
+// In front of the simulator's.
+int32_t resetTivLogFile(long, int32_t) {
+    if (Sum* const sum = std::exchange(logging, nullptr))
+        std::printf("%u\n", sum->run());
+    return 0;
+}
+
 // Under a sanitizer the heap is that of its own.
 #if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)
 extern "C" {
@@ -189,14 +228,20 @@ int main(int argc, char** argv) {
     } else if (scenario == "forever") {
         for (Sum sum;;)
             sum.run();
-    } else if (scenario == "nomemory") {
-        Sum sum;
-        for (int i = 0; i < 3; ++i) {
-            heap_is_full = i == 1;
-            const uint32_t status = sum.run();
-            heap_is_full = false;
-            std::printf("%u\n", status);
+    } else if (scenario == "nested") {
+        for (int i = 0; i < 8; ++i) {
+            Sum sum, within;
+            run_within_log(sum, 4, {rig::mem(sum.out), rig::mem(sum.a), rig::mem(sum.b), rig::val(16)},
+                           within);
         }
+    } else if (scenario == "nomemory") {
+        // For a context that is refused, nor for the one that is executed while that is logged.
+        Sum sum, within;
+        std::printf("%u\n", sum.run());
+        heap_is_full = true;
+        run_within_log(sum, 200, {rig::val(1)}, within);
+        heap_is_full = false;
+        std::printf("%u\n", sum.run());
     } else {
         return 2;
     }

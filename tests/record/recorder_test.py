@@ -23,6 +23,27 @@ GOLDEN = sorted(pathlib.Path(__file__).parent.glob("*.records"))
 CONTEXTS = ("contexts", 1, 19 * 8)
 
 
+def sealed(body):
+    """A record of this body, with length and checksums that fit."""
+    head = struct.pack("<8sIIQI", b"\x89kelRec\n", 1, 0, 32 + len(body), zlib.crc32(body))
+    return head + struct.pack("<I", zlib.crc32(head)) + body
+
+
+def record_of_sum(out, offset=0, status=1001, shifts=(0, 0), published=1, faults=()):
+    """Of a cpu_ewop_add of ones and twos, which are threes; `out` says what came out on the device."""
+    size = 4 * len(out)
+    body = struct.pack("<3Q3IiiI5B3x4I8x", 0, 0, 0, 0, 0, status, 2, 6, 1, 1, 8, 0, *shifts, 6, 3, 3, len(faults))
+    for argument in [(1, 0, 4), (1, 0, 4), (2, offset, 70), (2, 0, 80), (2, 0, 90), (1, 0, len(out))]:
+        body += struct.pack("<3I", *argument)
+    for memory in [(70, 0, offset + size, 1001, published), (80, 0, size, 1001, 0), (90, 0, size, 1001, 0)]:
+        body += struct.pack("<5I", *memory)
+    for piece in [(0, 1, offset, size), (1, 0, 0, size), (2, 0, 0, size)]:
+        body += struct.pack("<4I", *piece)
+    body += b"".join(struct.pack("<2I", *fault) for fault in faults)
+    return sealed(body + b"".join(struct.pack(f"<{len(out)}f", *floats)
+                                  for floats in (out, [1] * len(out), [2] * len(out))))
+
+
 class RecorderTest(unittest.TestCase):
     def setUp(self):
         folder = tempfile.TemporaryDirectory()
@@ -48,6 +69,13 @@ class RecorderTest(unittest.TestCase):
     def kelrt(self, *words):
         return subprocess.run(**self.command(KELRT, words, {}), timeout=300, stdout=subprocess.PIPE,
                               stderr=subprocess.PIPE, text=True)
+
+    def ends(self):
+        """Where the records of the file end."""
+        data, ends = self.file.read_bytes(), [0]
+        while ends[-1] < len(data):
+            ends.append(ends[-1] + struct.unpack_from("<Q", data, ends[-1] + 16)[0])
+        return ends[1:]
 
     def replay(self, *words, code=0, file=None):
         """The report of a replay."""
@@ -75,7 +103,7 @@ class Observes(RecorderTest):
             self.assertTrue(all(word[0] == "s" for word in asked) and len(asked) == len(set(asked)), ours)
 
     def test_what_replays_identically(self):
-        for words in (CONTEXTS, ("contexts", 7, 19 * 8), ("shared",), ("refused",), ("faults",)):
+        for words in (CONTEXTS, ("contexts", 7, 19 * 8), ("shared",), ("refused",), ("faults",), ("nested",)):
             with self.subTest(words=words):
                 self.file.unlink(missing_ok=True)
                 # Log lines have a time stamp, and what the simulator shows of them a process number.
@@ -119,6 +147,9 @@ class Observes(RecorderTest):
         self.assertEqual(sorted(record["call"] for record in report["records"]), list(range(1600)))
 
     def test_no_more_than_the_limits(self):
+        self.record("contexts", 1, 38)
+        ends = self.ends()
+        in_1k = [call for call, end in enumerate(ends) if end <= 1024]
         for environment, calls in [
             (dict(KELRT_RECORD_CALLS=5), [0, 1, 2, 3, 4]),
             (dict(KELRT_RECORD_EVERY=7, KELRT_RECORD_CALLS=3), [0, 7, 14]),
@@ -126,6 +157,9 @@ class Observes(RecorderTest):
             (dict(KELRT_RECORD_OP="10", KELRT_RECORD_EVERY=2), [10]),
             (dict(KELRT_RECORD_FAILED=1, KELRT_RECORD_OP=4), []),
             (dict(KELRT_RECORD_BYTES=1), []),
+            (dict(KELRT_RECORD_BYTES=ends[4]), [0, 1, 2, 3, 4]),
+            (dict(KELRT_RECORD_BYTES=ends[4] - 1), [0, 1, 2, 3]),
+            (dict(KELRT_RECORD_BYTES="1K"), in_1k),
             (dict(KELRT_RECORD_BYTES="1M"), list(range(38))),
         ]:
             with self.subTest(environment=environment):
@@ -226,14 +260,10 @@ class Replays(RecorderTest):
         """Flips bits of one byte of a record, with checksums that fit: the last, that at a place, or the first of the
         last bytes that are `place`."""
         data = bytearray(self.file.read_bytes())
-        at = 0
-        for _ in range(index):
-            at += struct.unpack_from("<Q", data, at + 16)[0]
-        end = at + struct.unpack_from("<Q", data, at + 16)[0]
+        at, end = ([0] + self.ends())[index:index + 2]
         spoilt = end - 1 if place is None else data.rindex(place, at, end) if isinstance(place, bytes) else at + place
         data[spoilt] ^= flip
-        struct.pack_into("<I", data, at + 24, zlib.crc32(data[at + 32:end]))
-        struct.pack_into("<I", data, at + 28, zlib.crc32(data[at:at + 28]))
+        data[at:end] = sealed(data[at + 32:end])
         self.file.write_bytes(data)
 
     def index_of(self, op):
@@ -336,6 +366,53 @@ class Replays(RecorderTest):
         trace = json.loads((self.folder / "trace.json").read_text())["traceEvents"]
         self.assertEqual(len(trace), 3 * 38)
         self.assertTrue(all(event["ph"] == "X" and event["dur"] >= 0 for event in trace))
+
+
+class ReplaysWhatIsMadeByHand(RecorderTest):
+    """Records that no recorder comes to write, or not for certain."""
+
+    def test_and_measures_differences(self):
+        three = 0x40400000
+        up, higher, down = (struct.unpack("<f", struct.pack("<I", three + ulps))[0] for ulps in (1, 2, -1))
+        for out, different, first, ulps, most_ulps, worst in [
+            ([3, up], 1, 1, 1, 1, 1),
+            ([-3], 1, 0, 2 * three, 2 * three, 0),
+            ([down, up], 2, 0, 1, 1, 0),
+            ([up, 3, higher, higher], 3, 0, 1, 2, 2),
+        ]:
+            self.file.write_bytes(record_of_sum(out))
+            (difference,), = (record["differences"] for record in self.replay(code=1)["records"])
+            self.assertEqual([difference[key] for key in ("different", "first", "ulps", "most_ulps", "worst")],
+                             [different, first, ulps, most_ulps, worst])
+
+    def test_and_holds_the_effects_of_a_call_against_its_own(self):
+        unflushed = dict(status=1070, faults=[(9, 777)])  # the last call makes the caches coherent
+        for effects, differences in [
+            (dict(shifts=(5, 5)), []),
+            (dict(shifts=(5, 0)), [("out_shift", "0", "5")]),
+            (dict(published=0, **unflushed), []),
+            (dict(published=1, **unflushed), [("out", "3 (0x40400000)", "0 (0x00000000)")]),
+        ]:
+            self.file.write_bytes(record_of_sum([3], **effects))
+            record, = self.replay(code=1 if differences else 0)["records"]
+            self.assertEqual([(difference["argument"], difference["recorded"], difference["here"])
+                              for difference in record["differences"]], differences, effects)
+
+    def test_and_shows_the_first_twenty(self):
+        for count, more in [(20, ""), (22, "2 more that differ; --report FILE.json has them all\n")]:
+            self.file.write_bytes(record_of_sum([4]) * count)
+            result = self.kelrt("replay", self.file)
+            self.assertEqual(result.stdout.count("\n    again: "), 20)
+            self.assertRegex(result.stdout, f" --index 19\n{more}operator ")
+
+    def test_and_leaves_out_what_is_far_from_the_operands(self):
+        """Which keep their places within a cache line."""
+        self.file.write_bytes(record_of_sum([3, 3], offset=1000 * 64 + 12))
+        self.assertEqual(self.replay("--dump", "dumped")["total"]["equal"], 1)
+        job = json.loads((self.folder / "dumped/0.json").read_text())
+        self.assertEqual(job["contexts"][0]["args"]["out"], {"mem": "mem70", "offset": 12})
+        after = (self.folder / "dumped/0.mem70.after.npy").read_bytes()
+        self.assertEqual(after[-20:], bytes(12) + struct.pack("<2f", 3, 3))
 
 
 if __name__ == "__main__":

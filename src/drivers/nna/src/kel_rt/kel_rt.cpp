@@ -26,7 +26,7 @@ using kelrt::KelRtOpEntry;
 using kelrt::kOpTable;
 
 const char* type_name(uint8_t type) {
-    constexpr const char* kNames[] = {"init_none", "init_to_val", "init_to_mem_idx", "init_to_flt"};
+    static constexpr const char* kNames[] = {"init_none", "init_to_val", "init_to_mem_idx", "init_to_flt"};
     return type < 4 ? kNames[type] : "";
 }
 

@@ -40,8 +40,6 @@ Work openblas(const Problem& p) {
                 cblas_simatcopy(CblasRowMajor, CblasTrans, static_cast<int>(rows), static_cast<int>(cols), 1,
                                 out, static_cast<int>(cols), static_cast<int>(rows));
             });
-        case Op::sum:
-            return repeat([=] { *out = cblas_ssum(n, a, 1); });
         case Op::scale:
             return repeat([=] { cblas_saxpby(n, kScale, a, 1, 0, out, 1); });
         case Op::operator_add:

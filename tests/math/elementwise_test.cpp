@@ -3,8 +3,10 @@
 // special, wherever they lie in the vectors of whatever width that a kernel computes by.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cmath>
 #include <cstring>
+#include <functional>
 
 #include "kelRt.h"
 #include "math/tables.h"
@@ -278,7 +280,8 @@ TEST_P(Elementwise, SeesTheCallersModeInTailsOnly) {
     }
 }
 
-// Arrays beyond every cache, which may be stored past them.
+// Arrays beyond every cache, which may be stored past them, beside parts that are short enough for whatever
+// path short arrays have.
 TEST_P(Elementwise, HugeArrays) {
     const Kernel& kernel = GetParam();
 #if defined(__SSE2__)
@@ -286,7 +289,7 @@ TEST_P(Elementwise, HugeArrays) {
 #else
     constexpr uint32_t kElements = (1 << 16) + 13;
 #endif
-    constexpr uint32_t kPart = 4096, kPattern = 65521;
+    constexpr uint32_t kPart = 2048, kPattern = 65521;
     Random random(3);
     std::vector<Floats> operands(4, Floats(kElements + 19));
     for (Floats& operand : operands)
@@ -324,5 +327,24 @@ TEST_P(Elementwise, HugeArrays) {
 
 INSTANTIATE_TEST_SUITE_P(Kernels, Elementwise, testing::ValuesIn(kKernels),
                          [](const auto& kernel) { return std::string(kernel.param.name); });
+
+// The operator's sum, too, at addresses of which not all come to a whole vector.
+TEST(Add, HugeArraysAtAnyAddress) {
+#if defined(__SSE2__)
+    constexpr uint32_t n = (4 << 20) + 13;
+#else
+    constexpr uint32_t n = (1 << 12) + 13;
+#endif
+    const Floats a = floats::plain(n, 1), b = floats::plain(n, 2);
+    Floats sums(n), found(n);
+    std::transform(a.begin(), a.end(), b.begin(), sums.begin(), std::plus());
+    for (const size_t offset : {0u, 4u, 12u, 1u}) {
+        std::vector<uint8_t> out(4 * n + 16);
+        EXPECT_EQ(kelRt_ewopAdd(reinterpret_cast<float*>(&out[offset]), a.data(), b.data(), n, nullptr),
+                  NNA_STATUS_OK);
+        std::memcpy(found.data(), &out[offset], 4 * n);
+        EXPECT_EQ(found, sums) << offset;
+    }
+}
 
 }  // namespace

@@ -79,6 +79,16 @@ class Manuals(unittest.TestCase):
                          set(re.findall(r'"(KELRT_\w+)"', limits)))
 
 
+class Example(unittest.TestCase):
+    program = "cc"
+
+    def test_compiles(self):
+        text = re.search(r"^\.Bd -literal.*?\n(.*?)^\.Ed", manual("libkelRt.3"), re.MULTILINE | re.DOTALL).group(1)
+        headers = ["-I" + str(SOURCE / folder) for folder in ("include", "platform/sim")]
+        subprocess.run(["cc", "-std=c99", "-Wall", "-Wextra", "-Werror", "-fsyntax-only", *headers, "-xc", "-"],
+                       input=text, text=True, check=True)
+
+
 class Lint(unittest.TestCase):
     program = "mandoc"
 

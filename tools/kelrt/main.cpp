@@ -220,11 +220,11 @@ int complain(const char* sentence) {
 }
 
 // A file that is opened must not become standard output because that was closed. Writing to what stands in
-// for it fails, as it should.
+// for it fails, as it should, also by the name /dev/stdout.
 void occupy_standard_files() {
     for (int fd = 0; fd < 3; ++fd) {
         if (::fcntl(fd, F_GETFD) < 0)
-            ::open("/dev/null", O_RDONLY);
+            ::open(fd == STDIN_FILENO ? "/dev/null" : "/dev/full", O_RDONLY);
     }
 }
 

@@ -23,11 +23,10 @@ struct Extremes {
     WordVector<n> least_word, largest_word;
     IntVector<n> largest;
 
-    static WordVector<n> word(const float* p) {
-        return reinterpret_cast<WordVector<n>>(PlainInts<n>::load(p).v);
-    }
-    explicit Extremes(const float* p)
-        : least_word(word(p)), largest_word(word(p)), largest(PlainInts<n>::load(p).v) {}
+    static WordVector<n> word(const float* p) { return reinterpret_cast<WordVector<n>>(Plain<n>::load(p).v); }
+    explicit Extremes(WordVector<n> words)
+        : least_word(words), largest_word(words), largest(reinterpret_cast<IntVector<n>>(words)) {}
+    explicit Extremes(const float* p) : Extremes(word(p)) {}
     Extremes(WordVector<n> least, WordVector<n> most, IntVector<n> most_signed)
         : least_word(least), largest_word(most), largest(most_signed) {}
 
@@ -69,13 +68,54 @@ struct Extremes {
     }
 };
 
+// Looks at groups of four vectors as long as none holds NaN, and returns how many elements these are.
+template <int n>
+size_t look_at_numbers(Extremes<n>&, const float*, size_t) {
+    return 0;
+}
+#if defined(__AVX512F__)
+// Numbers need two operations a vector, which put -0 below +0 too and which the processor does twice as many
+// of in a cycle as of those on words (4096 elements: 0.6 of the time).
+template <>
+inline size_t look_at_numbers(Extremes<16>& found, const float* x, size_t count) {
+    constexpr int kLeast = 4, kMost = 5;
+    // Volatile, or g++ loads a vector for each of its operations, which takes 1.7 times as long.
+    const auto at = [x](size_t i) -> __m512 {
+        return *reinterpret_cast<const volatile Vectors<16>::MemoryF*>(x + i);
+    };
+    __m512 least[4], most[4];
+    for (size_t k = 0; k < 4; ++k)
+        least[k] = most[k] = at(0);
+    unsigned nan = 0;
+    size_t i = 0;
+    for (; i + 64 <= count; i += 64) {
+        __m512 v[4];
+        for (size_t k = 0; k < 4; ++k) {
+            v[k] = at(i + 16 * k);
+            least[k] = _mm512_range_ps(least[k], v[k], kLeast);
+            most[k] = _mm512_range_ps(most[k], v[k], kMost);
+        }
+        nan |= _mm512_cmp_ps_mask(v[0], v[1], _CMP_UNORD_Q);
+        nan |= _mm512_cmp_ps_mask(v[2], v[3], _CMP_UNORD_Q);
+    }
+    if (nan)
+        return 0;
+    for (size_t k = 0; k < 4; ++k) {
+        found.take(Extremes<16>(reinterpret_cast<WordVector<16>>(least[k])));
+        found.take(Extremes<16>(reinterpret_cast<WordVector<16>>(most[k])));
+    }
+    return i;
+}
+#endif
+
 // Of n elements or more. Four vectors at a time; the last one together with some that are done, which change
 // nothing.
 template <int n>
 Extremes<4> extremes(const float* x, size_t count) {
     Extremes<n> found(x);
-    size_t i = n;
-    if (count >= 8 * n) {
+    const bool many = count >= 8 * n;
+    size_t i = many ? look_at_numbers<n>(found, x, count) : n;
+    if (i == 0) {
         Extremes<n> second(x + n), third(x + 2 * n), fourth(x + 3 * n);
         for (i = 4 * n; i + 4 * n <= count; i += 4 * n) {
             found.look(x + i);

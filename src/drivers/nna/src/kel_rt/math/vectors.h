@@ -20,9 +20,10 @@ struct Vectors {
     typedef float F __attribute__((vector_size(4 * n)));
     typedef int32_t I __attribute__((vector_size(4 * n)));
     typedef uint32_t U __attribute__((vector_size(4 * n)));
-    // As they lie in memory, at any address.
-    typedef float MemoryF __attribute__((vector_size(4 * n), aligned(1), may_alias));
-    typedef int32_t MemoryI __attribute__((vector_size(4 * n), aligned(1), may_alias));
+    // As they lie in memory, at any address; each for arrays of its own type. (That it may alias others is an
+    // attribute which g++ forgets in templates.)
+    typedef float MemoryF __attribute__((vector_size(4 * n), aligned(1)));
+    typedef int32_t MemoryI __attribute__((vector_size(4 * n), aligned(1)));
 };
 template <int n>
 using FloatVector = typename Vectors<n>::F;

@@ -27,7 +27,8 @@ struct Magnitudes {
     template <int vectors>
     void look_at(const f32* from) {
         uint32x4_t bits[vectors];
-        each<vectors>([&](auto v) { bits[v] = load_elements<uint32x4_t>(from + 4 * v); });
+        each<vectors>(
+            [&](auto v) { bits[v] = vreinterpretq_u32_f32(load_elements<float32x4_t>(from + 4 * v)); });
         each<vectors>([&](auto v) { bits[v] = vshlq_n_u32(bits[v], 1); });
         each<vectors>([&](auto v) { greatest = vmaxq_u32(greatest, bits[v]); });
         each<vectors>([&](auto v) { bits[v] = vsubq_u32(bits[v], one); });

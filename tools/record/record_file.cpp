@@ -22,7 +22,7 @@ namespace {
 pthread_once_t once = PTHREAD_ONCE_INIT;
 pthread_mutex_t mutex = PTHREAD_MUTEX_INITIALIZER;
 std::atomic<bool> recording{false};
-std::atomic<bool> has_warned{false};
+std::atomic<int> has_warned{0};  // RISC-V exchanges no single bytes
 Limits limits_;
 int fd = -1;
 uint64_t records = 0, bytes = 0;  // written so far, under the mutex
@@ -134,7 +134,7 @@ void append(const void* data, size_t size) {
 void give_up(const char* what, int reason) {
     recording = false;
     // Without a platform there is nobody to tell.
-    if (has_warned.exchange(true) || !&g_log_lvl)
+    if (has_warned.exchange(1) || !&g_log_lvl)
         return;
     KEL_LOG_WARN("KELRT_RECORD: %s: %s%s%s, recording stops", limits_.file, what, reason ? ": " : "",
                  reason ? std::strerror(reason) : "");

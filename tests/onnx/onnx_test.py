@@ -79,8 +79,8 @@ class Tool(unittest.TestCase):
             ("dynamic inside", model(("Reshape", "x s", "z", {}), ("Log", "z", "y", {}), outputs=[("y", None)],
                                      inputs=starts),
              "Reshape 'first': the shape of its output is dynamic"),
-            ("wrong type", model(("Add", "x w", "y", {}), inputs=two),
-             "Add 'first': input 1 is int64, and arithmetic is lowered for float32 alone"),
+            ("wrong type", model(("Add", "x w", "y", {}), inputs=[("x", [2, 3]), ("w", [2, 3], TensorProto.INT32)]),
+             "Add 'first': input 1 is int32, and arithmetic is lowered for float32 alone"),
             ("another type declared", model(relu, outputs=[("y", [2, 3], TensorProto.INT64)]), "node name: first"),
             ("another shape declared", model(relu, outputs=[("y", [3, 3])]), "node name: first"),
             ("shapes do not fit", model(("Add", "x w", "y", {}), inputs=[("x", [2]), ("w", [3])]),
@@ -101,6 +101,9 @@ class Tool(unittest.TestCase):
             ("wrong condition", model(("Where", "x x x", "y", {})), "Where 'first': input 0 is float32, which its"),
             ("no such row", model(("GatherND", "x k", "y", {}), outputs=[("y", [3])], constants={"k": np.int64([2])}),
              "GatherND 'first': an index is outside of -2 to 1"),
+            ("an axis too many", model(("GatherElements", "x k", "y", {"axis": 2}),
+                                       constants={"k": np.zeros((2, 3), np.int64)}),
+             "GatherElements 'first': its axis 2 is outside of its input's 2 dimensions"),
             ("indices of 64-bit floats", model(("Gather", "x s", "y", {}),
                                                inputs=[("x", [2, 3]), ("s", [2], TensorProto.DOUBLE)]),
              "Gather 'first': no operator of the library takes indices of float64"),
@@ -124,10 +127,12 @@ class Tool(unittest.TestCase):
     def test_bad_options(self):
         np.save(self.folder / "narrow.npy", np.zeros((2, 2), np.float32))
         np.save(self.folder / "double.npy", np.zeros((2, 3)))
+        np.save(self.folder / "x.npy", np.zeros((2, 3), np.float32))
         np.savez(self.folder / "several.npz", x=np.zeros(3))
         for options, sentence in [
             (["--input", "x"], "--input x: NAME=FILE.npy is wanted"),
             (["--input", "x=nowhere.npy"], "--input x: nowhere.npy: No such file or directory"),
+            (["--input", "x=x.npy", "--input", "x=x.npy"], "--input x is there twice"),
             (["--input", "x=model.onnx"], "--input x: model.onnx is no .npy file: "),
             (["--input", "x=several.npz"], "--input x: several.npz is no .npy file: it is an archive of several"),
             (["--run", "--tool", "/nowhere"], "--tool: there is no program '/nowhere' to run"),
@@ -202,6 +207,7 @@ class Conformance(unittest.TestCase):
         passed, failed, refused = map(int, counts.groups())
         self.assertEqual((failed, refused), (0, 0), result.stdout)
         self.assertGreaterEqual(passed, len(CASES.split("|")))
+        self.assertLess(float(re.search(r"largest error (\S+) ", result.stdout)[1]), 2e-6)
 
     def test_lstm_beyond_the_cases(self):
         """Both directions, initial states, bias and a batch, without and with peepholes, against double precision."""
@@ -251,6 +257,14 @@ class Conformance(unittest.TestCase):
                                                    inputs=[("a", [3, 3], truth), ("b", [3], truth)],
                                                    outputs=[("y", [3, 3], truth)]),
              [a > 0, b > 1], (a > 0) & (b > 1)[:, None]),
+            ("softmax the old way, over all axes from one on", model(("Softmax", "x", "y", {}), opset=11,
+                                                                    inputs=[("x", [1, 2, 2])],
+                                                                    outputs=[("y", [1, 2, 2])]),
+             [x], np.exp(x) / np.exp(x).sum()),
+            ("integers are divided toward zero", model(("Div", "n d", "i", {}), ("Gather", "a i", "y", {}),
+                                                       inputs=[("a", [3, 3])], outputs=[("y", [1, 3])],
+                                                       constants={"n": np.int64([-7]), "d": np.int64([2])}),
+             [a], a[:1]),
             ("a division by zero", model(("Div", "a z", "y", {}), inputs=[], outputs=[("y", [3])],
                                          constants={"a": b, "z": np.zeros(3, "f4")}), [], np.full(3, np.inf)),
         ]:
@@ -260,6 +274,8 @@ class Conformance(unittest.TestCase):
                 np.testing.assert_allclose(result, expected, rtol=1e-4)
         with self.assertRaisesRegex(backend.Refused, "0 inputs are given, and the model has x"):
             backend.KelRtBackend.run_model(model(("Relu", "x", "y", {})), [])
+        with self.assertRaisesRegex(backend.Refused, "2 inputs are given, and the model has x"):
+            backend.KelRtBackend.run_model(model(("Relu", "x", "y", {})), [np.zeros((2, 3), np.float32)] * 2)
 
     def test_outputs_whose_files_would_have_one_name(self):
         with tempfile.TemporaryDirectory() as folder:

@@ -594,9 +594,11 @@ class Endings(KelrtTest):
                     self.assertEqual((result.returncode, result.stderr),
                                      (2, "kelrt: standard output: the report cannot be written\n"))
                     self.assertFalse(self.out.exists())
-        quiet = self.kelrt("run", "job.json", "--out", "out", "--quiet", "--report", "/dev/stdout",
-                           preexec_fn=lambda: os.close(1), stdout=None)
-        self.assertEqual((quiet.returncode, quiet.stderr.count("--report /dev/stdout: cannot write the file")), (2, 1))
+        if len(KELRT) == 1:  # an emulator opens files of its own in its place
+            quiet = self.kelrt("run", "job.json", "--out", "out", "--quiet", "--report", "/dev/stdout",
+                               preexec_fn=lambda: os.close(1), stdout=None)
+            self.assertEqual((quiet.returncode, quiet.stderr.count("--report /dev/stdout: cannot write the file")),
+                             (2, 1))
 
     def test_outputs_appear_all_or_none(self):
         job = json.dumps(add_job(outputs=["x", "z"]))

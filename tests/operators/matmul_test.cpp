@@ -167,6 +167,7 @@ TEST(Matmul, NextToWhatVectorUnitsMayDo) {
         {{most, most}, {1, 0x1p-24f}},  // half of the last bit beyond
         {{most, -most}, {2, 2}},
         {{1, floats::from_bits(0x7FC12345)}, {1, 1}},
+        {{1, floats::from_bits(0xFFC00000)}, {1, 1}},
         {{1, 0x1.8p-24f}, {1, 1}},  // rounded up to nearest and upward, not toward zero
     };
     for (const auto& row : rows)

@@ -594,6 +594,9 @@ class Endings(KelrtTest):
                     self.assertEqual((result.returncode, result.stderr),
                                      (2, "kelrt: standard output: the report cannot be written\n"))
                     self.assertFalse(self.out.exists())
+        os.symlink("shown.json", self.folder / "link.json")
+        self.assertEqual(self.kelrt("run", "job.json", "--out", "out", "--report", "link.json").returncode, 0)
+        self.assertTrue((self.folder / "link.json").is_symlink() and json.loads((self.folder / "shown.json").read_text()))
         if len(KELRT) == 1:  # an emulator opens files of its own in its place
             quiet = self.kelrt("run", "job.json", "--out", "out", "--quiet", "--report", "/dev/stdout",
                                preexec_fn=lambda: os.close(1), stdout=None)

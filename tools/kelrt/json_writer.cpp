@@ -87,7 +87,7 @@ JsonWriter& JsonWriter::null() {
 
 namespace {
 
-// A pipe or a device, which must stay what it is.
+// A pipe, a device or a link, as /dev/stdout is one, which must stay what it is.
 void write_into(const char* option, const std::string& file, const std::string& document) {
     std::FILE* const out = std::fopen(file.c_str(), "we");
     bool written = out && std::fwrite(document.data(), 1, document.size(), out) == document.size();
@@ -101,8 +101,9 @@ void write_into(const char* option, const std::string& file, const std::string& 
 void write_document(const char* option, const std::string& file, const std::string& document) {
     const std::filesystem::path path(file);
     std::error_code unknown;
-    if (std::filesystem::exists(path, unknown) && !std::filesystem::is_regular_file(path, unknown) &&
-        !std::filesystem::is_directory(path, unknown))
+    using Kind = std::filesystem::file_type;
+    const Kind kind = std::filesystem::symlink_status(path, unknown).type();
+    if (kind != Kind::regular && kind != Kind::directory && kind != Kind::not_found && kind != Kind::none)
         return write_into(option, file, document);
     try {
         npy::OutputFiles files(path.has_parent_path() ? path.parent_path().string() : ".");

@@ -347,4 +347,16 @@ TEST(Add, HugeArraysAtAnyAddress) {
     }
 }
 
+// One after the other, whatever goes together: a result may be an operand of a later one.
+TEST(Add, ResultsThatReachAnOperand) {
+    for (size_t ahead = 1; ahead <= 9; ++ahead) {
+        Floats x = floats::plain(60, 1), expected = x;
+        const Floats b = floats::plain(50, 2);
+        for (size_t i = 0; i < b.size(); ++i)
+            expected[i + ahead] = expected[i] + b[i];
+        EXPECT_EQ(kelRt_ewopAdd(&x[ahead], x.data(), b.data(), 50, nullptr), NNA_STATUS_OK);
+        EXPECT_EQ(x, expected) << ahead;
+    }
+}
+
 }  // namespace

@@ -110,6 +110,14 @@ TEST(Reductions, SpecialElementsAmongOrdinaryOnes) {
     }
 }
 
+TEST(Reductions, ExtremesTrapNothing) {
+    Floats x = floats::plain(512, 1);
+    x[100] = 0x1p-140f;
+    Floats found(2);
+    EXPECT_TRUE(mode::kept_in(mode::kTraps, [&] { kelRt_minMaxf(x.data(), &found[0], &found[1], 512); }));
+    EXPECT_EQ(found, Floats({*std::min_element(x.begin(), x.end()), *std::max_element(x.begin(), x.end())}));
+}
+
 TEST(Reductions, OfTinyNumbersFlushOnlyInLanes) {
     const float tiny = 0x1p-140f;
     expect_results({tiny, 0x1p-126f, -0x1.8p-126f, 0}, 4);  // adding up the lanes does not flush

@@ -143,7 +143,7 @@ template <int n, size_t count, class When, class Function, class Then, class To,
 // single operations, four hide what there is to wait for (on Sapphire Rapids softmax takes 0.85 of the time
 // that it takes with 8).
 template <class When>
-constexpr size_t kInFlight = std::is_same_v<When, Below>&& kWidest != 16 ? 6 : 4;
+constexpr size_t kInFlight = kWidest != 16 && std::is_same_v<When, Below> ? 6 : 4;
 
 // Whether the output is beyond all caches and goes past them: 8 million sums take three quarters of the time.
 // Not where the caches have it anyway, as an operand or for what follows, and not for long chains, which are

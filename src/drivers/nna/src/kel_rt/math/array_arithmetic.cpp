@@ -8,7 +8,7 @@ namespace kelrt::KELRT_SET {
 
 uint32_t kelRt_scalef(const float* in, float* out, float scale, uint32_t n) {
     const auto scaled = [=](auto x) { return mul(x, decltype(x)::splat(scale)); };
-    for_blocks(n, Watching{}, scaled, out, in);
+    for_blocks(n, Watching{is_normal_or_zero(scale)}, scaled, out, in);
     const f32* x = in;
     f32* y = out;
     for_tail(n, [=](size_t i) { y[i] = x[i] * scale; });
@@ -44,7 +44,7 @@ uint32_t kelRt_subf(const float* a, const float* b, float* out, uint32_t n) {
 
 uint32_t kelRt_complementf(const float* in, float* out, uint32_t n) {
     const auto complement = [](auto x) { return sub(decltype(x)::splat(1.0f), x); };
-    for_blocks(n, kNumbers, complement, out, in);
+    for_blocks(n, Numbers{}, complement, out, in);
     const f32* x = in;
     f32* y = out;
     for_tail(n, [=](size_t i) { y[i] = 1.0f - x[i]; });
@@ -67,7 +67,8 @@ uint32_t kelRt_normf(const float* in, const float* gamma, const float* beta, flo
         using F = decltype(x);
         return mul_add(b, g, div(sub(x, F::splat(mean)), F::splat(divisor)));
     };
-    for_blocks(n, Watching<true>{}, norm, out, in, gamma, beta);
+    const Watching<true> watching = {is_normal_or_zero(mean) && is_normal_or_zero(divisor)};
+    for_blocks(n, watching, norm, out, in, gamma, beta);
     const f32 *x = in, *g = gamma, *b = beta;
     f32* y = out;
     for_tail(n, [=](size_t i) { y[i] = b[i] + ((x[i] - mean) / divisor) * g[i]; });

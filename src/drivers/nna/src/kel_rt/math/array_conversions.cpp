@@ -8,11 +8,10 @@
 
 namespace kelrt::KELRT_SET {
 
-// Whether the magnitude of a scale is zero or a normal number below the limit. By its bits: comparing a
-// subnormal traps where the caller has asked for that.
+// Whether the magnitude of a scale is zero or a normal number below the limit.
 static If ordinary(float scale, float limit) {
-    const uint32_t magnitude = std::bit_cast<uint32_t>(scale) & 0x7FFFFFFF;
-    return {magnitude == 0 || (magnitude >= 0x00800000 && magnitude < std::bit_cast<uint32_t>(limit))};
+    return {is_normal_or_zero(scale) &&
+            (std::bit_cast<uint32_t>(scale) & 0x7FFFFFFF) < std::bit_cast<uint32_t>(limit)};
 }
 
 // An integer is zero or at least 1, so by a scale that is zero or normal it becomes nothing subnormal.

@@ -31,7 +31,7 @@ void batchSubf(const float* a, const float* b, float* out, uint32_t n) {
 
 void batchComplementf(const float* in, float* out, uint32_t n) {
     const auto complement = [](auto x) { return sub(decltype(x)::splat(1.0f), x); };
-    for_blocks_rounded_up(n, kNumbers, complement, out, in);
+    for_blocks_rounded_up(n, Numbers{}, complement, out, in);
 }
 
 void batchDotproductf(const float* a, const float* b, const float* c, const float* d, float* out,

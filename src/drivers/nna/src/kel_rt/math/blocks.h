@@ -3,6 +3,7 @@
 // not wait for another; how many is the backend's business.
 #pragma once
 
+#include <bit>
 #include <cstddef>
 #include <cstdint>
 #include <type_traits>
@@ -24,16 +25,27 @@ struct Below {
 };
 constexpr Below kNumbers = {0x7F800001u};      // anything but NaN
 constexpr Below kOrdinaryExp = {0x42AC0000u};  // 86: neither e^x nor 1 / (e^x + 1) leaves the normal numbers
+// As kNumbers, for kernels as short as the test: NaN shows in their results.
+struct Numbers {
+    static constexpr bool divides = false;
+};
 // The same for operands of any kind, if only `holds`.
 struct If {
     bool holds;
     static constexpr bool divides = false;
 };
-// Nothing is known: the results tell.
+// Nothing is known: the results tell. But operands that are the same for all blocks are looked at once:
+// whether they are_normal, or zero.
 template <bool with_division = false>
 struct Watching {
+    bool scalars_are_normal = true;
     static constexpr bool divides = with_division;
 };
+// Not subnormal. By its bits: comparing a subnormal traps where the caller has asked for that.
+inline bool is_normal_or_zero(float x) {
+    const uint32_t magnitude = std::bit_cast<uint32_t>(x) & 0x7FFFFFFF;
+    return magnitude == 0 || magnitude >= 0x00800000;
+}
 
 // What follows a stretch where nothing does.
 struct NothingFollows {

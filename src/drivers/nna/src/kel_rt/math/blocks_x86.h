@@ -28,12 +28,12 @@ inline bool caller_has_our_mode() {
     return one + more_than_half > one && -one - more_than_half < -one;
 }
 
-// Up to this many elements a watch over subnormals costs less than switching them off.
-constexpr uint32_t kShort = 128;
 // From this many on a change of the mode costs no more than a thirtieth, and on some processors every
 // operation on a subnormal 150 cycles if they are not switched off (Sapphire Rapids: exponentials of them 55
 // times the time of others).
 constexpr uint32_t kLong = 4096;
+// Up to this many elements close looks at all of them cost no more than a change of the mode does.
+constexpr uint32_t kCloselyWatched = 256;
 // Elements that are done again together, so that an array full of rare values pays for few switches.
 constexpr size_t kRedone = 256;
 
@@ -89,13 +89,13 @@ void store_all(std::make_index_sequence<4>, int8_t* to, const Many<F, 4>& a) {
 template <int n, size_t count, class Function, class To, class... In>
 [[gnu::always_inline]] inline bool plain_group(Below when, Function f, To out, const In*... in) {
     constexpr auto each = std::make_index_sequence<count>();
-    Watch<n> watch;
+    WordVector<n> most = {};
     const auto look = [&]<class F>(const Many<F, count>& x) {
         for (const F& one : x.v)
-            watch.large(one.v);
+            most = larger<n>(most, magnitude<n>(one.v));
     };
     (look(operands<Plain<n>>(each, in)), ...);
-    if (__builtin_expect(any(reinterpret_cast<WordVector<n>>(watch.most >= when.limit)), 0))
+    if (__builtin_expect(any(reinterpret_cast<WordVector<n>>(most >= when.limit)), 0))
         return false;
     store_all(each, out, f(operands<Plain<n>>(each, in)...));
     return true;
@@ -108,23 +108,59 @@ template <int n, size_t count, class Function, class To, class... In>
     store_all(each, out, f(operands<Plain<n>>(each, in)...));
     return true;
 }
-template <bool flushing>
-struct WatchingIn {};
-template <int n, size_t count, bool flushing, class Function, class To, class... In>
-[[gnu::always_inline]] inline bool plain_group(WatchingIn<flushing>, Function f, To out, const In*... in) {
+// Lanes, a bit each, in which a result is NaN.
+template <class F, size_t count, size_t... k>
+[[gnu::always_inline]] inline unsigned nan_lanes(std::index_sequence<k...>, const Many<F, count>& a) {
+    // Two vectors a comparison; a single one with itself.
+    return (static_cast<unsigned>(lanes_unordered(a.v[2 * k].v, a.v[(2 * k + 1) % count].v)) | ...);
+}
+template <int n, size_t count, class Function, class To, class... In>
+[[gnu::always_inline]] inline bool plain_group(Numbers, Function f, To out, const In*... in) {
     constexpr auto each = std::make_index_sequence<count>();
-    using F = Watched<n, flushing>;
-    Watch<n> watch;
-    const auto watched = [&](const float* p) {
-        return Many<F, count>::filled([&](size_t k) { return F::load(p + k * n, watch); });
-    };
-    const Many<F, count> result = f(watched(in)...);
-    for (const F& one : result.v)
-        watch.large(one.v);
-    if (__builtin_expect(watch.unusual(0x7F800001u), 0))
+    const auto result = f(operands<Plain<n>>(each, in)...);
+    if (__builtin_expect(nan_lanes(std::make_index_sequence<(count + 1) / 2>(), result) != 0, 0))
         return false;
     store_all(each, out, result);
     return true;
+}
+
+// Where subnormals are switched off, and where they are not.
+struct WatchingFlushed {};
+struct WatchingAll {
+    bool closely;
+};
+template <class Seen>
+Seen seen_of(Seen one) {
+    return one;
+}
+template <class Seen, class... Others>
+[[gnu::always_inline]] inline Seen seen_of(Seen one, Others... others) {
+    return both(one, seen_of(others...));
+}
+template <class F, class Function, class To, size_t... k, class... In>
+[[gnu::always_inline]] inline bool watched_group(std::index_sequence<k...> each, Function f, To out,
+                                                 const In*... in) {
+    const auto result = f(operands<F>(each, in)...);
+    const auto seen = seen_of(result.v[k].looked_at()...);
+    const unsigned nan = nan_lanes(std::make_index_sequence<(sizeof...(k) + 1) / 2>(), result);
+    if (__builtin_expect(seen.alarms() || nan != 0, 0))
+        return false;
+    store_all(each, out, result);
+    return true;
+}
+template <int n, size_t count, class Function, class To, class... In>
+[[gnu::always_inline]] inline bool plain_group(WatchingFlushed, Function f, To out, const In*... in) {
+    return watched_group<Watched<n, true, CloseLook<n>>>(std::make_index_sequence<count>(), f, out, in...);
+}
+// A glance, and a close look if that alarmed, as it does at every zero.
+template <int n, size_t count, class Function, class To, class... In>
+[[gnu::noinline]] bool closely_watched_group(Function f, To out, const In*... in) {
+    return watched_group<Watched<n, false, CloseLook<n>>>(std::make_index_sequence<count>(), f, out, in...);
+}
+template <int n, size_t count, class Function, class To, class... In>
+[[gnu::always_inline]] inline bool plain_group(WatchingAll when, Function f, To out, const In*... in) {
+    return watched_group<Watched<n, false, Glance<n>>>(std::make_index_sequence<count>(), f, out, in...) ||
+           (when.closely && closely_watched_group<n, count>(f, out, in...));
 }
 
 // Groups of `count` vectors of n lanes from element i on, as long as they fit and are ordinary. Returns where
@@ -167,28 +203,30 @@ template <class When, class Function, class Then, class... In>
     return i;
 }
 
-// All whole blocks, in groups, then vector by vector, then by four; `exactly(from, to)` does those again that
-// need it. `then` follows what is done.
-template <class When, class Exactly, class Function, class Then, class Out, class... In>
-[[gnu::always_inline]] inline void mixed_blocks(size_t tail, When when, Exactly exactly, Function f,
-                                                Then then, Out* out, const In*... in) {
+// Whole blocks from element i on as long as they are ordinary, in groups, then vector by vector, then by
+// four; `then` follows what is done. Returns where it stopped.
+template <class When, class Function, class Then, class Out, class... In>
+[[gnu::always_inline]] inline size_t ordinary_blocks(size_t i, size_t tail, When when, Function f, Then then,
+                                                     Out* out, const In*... in) {
     const bool past_caches = goes_past_caches<When, Then>(tail, out, in...);
-    size_t i = 0;
-    while (true) {
-        if constexpr (std::is_same_v<Out, float> && !std::is_same_v<When, Below>)
-            if (past_caches)
-                i = streamed_groups(i, tail, when, f, then, out, in...);
-        i = plain_groups<kWidest, kInFlight<When>>(i, tail, when, f, then, out, in...);
-        if (i + kInFlight<When> * kWidest > tail) {
-            i = plain_groups<kWidest, 1>(i, tail, when, f, then, out, in...);
-            if (i + kWidest > tail)
-                i = plain_groups<4, 1>(i, tail, when, f, then, out, in...);
-        }
-        if (i == tail) {
-            if (past_caches)
-                _mm_sfence();
-            return;
-        }
+    if constexpr (std::is_same_v<Out, float> && !std::is_same_v<When, Below>)
+        if (past_caches)
+            i = streamed_groups(i, tail, when, f, then, out, in...);
+    i = plain_groups<kWidest, kInFlight<When>>(i, tail, when, f, then, out, in...);
+    if (i + kInFlight<When> * kWidest > tail) {
+        i = plain_groups<kWidest, 1>(i, tail, when, f, then, out, in...);
+        if (i + kWidest > tail)
+            i = plain_groups<4, 1>(i, tail, when, f, then, out, in...);
+    }
+    if (past_caches)
+        _mm_sfence();
+    return i;
+}
+// All of them; `exactly(from, to)` does those again that need it.
+template <class When, class Exactly, class Function, class Then, class Out, class... In>
+[[gnu::always_inline]] inline void mixed_blocks(size_t i, size_t tail, When when, Exactly exactly, Function f,
+                                                Then then, Out* out, const In*... in) {
+    while ((i = ordinary_blocks(i, tail, when, f, then, out, in...)) < tail) {
         const size_t to = std::min(tail, i + kRedone);
         exactly(i, to);
         i = to;
@@ -208,19 +246,21 @@ template <uint32_t block = 4, class When, class Function, class Then, class Out,
         then(from, to - from);
     };
     const auto exactly_in_our_mode = [=](size_t from, size_t to) { vector_part([=] { exactly(from, to); }); };
-    if constexpr (std::is_same_v<When, Below> || std::is_same_v<When, If>) {
+    if constexpr (std::is_same_v<When, Below> || std::is_same_v<When, Numbers> || std::is_same_v<When, If>) {
         const auto all = [=]() __attribute__((noinline)) {
-            mixed_blocks(tail, when, exactly_in_our_mode, f, then, out, in...);
+            mixed_blocks(0, tail, when, exactly_in_our_mode, f, then, out, in...);
         };
         if (tail < kLong && caller_has_our_mode())
             all();
         else
             vector_part(all);
     } else {
-        if (tail <= kShort && caller_has_our_mode())
-            mixed_blocks(tail, WatchingIn<false>{}, exactly_in_our_mode, f, then, out, in...);
-        else
-            vector_part([=] { mixed_blocks(tail, WatchingIn<true>{}, exactly, f, then, out, in...); });
+        // From the first rare value on subnormals are switched off.
+        size_t i = 0;
+        if (when.scalars_are_normal && caller_has_our_mode())
+            i = ordinary_blocks(0, tail, WatchingAll{tail <= kCloselyWatched}, f, then, out, in...);
+        if (i < tail)
+            vector_part([=] { mixed_blocks(i, tail, WatchingFlushed(), exactly, f, then, out, in...); });
     }
     return tail;
 }

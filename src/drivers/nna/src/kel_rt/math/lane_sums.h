@@ -40,14 +40,15 @@ constexpr uint32_t kLeastTerm = 0x0C000000u, kLeastRoot = 0x26000000u;  // 2^-10
 // least that large. Only asked of short arrays, where it costs less than the change of the mode (16 elements:
 // 12 ns -> 7).
 #if defined(__SSE2__) && !defined(KELRT_LANES_PORTABLE)
+constexpr size_t kShortSum = 128;
 inline bool sums_stay_normal(const float* x, float mean, size_t count, uint32_t least) {
-    if (count > kShort || !caller_has_our_mode())
+    if (count > kShortSum || !caller_has_our_mode())
         return false;
     const auto small = [=]<int n>(const float* from, size_t elements) {
-        Watch<n> watch;
+        CloseLook<n> seen = {~WordVector<n>{}};
         for (size_t i = 0; i < elements; i += n)
-            watch.tiny(sub(Plain<n>::load(from + i), Plain<n>::splat(mean)).v);
-        return any(reinterpret_cast<WordVector<n>>(watch.least < least - 1));
+            seen = both(seen, CloseLook<n>::at(sub(Plain<n>::load(from + i), Plain<n>::splat(mean)).v));
+        return any(reinterpret_cast<WordVector<n>>(seen.least < least - 1));
     };
     const size_t wide = count - count % kWidest;
     return !small.template operator()<kWidest>(x, wide) &&

@@ -17,8 +17,8 @@ template <class F, size_t count>
 struct Many {
     F v[count];
 
-    static Many splat(auto value) {
-        return filled([=](size_t) { return F::splat(value); });
+    static auto splat(auto value) {
+        return Many<decltype(F::splat(value)), count>::filled([=](size_t) { return F::splat(value); });
     }
     // v[k] = one(k).
     template <class One>

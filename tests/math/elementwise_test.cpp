@@ -257,6 +257,18 @@ TEST_P(Elementwise, SpecialElementsAmongOrdinaryOnes) {
     }
 }
 
+// A sum may hide that one of its operands was to be flushed: it does if it is large enough.
+TEST_P(Elementwise, SubnormalsBesideSmallNumbers) {
+    Random random(3);
+    for (uint32_t exponent = 1; exponent <= 40; ++exponent) {
+        const auto number = [&](uint32_t e) { return (random() & 0x807FFFFF) | e << 23; };
+        Trial trial(GetParam(), GetParam().parameters[0], 132, Wall::After, 0);
+        for (uint32_t i = 0; i < trial.elements(); ++i)
+            trial.set(i, {{number(0), number(exponent), number(127), number(exponent)}});
+        trial.run(false);
+    }
+}
+
 // Whatever mode the caller computes in, vector parts give the same bits, raise no trap and leave it alone;
 // tails are the caller's own arithmetic.
 TEST_P(Elementwise, SeesTheCallersModeInTailsOnly) {

@@ -8,6 +8,7 @@
 
 #include "math/blocks.h"
 #include "math/lanes_plain.h"
+#include "math/lanes_watched.h"
 #include "operators/wide.h"
 
 namespace kelrt {

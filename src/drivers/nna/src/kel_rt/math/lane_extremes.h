@@ -104,10 +104,11 @@ inline size_t look_at_numbers(Extremes<16>& found, const float* x, size_t count)
     }
     if (nan)
         return 0;
-    for (size_t k = 0; k < 4; ++k) {
-        found.take(Extremes<16>(reinterpret_cast<WordVector<16>>(least[k])));
-        found.take(Extremes<16>(reinterpret_cast<WordVector<16>>(most[k])));
-    }
+    const auto fold = [](const __m512(&v)[4], auto of) { return of(of(v[0], v[1]), of(v[2], v[3])); };
+    const __m512 low = fold(least, [](__m512 a, __m512 b) { return _mm512_range_ps(a, b, kLeast); });
+    const __m512 high = fold(most, [](__m512 a, __m512 b) { return _mm512_range_ps(a, b, kMost); });
+    found.take(Extremes<16>(reinterpret_cast<WordVector<16>>(low)));
+    found.take(Extremes<16>(reinterpret_cast<WordVector<16>>(high)));
     return i;
 }
 #endif

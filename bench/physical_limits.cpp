@@ -77,9 +77,11 @@ void read(const float* from, size_t count) {
     }
 }
 
-void stream(float* to, const float* from, size_t count) {
+// Past the caches, vectors that vector(i) makes.
+template <class Make>
+void stream(float* to, size_t count, Make vector) {
     for (size_t i = 0; i < count; ++i) {
-        const Vector v = *reinterpret_cast<const Unaligned*>(from + i * kLanes);
+        const Vector v = vector(i);
 #ifdef __AVX512F__
         _mm512_stream_ps(to + i * kLanes, v);
 #elif defined(__AVX__)
@@ -105,6 +107,8 @@ struct Buffer {
     float* memory;
 };
 
+constexpr size_t kWorthStreaming = 128 << 10;
+
 }  // namespace
 
 std::vector<Work> rate_works() {
@@ -129,13 +133,22 @@ std::vector<Work> moves(const Pass& pass) {
     }
     if (pass.read == 0) {
         const auto bytes = static_cast<size_t>(pass.written);
-        return {repeat([to = std::make_shared<Buffer>(bytes), bytes] { std::memset(to->memory, 0, bytes); })};
+        const auto to = std::make_shared<Buffer>(bytes);
+        std::vector<Work> ways = {repeat([=] { std::memset(to->memory, 0, bytes); })};
+        if (bytes >= kWorthStreaming)
+            ways.push_back(repeat(
+                [=] { stream(to->memory, (bytes + kWidth - 1) / kWidth, [](size_t) { return Vector{}; }); }));
+        return ways;
     }
     const auto bytes = static_cast<size_t>((pass.read + pass.written) / 2);
     const auto from = std::make_shared<Buffer>(bytes), to = std::make_shared<Buffer>(bytes);
     std::vector<Work> ways = {repeat([=] { std::memcpy(to->memory, from->memory, bytes); })};
-    if (bytes >= 128 << 10)
-        ways.push_back(repeat([=] { stream(to->memory, from->memory, (bytes + kWidth - 1) / kWidth); }));
+    if (bytes >= kWorthStreaming)
+        ways.push_back(repeat([=] {
+            stream(to->memory, (bytes + kWidth - 1) / kWidth, [&](size_t i) {
+                return Vector(*reinterpret_cast<const Unaligned*>(from->memory + i * kLanes));
+            });
+        }));
     return ways;
 }
 

@@ -39,6 +39,8 @@ const struct {
     {bits(0x1p32f + 512), 600, 512},
     {bits(0x1.fffffep63f), 4, 0},  // the largest float below 2^64
     {bits(0x1p64f), 4, -1},
+    {bits(5.0f), (4 << 20) + 2, 5},  // past the caches, and, at an odd address, not
+    {bits(5.0f), (4 << 20) + 3, 5},
 };
 
 TEST(OneHot, SetsTheElementOfATruncatedIndexOrRefusesSilently) {

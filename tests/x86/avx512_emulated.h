@@ -51,22 +51,31 @@ inline __m512 min_ps(__m512 a, __m512 b) {
 inline __m512 max_ps(__m512 a, __m512 b) {
     return each(a, b, [](float x, float y) { return x > y ? x : y; });
 }
-// Control 4 is the least, 5 the largest; zeros have the order of their signs, and of a NaN and a number it is
-// the number.
+// Control 4 is the least, 5 the largest, 10 the least magnitude; zeros have the order of their signs, and of
+// a NaN and a number it is the number.
 inline __m512 range_ps(__m512 a, __m512 b, int control) {
     return each(a, b, [=](float x, float y) {
+        if (control == 10) {
+            x = std::fabs(x);
+            y = std::fabs(y);
+        }
         if (std::isnan(x) || std::isnan(y))
             return std::isnan(x) ? y : x;
         const bool x_is_less = x == y ? std::signbit(x) : x < y;
-        return x_is_less == (control == 4) ? x : y;
+        return x_is_less == (control != 5) ? x : y;
     });
 }
-// Which lanes hold a NaN in either operand, the only comparison that is used.
-inline uint16_t unordered_mask(__m512 a, __m512 b) {
+inline __m512 abs_ps(__m512 a) {
+    return each(a, a, [](float x, float) { return std::fabs(x); });
+}
+// The comparisons that are used: NaN in either operand, and not at least.
+inline uint16_t cmp_ps_mask(__m512 a, __m512 b, int predicate) {
     const Floats x = as<Floats>(a), y = as<Floats>(b);
     unsigned mask = 0;
-    for (int i = 0; i < 16; ++i)
-        mask |= static_cast<unsigned>(std::isunordered(x.v[i], y.v[i])) << i;
+    for (int i = 0; i < 16; ++i) {
+        const bool holds = predicate == _CMP_NGE_UQ ? !(x.v[i] >= y.v[i]) : std::isunordered(x.v[i], y.v[i]);
+        mask |= static_cast<unsigned>(holds) << i;
+    }
     return static_cast<uint16_t>(mask);
 }
 // a * 2^floor(b)
@@ -182,7 +191,8 @@ __m512i inserted(__m512i a, Part b) {
 #define _mm512_min_ps emulated::min_ps
 #define _mm512_max_ps emulated::max_ps
 #define _mm512_range_ps emulated::range_ps
-#define _mm512_cmp_ps_mask(a, b, unordered) emulated::unordered_mask(a, b)
+#define _mm512_abs_ps emulated::abs_ps
+#define _mm512_cmp_ps_mask(a, b, predicate) emulated::cmp_ps_mask(a, b, predicate)
 #define _mm512_scalef_ps emulated::scalef_ps
 #define _mm512_roundscale_ps(a, control) emulated::roundscale_ps(a, control)
 #define _mm512_cvttps_epi32 emulated::cvttps_epi32

@@ -8,7 +8,7 @@ namespace kelrt::KELRT_SET {
 
 uint32_t kelRt_scalef(const float* in, float* out, float scale, uint32_t n) {
     const auto scaled = [=](auto x) { return mul(x, decltype(x)::splat(scale)); };
-    for_blocks(n, Watching{is_normal_or_zero(scale)}, scaled, out, in);
+    for_blocks(n, Watching<>{is_normal_or_zero(scale)}, scaled, out, in);
     const f32* x = in;
     f32* y = out;
     for_tail(n, [=](size_t i) { y[i] = x[i] * scale; });

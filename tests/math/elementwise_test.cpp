@@ -98,7 +98,7 @@ const Kernel kKernels[] = {
     {"kelRt_dotproductf", kNone,
      [](auto x, auto y, auto n, auto) { return kelRt_dotproductf(x[0], x[1], x[2], x[3], y, n); },
      [](auto& x, auto) { return dot_lane(x); }, [](auto& x, auto) { return x[0] * x[2] + x[1] * x[3]; }},
-    {"kelRt_normf", {-1.9f, 1, 0, 0x1p-130f},
+    {"kelRt_normf", {-1.9f, 0.7f, 1, 1.999f, 0x1p-20f, 0, 0x1p-130f},
      [](auto x, auto y, auto n, auto p) { return kelRt_normf(x[0], x[1], x[2], mean_for(p), p, y, n); },
      [](auto& x, auto p) { return norm_lane(x, mean_for(p), p); },
      [](auto& x, auto p) { return x[2] + ((x[0] - mean_for(p)) / p) * x[1]; }},

@@ -65,6 +65,15 @@ inline __m512 range_ps(__m512 a, __m512 b, int control) {
         return x_is_less == (control != 5) ? x : y;
     });
 }
+inline __m512 fmadd_ps(__m512 a, __m512 b, __m512 c) {
+    Floats x = as<Floats>(a);
+    for (int i = 0; i < 16; ++i)
+        x.v[i] = std::fma(x.v[i], b[i], c[i]);
+    return as<__m512>(x);
+}
+inline __m512 fnmadd_ps(__m512 a, __m512 b, __m512 c) {
+    return fmadd_ps(-a, b, c);
+}
 inline __m512 abs_ps(__m512 a) {
     return each(a, a, [](float x, float) { return std::fabs(x); });
 }
@@ -192,6 +201,8 @@ __m512i inserted(__m512i a, Part b) {
 #define _mm512_max_ps emulated::max_ps
 #define _mm512_range_ps emulated::range_ps
 #define _mm512_abs_ps emulated::abs_ps
+#define _mm512_fmadd_ps emulated::fmadd_ps
+#define _mm512_fnmadd_ps emulated::fnmadd_ps
 #define _mm512_cmp_ps_mask(a, b, predicate) emulated::cmp_ps_mask(a, b, predicate)
 #define _mm512_scalef_ps emulated::scalef_ps
 #define _mm512_roundscale_ps(a, control) emulated::roundscale_ps(a, control)

@@ -98,7 +98,7 @@ const Kernel kKernels[] = {
     {"kelRt_dotproductf", kNone,
      [](auto x, auto y, auto n, auto) { return kelRt_dotproductf(x[0], x[1], x[2], x[3], y, n); },
      [](auto& x, auto) { return dot_lane(x); }, [](auto& x, auto) { return x[0] * x[2] + x[1] * x[3]; }},
-    {"kelRt_normf", {-1.9f, 0.7f, 1, 1.999f, 0x1p-20f, 0, 0x1p-130f},
+    {"kelRt_normf", {0.7f, -1.9f, 1, 1e-30f, 0x1.fp125f, 0x1p126f, std::nanf(""), 0, 0x1p-130f},
      [](auto x, auto y, auto n, auto p) { return kelRt_normf(x[0], x[1], x[2], mean_for(p), p, y, n); },
      [](auto& x, auto p) { return norm_lane(x, mean_for(p), p); },
      [](auto& x, auto p) { return x[2] + ((x[0] - mean_for(p)) / p) * x[1]; }},
@@ -265,6 +265,10 @@ TEST_P(Elementwise, SubnormalsBesideSmallNumbers) {
         Trial trial(GetParam(), GetParam().parameters[0], 132, Wall::After, 0);
         for (uint32_t i = 0; i < trial.elements(); ++i)
             trial.set(i, {{number(0), number(exponent), number(127), number(exponent)}});
+        trial.run(false);
+        // Products, too: of 2^-126 and less, beside others of some 2^-125 to 2^-85.
+        for (uint32_t i = 0; i < trial.elements(); ++i)
+            trial.set(i, {{number(64), number(70), number(61 + random.below(3)), number(58 + exponent)}});
         trial.run(false);
     }
 }

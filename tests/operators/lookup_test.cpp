@@ -18,6 +18,7 @@ using Words = std::vector<uint32_t>;
 const struct {
     uint32_t bits, depth;
     int element;
+    guarded::Wall wall = guarded::Wall::After;
 } kIndices[] = {
     {bits(0.0f), 1, 0},
     {bits(2.9f), 4, 2},
@@ -39,7 +40,8 @@ const struct {
     {bits(0x1p32f + 512), 600, 512},
     {bits(0x1.fffffep63f), 4, 0},  // the largest float below 2^64
     {bits(0x1p64f), 4, -1},
-    {bits(5.0f), (4 << 20) + 2, 5},  // past the caches, and, at an odd address, not
+    {bits(5.0f), (4 << 20) + 2, 5},  // past the caches, with a head, with an end, and, at an odd address, not
+    {bits(5.0f), (4 << 20) + 2, 5, guarded::Wall::Before},
     {bits(5.0f), (4 << 20) + 3, 5},
 };
 
@@ -50,7 +52,7 @@ TEST(OneHot, SetsTheElementOfATruncatedIndexOrRefusesSilently) {
         // Another one; and, where there are most, equal bytes.
         const uint32_t off = c.depth == 600 ? 0 : 0xFFA0A0A0;
         SCOPED_TRACE(testing::Message() << std::hex << c.bits << " of " << c.depth);
-        guarded::Bytes out(4 * c.depth, guarded::Wall::After, c.depth % 3), index(4, guarded::Wall::After, 1);
+        guarded::Bytes out(4 * c.depth, c.wall, c.depth % 3), index(4, guarded::Wall::After, 1);
         std::memcpy(index.data(), &c.bits, 4);
         uint32_t bytes = 99;
         const uint32_t status = kelRt_oneHot(out.floats(), index.floats(), c.depth, on, off, &bytes);

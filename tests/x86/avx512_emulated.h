@@ -55,6 +55,8 @@ inline __m512 max_ps(__m512 a, __m512 b) {
 // a NaN and a number it is the number.
 inline __m512 range_ps(__m512 a, __m512 b, int control) {
     return each(a, b, [=](float x, float y) {
+        if (control != 4 && control != 5 && control != 10)
+            __builtin_trap();
         if (control == 10) {
             x = std::fabs(x);
             y = std::fabs(y);
@@ -80,6 +82,8 @@ inline __m512 abs_ps(__m512 a) {
 // The comparisons that are used: NaN in either operand, and not at least.
 inline uint16_t cmp_ps_mask(__m512 a, __m512 b, int predicate) {
     const Floats x = as<Floats>(a), y = as<Floats>(b);
+    if (predicate != _CMP_NGE_UQ && predicate != _CMP_UNORD_Q)
+        __builtin_trap();
     unsigned mask = 0;
     for (int i = 0; i < 16; ++i) {
         const bool holds = predicate == _CMP_NGE_UQ ? !(x.v[i] >= y.v[i]) : std::isunordered(x.v[i], y.v[i]);

@@ -1,7 +1,5 @@
 // Array kernels: element-wise arithmetic and normalisation. Blocks of four by the rules of the lanes, the
 // tail in ordinary single precision by the same formula.
-#include <bit>
-
 #include "element.h"
 #include "instruction_sets.h"
 #include "math/blocks.h"
@@ -10,7 +8,7 @@ namespace kelrt::KELRT_SET {
 
 uint32_t kelRt_scalef(const float* in, float* out, float scale, uint32_t n) {
     const auto scaled = [=](auto x) { return mul(x, decltype(x)::splat(scale)); };
-    for_blocks(n, Watching<>{is_normal_or_zero(scale)}, scaled, out, in);
+    for_blocks(n, Watching<>{is_ordinary(scale)}, scaled, out, in);
     const f32* x = in;
     f32* y = out;
     for_tail(n, [=](size_t i) { y[i] = x[i] * scale; });
@@ -69,9 +67,7 @@ uint32_t kelRt_normf(const float* in, const float* gamma, const float* beta, flo
         using F = decltype(x);
         return mul_add(b, g, div(sub(x, F::splat(mean)), F::splat(divisor)));
     };
-    const uint32_t word = std::bit_cast<uint32_t>(divisor);
-    const bool divides_in_short = word >= 0x35800000 && word < 0x49800000;  // from 2^-20 to 2^20
-    const Watching<true> watching = {divides_in_short && is_normal_or_zero(mean)};
+    const Watching<true> watching = {is_ordinary(mean) && is_ordinary(divisor, 0x1p126f)};
     for_blocks(n, watching, norm, out, in, gamma, beta);
     const f32 *x = in, *g = gamma, *b = beta;
     f32* y = out;

@@ -1,22 +1,14 @@
 // Array kernels: scaled conversions between integers and floats. Blocks of eight where the integers are
 // narrower than a lane, of four otherwise.
-#include <bit>
-
 #include "element.h"
 #include "instruction_sets.h"
 #include "math/blocks.h"
 
 namespace kelrt::KELRT_SET {
 
-// Whether the magnitude of a scale is zero or a normal number below the limit.
-static If ordinary(float scale, float limit) {
-    return {is_normal_or_zero(scale) &&
-            (std::bit_cast<uint32_t>(scale) & 0x7FFFFFFF) < std::bit_cast<uint32_t>(limit)};
-}
-
 // An integer is zero or at least 1, so by a scale that is zero or normal it becomes nothing subnormal.
 static If integers_stay_ordinary(float scale) {
-    return ordinary(scale, __builtin_inff());
+    return {is_ordinary(scale)};
 }
 
 static auto scaled_by(float scale) {
@@ -54,7 +46,7 @@ uint32_t kelRt_scaleFtoI8(const float* in, int8_t* out, float scale, uint32_t n)
     const auto converted = [=](auto x) {
         return to_int_trunc(clamp(mul(x, decltype(x)::splat(scale)), -128.0f, 127.0f));
     };
-    for_blocks<8>(n, ordinary(scale, 0x1p126f), converted, out, in);
+    for_blocks<8>(n, If{is_ordinary(scale, 0x1p126f)}, converted, out, in);
     const f32* x = in;
     for_tail<8>(n, [=](size_t i) {
         const float v = x[i] * scale;

@@ -25,26 +25,27 @@ struct Below {
 };
 constexpr Below kNumbers = {0x7F800001u};      // anything but NaN
 constexpr Below kOrdinaryExp = {0x42AC0000u};  // 86: neither e^x nor 1 / (e^x + 1) leaves the normal numbers
-// As kNumbers, for kernels as short as the test: NaN shows in their results.
-struct Numbers {
-    static constexpr bool divides = false;
-};
 // The same for operands of any kind, if only `holds`.
 struct If {
     bool holds;
     static constexpr bool divides = false;
 };
-// Nothing is known: the results tell. But operands that are the same for all blocks are looked at once:
-// whether they are_normal, or zero.
+// As kNumbers, for kernels as short as that test: NaN shows in their results.
+struct Numbers {
+    static constexpr bool divides = false;
+};
+// Nothing is known: what the operations meet tells. But what is the same for all blocks is looked at once, by
+// the kernel: factors and terms have to be ordinary, and divisors below 2^126, so that their reciprocals are.
 template <bool with_division = false>
 struct Watching {
-    bool scalars_are_normal = true;
+    bool scalars_are_ordinary = true;
     static constexpr bool divides = with_division;
 };
-// Not subnormal. By its bits: comparing a subnormal traps where the caller has asked for that.
-inline bool is_normal_or_zero(float x) {
+// Zero, or normal and below the limit in magnitude. By its bits: comparing a subnormal traps where the caller
+// has asked for that.
+inline bool is_ordinary(float x, float limit = __builtin_inff()) {
     const uint32_t magnitude = std::bit_cast<uint32_t>(x) & 0x7FFFFFFF;
-    return magnitude == 0 || magnitude >= 0x00800000;
+    return magnitude == 0 || (magnitude >= 0x00800000 && magnitude < std::bit_cast<uint32_t>(limit));
 }
 
 // What follows a stretch where nothing does.

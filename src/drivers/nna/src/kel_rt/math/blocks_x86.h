@@ -1,6 +1,6 @@
 // for_blocks on x86: blocks as wide as the instruction set, in x86's own arithmetic wherever that and NEON's
 // cannot differ, which a few operations a block tell. What does differ is rare, and done again by the exact
-// lanes. Most kernels need no change of the processor's mode then, which costs 9 ns and sometimes 40.
+// lanes. Most kernels need no change of the processor's mode then, which costs 9 to 130 ns.
 #pragma once
 
 #include <algorithm>
@@ -33,8 +33,9 @@ inline bool caller_has_our_mode() {
 // operation on a subnormal 150 cycles if they are not switched off (Sapphire Rapids: exponentials of them 55
 // times the time of others).
 constexpr uint32_t kLong = 4096;
-// Up to this many elements close looks at all of them cost no more than a change of the mode does.
-constexpr uint32_t kCloselyWatched = 256;
+// Up to this many elements close looks at all of them cost no more than a change of the mode does; and from
+// this many on, what a change costs is little beside what subnormals may cost that a glance at sums misses.
+constexpr uint32_t kCloselyWatched = 256, kLongWatched = 16384;
 // Elements that are done again together, so that an array full of rare values pays for few switches.
 constexpr size_t kRedone = 256;
 
@@ -153,11 +154,11 @@ template <int n, size_t count, class Function, class To, class... In>
 [[gnu::always_inline]] inline bool plain_group(WatchingFlushed, Function f, To out, const In*... in) {
     return watched_group<Watched<n, true, CloseLook<n>>>(std::make_index_sequence<count>(), f, out, in...);
 }
-// A glance, and a close look if that alarmed, as it does at every zero.
 template <int n, size_t count, class Function, class To, class... In>
 [[gnu::noinline]] bool closely_watched_group(Function f, To out, const In*... in) {
     return watched_group<Watched<n, false, CloseLook<n>>>(std::make_index_sequence<count>(), f, out, in...);
 }
+// A glance, and a close look if that alarmed, as it does at every zero.
 template <int n, size_t count, class Function, class To, class... In>
 [[gnu::always_inline]] inline bool plain_group(WatchingAll when, Function f, To out, const In*... in) {
     return watched_group<Watched<n, false, Glance<n>>>(std::make_index_sequence<count>(), f, out, in...) ||
@@ -257,11 +258,20 @@ template <uint32_t block = 4, class When, class Function, class Then, class Out,
             vector_part(all);
     } else {
         // From the first rare value on subnormals are switched off.
-        size_t i = 0;
-        if (when.scalars_are_normal && caller_has_our_mode())
-            i = ordinary_blocks(0, tail, WatchingAll{tail <= kCloselyWatched}, f, then, out, in...);
-        if (i < tail)
-            vector_part([=] { mixed_blocks(i, tail, WatchingFlushed(), exactly, f, then, out, in...); });
+        const auto flushed = [=](size_t i) __attribute__((noinline)) {
+            mixed_blocks(i, tail, WatchingFlushed(), exactly, f, then, out, in...);
+        };
+        const auto watched = [=]() __attribute__((always_inline)) {
+            const WatchingAll all = {tail <= kCloselyWatched};
+            return when.scalars_are_ordinary ? ordinary_blocks(0, tail, all, f, then, out, in...) : 0;
+        };
+        if (tail < kLongWatched && caller_has_our_mode()) {
+            const size_t i = watched();
+            if (i < tail)
+                vector_part([=] { flushed(i); });
+        } else {
+            vector_part([=] { flushed(watched()); });
+        }
     }
     return tail;
 }

@@ -36,18 +36,19 @@ class LaneSums {
 // be subnormal: terms of 2^-103 are multiples of 2^-126, and so are their sums.
 constexpr uint32_t kLeastTerm = 0x0C000000u, kLeastRoot = 0x26000000u;  // 2^-103, 2^-51
 
-// Whether whole blocks can be added up in the caller's mode with the same result: all x - mean are zero or at
+// Whether whole blocks can be added up in the caller's mode with the same result: all term(x) are zero or at
 // least that large. Only asked of short arrays, where it costs less than the change of the mode (16 elements:
 // 12 ns -> 7; 256: 170 -> 80 on Sapphire Rapids).
 #if defined(__SSE2__) && !defined(KELRT_LANES_PORTABLE)
 constexpr size_t kShortSum = 512;
-inline bool sums_stay_normal(const float* x, float mean, size_t count, uint32_t least) {
+template <class Term>
+inline bool sums_stay_normal(const float* x, size_t count, uint32_t least, Term term) {
     if (count > kShortSum || !caller_has_our_mode())
         return false;
     const auto small = [=]<int n>(const float* from, size_t elements) {
         CloseLook<n> seen = {~WordVector<n>{}};
         for (size_t i = 0; i < elements; i += n)
-            seen = both(seen, CloseLook<n>::at(sub(Plain<n>::load(from + i), Plain<n>::splat(mean)).v));
+            seen = both(seen, CloseLook<n>::at(term(Plain<n>::load(from + i)).v));
         return any(reinterpret_cast<WordVector<n>>(seen.least < least - 1));
     };
     const size_t wide = count - count % kWidest;
@@ -55,7 +56,8 @@ inline bool sums_stay_normal(const float* x, float mean, size_t count, uint32_t 
            !small.template operator()<4>(x + wide, count - wide);
 }
 #else
-inline bool sums_stay_normal(const float*, float, size_t, uint32_t) {
+template <class Term>
+inline bool sums_stay_normal(const float*, size_t, uint32_t, Term) {
     return false;
 }
 #endif
@@ -92,7 +94,8 @@ template <size_t count>
 std::array<float, count> sums_of(const Arrays<count>& x, uint32_t n) {
     bool in_any_mode = true;
     for (const float* array : x)
-        in_any_mode = in_any_mode && sums_stay_normal(array, 0.0f, n - n % 4, kLeastTerm);
+        in_any_mode =
+            in_any_mode && sums_stay_normal(array, n - n % 4, kLeastTerm, [](auto value) { return value; });
     std::array<float, count> sums =
         block_sums(x, n, in_any_mode, [](auto sum, auto block, size_t) { return add(sum, block); });
     for (size_t k = 0; k < count; ++k) {
@@ -106,8 +109,12 @@ template <size_t count>
 std::array<float, count> variances_of(const Arrays<count>& x, const std::array<float, count>& means,
                                       uint32_t n) {
     bool in_any_mode = true;
-    for (size_t k = 0; k < count; ++k)
-        in_any_mode = in_any_mode && sums_stay_normal(x[k], means[k], n - n % 4, kLeastRoot);
+    for (size_t k = 0; k < count; ++k) {
+        const auto deviation = [mean = means[k]](auto value) {
+            return sub(value, decltype(value)::splat(mean));
+        };
+        in_any_mode = in_any_mode && sums_stay_normal(x[k], n - n % 4, kLeastRoot, deviation);
+    }
     std::array<float, count> sums = block_sums(x, n, in_any_mode, [&](auto sum, auto block, size_t k) {
         const auto d = sub(block, decltype(block)::splat(means[k]));
         return mul_add(sum, d, d);

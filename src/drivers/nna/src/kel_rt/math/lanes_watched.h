@@ -130,18 +130,22 @@ template <IsWatched A>
 [[gnu::always_inline]] inline void store(void* p, A a) {
     store(p, Plain<A::kLanes>{a.v});
 }
-// What a and b became. A factor wants a look, and whether its product does shows in what follows.
+// What a and b became. A glance at a sum is enough wherever something may have been flushed: where neither
+// operand is due, both have been seen to be far from it. A close look at it misses nothing that its operands
+// hide.
 template <IsWatched A, IsWatched B>
 [[gnu::always_inline]] inline auto sum_of(decltype(A::v) r, A a, B b) {
-    if constexpr (A::Looking::at_operands_of_sums) {
-        const auto seen = both(a.looked_at(), b.looked_at());
-        return A::template result<false>(r, A::template result<!A::flushes>(r, seen).looked_at());
-    } else {
-        const auto seen = both(a.seen, b.seen);
-        return A::template result<false>(r,
-                                         A::template result < A::is_due || B::is_due > (r, seen).looked_at());
-    }
+    constexpr bool closely = A::Looking::at_operands_of_sums;
+    constexpr bool sum_is_due = closely ? !A::flushes : A::is_due || B::is_due;
+    const auto seen = [&] {
+        if constexpr (closely)
+            return both(a.looked_at(), b.looked_at());
+        else
+            return both(a.seen, b.seen);
+    }();
+    return A::template result<false>(r, A::template result<sum_is_due>(r, seen).looked_at());
 }
+// Factors are looked at here, their product where it becomes one or is stored; in a sum it may be hidden.
 template <IsWatched A, IsWatched B>
 [[gnu::always_inline]] inline auto product_of(decltype(A::v) r, A a, B b) {
     return A::template result<true>(r, both(a.looked_at(), b.looked_at()));
@@ -163,10 +167,11 @@ template <IsWatched A, IsWatched B>
     return product_of(a.v / b.v, a, b);
 }
 #if defined(__AVX512F__)
-// By a divisor in 2^-20..2^20 that is the same for all: its reciprocal is a first quotient, and what that
-// leaves, which fused operations give exactly, makes it a neighbour of the true one and then the nearest
-// (Markstein): five operations that follow each other at once where a division takes ten cycles. Quotients
-// that overflow become NaN on the way, which alarms.
+// By what is the same for all, in five operations that follow each other at once where a division takes ten
+// cycles (Markstein). The reciprocal gives a first quotient; what that leaves makes it a neighbour of the
+// true one; and what this leaves, which fused operations give exactly, the nearest. Exactly, since of
+// dividends of 2^-100 and more (zero alarms) whatever is left is a multiple of 2^-149. Where a quotient
+// overflows and where an operand is infinite NaN comes of it, which alarms.
 template <class Seen>
 [[gnu::always_inline]] inline auto div(Watched<16, false, Glance<16>, Seen, false> a,
                                        typename Watched<16, false, Glance<16>>::Same b) {

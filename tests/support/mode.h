@@ -20,8 +20,9 @@ inline void set(Word word) {
     control = static_cast<uint16_t>((control & ~0x3F) | (word >> 7 & 0x3F));
     asm volatile("fldcw %0\n\tldmxcsr %1" : : "m"(control), "m"(word) : "memory");
 }
-// The usual one, toward zero, up, flushing subnormals; and every exception trapping, for vector parts only.
-constexpr Word kScalar[] = {0x1F80, 0x7F80, 0x5F80, 0x9FC0}, kTraps = 0;
+// The usual one, toward zero, up, flushing subnormals, or only results or operands that are; and every
+// exception trapping, for vector parts only.
+constexpr Word kScalar[] = {0x1F80, 0x7F80, 0x5F80, 0x9FC0, 0x9F80, 0x1FC0}, kTraps = 0;
 constexpr Word kBits = 0xFFC0;
 #elif defined(__arm__)
 using Word = uint32_t;

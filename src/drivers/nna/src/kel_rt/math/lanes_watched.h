@@ -130,9 +130,8 @@ template <IsWatched A>
 [[gnu::always_inline]] inline void store(void* p, A a) {
     store(p, Plain<A::kLanes>{a.v});
 }
-// What a and b became. A glance at a sum is enough wherever something may have been flushed: where neither
-// operand is due, both have been seen to be far from it. A close look at it misses nothing that its operands
-// hide.
+// What a and b became. A glance is at the sum alone, and not even at that where neither operand is due: both
+// have been seen to be far from what is flushed. A close look is at the operands, too.
 template <IsWatched A, IsWatched B>
 [[gnu::always_inline]] inline auto sum_of(decltype(A::v) r, A a, B b) {
     constexpr bool closely = A::Looking::at_operands_of_sums;
